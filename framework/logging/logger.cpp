@@ -1,0 +1,218 @@
+#include "framework/logging/logger.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdarg>
+
+#include "framework/system/rsrclockimpl.h"
+#include "framework/utils/advtime.h"
+
+namespace tarn {
+namespace {
+
+constexpr std::uint32_t kDefaultMaxLine = 10000;
+
+// The engine's process-wide state.
+struct LogState {
+  std::optional<std::string> fileName;       // gv_logFileName
+  std::optional<std::string> directory;      // gv_logDirectory
+  std::optional<std::string> filePath;       // gv_logFilePath
+  FilePtr file;                              // gv_logFilePtr
+  std::uint8_t level = kDefaultLogLevel;     // gv_logLevel
+  std::uint32_t maxLine = kDefaultMaxLine;   // gv_maxLine
+  std::uint32_t maxLineCached = 0;           // gv_maxLineCached
+  std::uint32_t currentLineCount = 0;        // gv_currLineCnt
+  std::unique_ptr<char> syncKey;             // gv_logSyncPtr
+  std::optional<std::string> rootDirectory;  // gv_rootDirString
+};
+
+LogState& State() {
+  static LogState state;
+  return state;
+}
+
+void ResetCounters(LogState& state) {
+  state.maxLine = kDefaultMaxLine;
+  state.maxLineCached = 0;
+  state.level = kDefaultLogLevel;
+  state.currentLineCount = 0;
+}
+
+std::string StripTrailingSlashes(std::string path) {
+  while (path.size() > 1 && path.back() == '/') {
+    path.pop_back();
+  }
+  return path;
+}
+
+// The path the log file opens at, creating its directory on the way.
+std::string ChooseLogPath(const LogState& state) {
+  const std::string& name = *state.fileName;
+  if (state.directory) {
+    MakeDirectory(*state.directory);
+    return *state.directory + "/" + name;
+  }
+  if (state.rootDirectory) {
+    MakeDirectory(*state.rootDirectory + "/logs");
+    return *state.rootDirectory + "/logs/" + name;
+  }
+  MakeDirectory("../logs");
+  return "../logs/" + name;
+}
+
+int OpenLogFile(const char* mode) {
+  LogState& state = State();
+  if (state.file) {
+    TraceLogMessage("gv_logFilePtr already Set\n");
+    return 1;
+  }
+  if (!state.fileName) {
+    return 0;
+  }
+  state.filePath = ChooseLogPath(state);
+  state.file.reset(std::fopen(state.filePath->c_str(), mode));
+  if (!state.file) {
+    return 0;
+  }
+  std::fprintf(state.file.get(), "Log open time: %s\n", CurrentDateTimeText().c_str());
+  std::fflush(state.file.get());
+  return 1;
+}
+
+void WriteMessage(std::uint8_t threshold, const char* severity, const char* format,
+                  std::va_list args) {
+  LogState& state = State();
+  if (!state.file || state.level < threshold || !state.syncKey) {
+    return;
+  }
+  ResourceGuard guard(state.syncKey.get());
+  std::FILE* file = state.file.get();
+  std::fprintf(file, "[ %s ] %s ", CurrentDateTimeText().c_str(), severity);
+  std::vfprintf(file, format, args);
+  std::fflush(file);
+}
+
+}  // namespace
+
+int MakeDirectory(const std::string& directory) {
+  if (::mkdir(directory.c_str(), 0777) == 0 || errno == EEXIST) {
+    return 1;
+  }
+  if (errno != ENOENT) {
+    return errno;
+  }
+  const std::string trimmed = StripTrailingSlashes(directory);
+  const auto slash = trimmed.find_last_of('/');
+  if (slash != std::string::npos && slash != 0) {
+    MakeDirectory(trimmed.substr(0, slash));
+  }
+  if (::mkdir(directory.c_str(), 0777) == 0 || errno == EEXIST) {
+    return 1;
+  }
+  return errno;
+}
+
+int InitLogging() {
+  LogState& state = State();
+  if (state.file) {
+    ResetCounters(state);
+    return 1;
+  }
+  if (state.fileName) {
+    return 1;
+  }
+  state.fileName = "quarry.log";
+  state.syncKey = std::make_unique<char>(0);
+  state.directory.reset();
+  state.filePath.reset();
+  ResetCounters(state);
+  return 1;
+}
+
+int SetLoggingParameters(const char* fileName, const char* directory, std::uint32_t maxLine,
+                         std::uint32_t maxLineCached, std::uint8_t level) {
+  LogState& state = State();
+  state.fileName = fileName ? std::optional<std::string>(fileName) : std::nullopt;
+  state.directory = directory ? std::optional<std::string>(directory) : std::nullopt;
+  state.maxLine = maxLine;
+  state.maxLineCached = maxLineCached;
+  state.level = level;
+  return 1;
+}
+
+void SetLogLevel(std::uint8_t level) { State().level = level; }
+
+int SetLogFileName(const char* fileName) {
+  if (fileName == nullptr) {
+    return 0;
+  }
+  State().fileName = fileName;
+  return 1;
+}
+
+int SetLogDirectory(const char* directory) {
+  if (directory == nullptr) {
+    return 0;
+  }
+  State().directory = directory;
+  return 1;
+}
+
+int SetLogRootDirectory(const char* rootDirectory) {
+  if (rootDirectory == nullptr) {
+    return 0;
+  }
+  State().rootDirectory = rootDirectory;
+  return 1;
+}
+
+int SetLogFilePtr(FilePtr file) {
+  if (!file) {
+    return 0;
+  }
+  State().file = std::move(file);
+  return 1;
+}
+
+int StartLoggingAppMode() { return OpenLogFile("a+"); }
+
+int StartLogging() { return OpenLogFile("w"); }
+
+void StopLogging() {
+  LogState& state = State();
+  if (!state.file) {
+    return;
+  }
+  std::fprintf(state.file.get(), "Log close time: %s\n", CurrentDateTimeText().c_str());
+  state.file.reset();
+}
+
+void DeInitLogging() {
+  LogState& state = State();
+  state.fileName.reset();
+  state.directory.reset();
+  state.filePath.reset();
+  state.syncKey.reset();
+}
+
+std::uint8_t GetLogLevelValue() { return State().level; }
+
+std::optional<std::string> GetLogFilePath() { return State().filePath; }
+
+#define TARN_DEFINE_LOG_FUNCTION(name, threshold, severity) \
+  void name(const char* format, ...) {                      \
+    std::va_list args;                                      \
+    va_start(args, format);                                 \
+    WriteMessage(threshold, severity, format, args);        \
+    va_end(args);                                           \
+  }
+
+TARN_DEFINE_LOG_FUNCTION(UserLogMessage, 1, "[INFO]")
+TARN_DEFINE_LOG_FUNCTION(ErrorLogMessage, 2, "[ERROR]")
+TARN_DEFINE_LOG_FUNCTION(DebugLogMessage, 3, "[DEBUG]")
+TARN_DEFINE_LOG_FUNCTION(TraceLogMessage, 4, "[TRACE]")
+
+#undef TARN_DEFINE_LOG_FUNCTION
+
+}  // namespace tarn
