@@ -1,0 +1,162 @@
+// Host facts on Linux: /proc for memory and processes, getifaddrs for addresses.
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <ifaddrs.h>
+#include <netinet/in.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <initializer_list>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include "platform/host/live_host_info.h"
+
+namespace tarn {
+namespace {
+
+std::string FirstLineOf(const std::string& path) {
+  std::ifstream file(path);
+  std::string line;
+  std::getline(file, line);
+  return line;
+}
+
+// "MemFree:  123 kB" lines of /proc/meminfo as byte counts by name.
+std::map<std::string, std::uint64_t> ReadMemInfo() {
+  std::map<std::string, std::uint64_t> bytesByName;
+  std::ifstream file("/proc/meminfo");
+  std::string line;
+  while (std::getline(file, line)) {
+    std::istringstream fields(line);
+    std::string name;
+    std::uint64_t kilobytes = 0;
+    if (fields >> name >> kilobytes && !name.empty() && name.back() == ':') {
+      name.pop_back();
+      bytesByName[name] = kilobytes * 1024;
+    }
+  }
+  return bytesByName;
+}
+
+std::string AddressText(const sockaddr* address) {
+  char text[INET6_ADDRSTRLEN] = {};
+  const void* raw = address->sa_family == AF_INET
+                        ? static_cast<const void*>(&reinterpret_cast<const sockaddr_in*>(address)->sin_addr)
+                        : static_cast<const void*>(&reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr);
+  if (inet_ntop(address->sa_family, raw, text, sizeof text) == nullptr) return {};
+  return text;
+}
+
+bool IsAllDigits(const char* text) {
+  if (*text == '\0') return false;
+  for (; *text != '\0'; ++text) {
+    if (*text < '0' || *text > '9') return false;
+  }
+  return true;
+}
+
+struct IfaddrsFree {
+  void operator()(ifaddrs* list) const { freeifaddrs(list); }
+};
+struct DirClose {
+  void operator()(DIR* directory) const { closedir(directory); }
+};
+
+class LinuxHostInfo final : public HostInfo {
+ public:
+  std::string HostName() override {
+    char name[256] = {};
+    if (gethostname(name, sizeof name - 1) != 0) return {};
+    return name;
+  }
+
+  // Linux has no separate user-visible computer name; systemd keeps an optional "pretty"
+  // host name, and the host name stands in without it.
+  std::string LocalizedName() override {
+    std::ifstream file("/etc/machine-info");
+    std::string line;
+    const std::string prefix = "PRETTY_HOSTNAME=";
+    while (std::getline(file, line)) {
+      if (line.rfind(prefix, 0) != 0) continue;
+      std::string value = line.substr(prefix.size());
+      if (value.size() >= 2 && value.front() == '"' && value.back() == '"') {
+        value = value.substr(1, value.size() - 2);
+      }
+      if (!value.empty()) return value;
+    }
+    return HostName();
+  }
+
+  std::vector<InterfaceAddress> InterfaceAddresses() override {
+    ifaddrs* raw = nullptr;
+    if (getifaddrs(&raw) != 0) return {};
+    const std::unique_ptr<ifaddrs, IfaddrsFree> list(raw);
+    std::vector<InterfaceAddress> addresses;
+    for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
+      if (entry->ifa_addr == nullptr) continue;
+      const int family = entry->ifa_addr->sa_family;
+      if (family != AF_INET && family != AF_INET6) continue;
+      addresses.push_back({entry->ifa_name, family, AddressText(entry->ifa_addr)});
+    }
+    return addresses;
+  }
+
+  // Linux keeps no "wired" count; memory the kernel cannot page out (unevictable and locked
+  // pages, unreclaimable slab, kernel stacks, page tables) stands in for it.
+  std::optional<VmStatistics> VirtualMemoryStatistics() override {
+    const long pageSize = sysconf(_SC_PAGESIZE);
+    const auto memInfo = ReadMemInfo();
+    if (pageSize <= 0 || !memInfo.contains("MemFree")) return std::nullopt;
+    const auto pages = [&](std::initializer_list<const char*> names) {
+      std::uint64_t bytes = 0;
+      for (const char* name : names) {
+        const auto found = memInfo.find(name);
+        if (found != memInfo.end()) bytes += found->second;
+      }
+      return bytes / static_cast<std::uint64_t>(pageSize);
+    };
+    VmStatistics statistics;
+    statistics.pageSize = static_cast<std::uint64_t>(pageSize);
+    statistics.freeCount = pages({"MemFree"});
+    statistics.activeCount = pages({"Active"});
+    statistics.inactiveCount = pages({"Inactive"});
+    statistics.wireCount = pages({"Unevictable", "SUnreclaim", "KernelStack", "PageTables"});
+    return statistics;
+  }
+
+  std::vector<ProcessEntry> ProcessTable() override {
+    const std::unique_ptr<DIR, DirClose> proc(opendir("/proc"));
+    if (!proc) return {};
+    std::vector<ProcessEntry> processes;
+    while (const dirent* entry = readdir(proc.get())) {
+      if (!IsAllDigits(entry->d_name)) continue;
+      // A process that ended since the listing has no comm any more; skip it.
+      std::string name = FirstLineOf(std::string("/proc/") + entry->d_name + "/comm");
+      if (name.empty()) continue;
+      processes.push_back({std::atoi(entry->d_name), std::move(name)});
+    }
+    return processes;
+  }
+
+  // The kernel's short name, the same source as ProcessTable, so the two compare.
+  std::string OwnProcessName() override { return FirstLineOf("/proc/self/comm"); }
+
+  int OwnProcessId() override { return static_cast<int>(getpid()); }
+};
+
+}  // namespace
+
+std::unique_ptr<HostInfo> MakeLiveHostInfo() { return std::make_unique<LinuxHostInfo>(); }
+
+std::string ExecutableShortName() {
+  const char* name = program_invocation_short_name;
+  return name != nullptr && *name != '\0' ? name : "unknown";
+}
+
+}  // namespace tarn

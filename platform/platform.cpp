@@ -1,0 +1,77 @@
+#include "platform/platform.h"
+
+#include <utility>
+
+#include "platform/host/live_host_info.h"
+#include "platform/http/curl_http_transport.h"
+#include "platform/process/posix_tool_runner.h"
+
+namespace tarn {
+namespace {
+
+// Stand-ins for parts a platform was built without: nothing can be launched, no host fact
+// can be had, no request can be sent.
+class NoToolRunner final : public ToolRunner {
+ public:
+  std::optional<std::string> Run(const std::string&, const std::vector<std::string>&,
+                                 WaitPolicy) override {
+    return std::nullopt;
+  }
+  bool RunToFile(const std::string&, const std::vector<std::string>&, const std::string&) override {
+    return false;
+  }
+};
+
+class NoHostInfo final : public HostInfo {
+ public:
+  std::string HostName() override { return {}; }
+  std::string LocalizedName() override { return {}; }
+  std::vector<InterfaceAddress> InterfaceAddresses() override { return {}; }
+  std::optional<VmStatistics> VirtualMemoryStatistics() override { return std::nullopt; }
+  std::vector<ProcessEntry> ProcessTable() override { return {}; }
+  std::string OwnProcessName() override { return {}; }
+  int OwnProcessId() override { return 0; }
+};
+
+class NoHttpTransport final : public HttpTransport {
+ public:
+  HttpResult Send(const HttpRequest&) override {
+    return HttpResult{std::nullopt, HttpError{-1, "no HTTP transport installed"}};
+  }
+};
+
+// The one process-wide platform.
+std::unique_ptr<Platform>& InstalledPlatform() {
+  static std::unique_ptr<Platform> installed;
+  return installed;
+}
+
+}  // namespace
+
+Platform::Platform(std::unique_ptr<ToolRunner> tools, std::unique_ptr<HostInfo> host,
+                   std::unique_ptr<HttpTransport> http)
+    : tools_(tools ? std::move(tools) : std::make_unique<NoToolRunner>()),
+      host_(host ? std::move(host) : std::make_unique<NoHostInfo>()),
+      http_(http ? std::move(http) : std::make_unique<NoHttpTransport>()) {}
+
+Platform& CurrentPlatform() {
+  auto& installed = InstalledPlatform();
+  if (!installed) installed = MakeLivePlatform();
+  return *installed;
+}
+
+std::unique_ptr<Platform> InstallPlatform(std::unique_ptr<Platform> platform) {
+  return std::exchange(InstalledPlatform(), std::move(platform));
+}
+
+std::unique_ptr<Platform> MakeLivePlatform() {
+  return std::make_unique<Platform>(std::make_unique<PosixToolRunner>(), MakeLiveHostInfo(),
+                                    std::make_unique<CurlHttpTransport>());
+}
+
+ScopedPlatform::ScopedPlatform(std::unique_ptr<Platform> platform)
+    : previous_(InstallPlatform(std::move(platform))) {}
+
+ScopedPlatform::~ScopedPlatform() { InstallPlatform(std::move(previous_)); }
+
+}  // namespace tarn

@@ -1,0 +1,162 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tarn {
+
+// ---- Running the reporting tools.
+
+enum class WaitPolicy {
+  kBounded,    // wait in steps (30 one-second steps by default), then terminate the tool
+  kUnbounded,  // wait until the tool ends
+};
+
+class ToolRunner {
+ public:
+  virtual ~ToolRunner() = default;
+
+  // Runs the executable at launchPath (no shell, no PATH search) with the arguments; its
+  // standard error is inherited. Gives its standard output, or nothing when it could not be
+  // launched or the output is not valid UTF-8. A bounded run that outlasts its steps is
+  // terminated and gives what it wrote until then. Never raises.
+  virtual std::optional<std::string> Run(const std::string& launchPath,
+                                         const std::vector<std::string>& arguments,
+                                         WaitPolicy wait) = 0;
+
+  // Runs the tool until it ends with its standard output written to outputPath, which is
+  // created afresh with mode 0600 (an existing regular file is replaced; a link or anything
+  // else at the path makes the call fail untouched). True when the tool ran and ended with
+  // exit status 0; the file keeps whatever the tool wrote either way. Never raises.
+  virtual bool RunToFile(const std::string& launchPath, const std::vector<std::string>& arguments,
+                         const std::string& outputPath) = 0;
+};
+
+// ---- Facts about this computer.
+
+struct InterfaceAddress {
+  std::string name;     // "en0"
+  int family = 0;       // address family; 2 is IPv4 on every platform
+  std::string address;  // "192.168.1.20"
+};
+
+// Page counts of the virtual-memory statistics.
+struct VmStatistics {
+  std::uint64_t pageSize = 0;  // bytes
+  std::uint64_t freeCount = 0;
+  std::uint64_t activeCount = 0;
+  std::uint64_t inactiveCount = 0;
+  std::uint64_t wireCount = 0;
+};
+
+struct ProcessEntry {
+  int pid = 0;
+  std::string name;  // the short name the kernel keeps
+};
+
+class HostInfo {
+ public:
+  virtual ~HostInfo() = default;
+
+  // The host name as gethostname reports it ("Office-Mac.local"); empty on failure.
+  virtual std::string HostName() = 0;
+  // The user-visible computer name ("Alice's MacBook Pro"); empty on failure.
+  virtual std::string LocalizedName() = 0;
+  // The interface address list in the system's order; empty on failure.
+  virtual std::vector<InterfaceAddress> InterfaceAddresses() = 0;
+  // Nothing when the statistics call failed.
+  virtual std::optional<VmStatistics> VirtualMemoryStatistics() = 0;
+  // Every process of the computer; empty on failure.
+  virtual std::vector<ProcessEntry> ProcessTable() = 0;
+  // This process's name, comparable with the names of ProcessTable.
+  virtual std::string OwnProcessName() = 0;
+  virtual int OwnProcessId() = 0;
+};
+
+// ---- HTTP.
+
+using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
+
+struct HttpRequest {
+  std::string method = "GET";
+  std::string url;
+  HttpHeaders headers;
+  std::string body;
+  int timeoutSeconds = 60;
+  bool acceptAnyCertificate = false;  // skip TLS peer and host verification
+};
+
+struct HttpResponse {
+  long status = 0;
+  HttpHeaders headers;  // in the order received; names as the server wrote them
+  std::string body;
+};
+
+struct HttpError {
+  long code = 0;  // the transport's error code (libcurl's CURLcode for the live transport)
+  std::string text;
+};
+
+// Exactly one of response and error is set.
+struct HttpResult {
+  std::optional<HttpResponse> response;
+  std::optional<HttpError> error;
+};
+
+class HttpTransport {
+ public:
+  virtual ~HttpTransport() = default;
+  // One synchronous request. A server answer of any status is a response; no answer
+  // (connection, TLS, time-out) is an error. Never raises.
+  virtual HttpResult Send(const HttpRequest& request) = 0;
+};
+
+// ---- The process-wide seam.
+
+// The operating system as the rest of the program sees it. Owns its three parts; a part given
+// as null is replaced by a stand-in that launches nothing, knows no host fact (empty names,
+// no statistics) and answers every request with an error, so a test fakes only what it needs.
+class Platform {
+ public:
+  Platform(std::unique_ptr<ToolRunner> tools, std::unique_ptr<HostInfo> host,
+           std::unique_ptr<HttpTransport> http);
+
+  ToolRunner& Tools() { return *tools_; }
+  HostInfo& Host() { return *host_; }
+  HttpTransport& Http() { return *http_; }
+
+ private:
+  std::unique_ptr<ToolRunner> tools_;
+  std::unique_ptr<HostInfo> host_;
+  std::unique_ptr<HttpTransport> http_;
+};
+
+// The installed platform. When none was installed the live one is installed on first use.
+Platform& CurrentPlatform();
+
+// Installs the platform for the rest of the process and gives back the one it replaces
+// (absent when none was installed). Used by the driver at start-up.
+std::unique_ptr<Platform> InstallPlatform(std::unique_ptr<Platform> platform);
+
+// The live platform of this operating system.
+std::unique_ptr<Platform> MakeLivePlatform();
+
+// For tests: installs a platform for the lifetime of the guard and puts the previous one back.
+class ScopedPlatform {
+ public:
+  explicit ScopedPlatform(std::unique_ptr<Platform> platform);
+  ~ScopedPlatform();
+  ScopedPlatform(const ScopedPlatform&) = delete;
+  ScopedPlatform& operator=(const ScopedPlatform&) = delete;
+
+  Platform& platform() { return CurrentPlatform(); }
+
+ private:
+  std::unique_ptr<Platform> previous_;
+};
+
+}  // namespace tarn

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/platform.h"
+
+namespace tarn {
+
+// The live tool runner: posix_spawn (never a shell), standard output through a pipe that is
+// read while the tool runs, so a tool printing more than a pipe holds never stalls. The tool's
+// standard input is /dev/null and its standard error is this process's. Every child is reaped.
+//
+// A bounded run waits in steps: after each step the tool is terminated if this was step
+// number stepLimit (counting from 0), so the longest wait is stepLimit + 1 steps; otherwise
+// the wait ends once the tool has ended. Termination is SIGTERM, then SIGKILL when the tool
+// is still there after the grace period. The output written until then is kept.
+class PosixToolRunner final : public ToolRunner {
+ public:
+  struct Timing {
+    std::chrono::milliseconds stepLength{1000};
+    int stepLimit = 30;
+    std::chrono::milliseconds terminationGrace{2000};
+  };
+
+  PosixToolRunner() = default;
+  explicit PosixToolRunner(Timing timing) : timing_(timing) {}
+
+  std::optional<std::string> Run(const std::string& launchPath,
+                                 const std::vector<std::string>& arguments,
+                                 WaitPolicy wait) override;
+  bool RunToFile(const std::string& launchPath, const std::vector<std::string>& arguments,
+                 const std::string& outputPath) override;
+
+ private:
+  Timing timing_;
+};
+
+}  // namespace tarn
