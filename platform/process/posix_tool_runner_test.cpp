@@ -1,0 +1,139 @@
+#include "platform/process/posix_tool_runner.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "platform/file/file_util.h"
+
+namespace tarn {
+namespace {
+
+using std::chrono::milliseconds;
+
+// The shell is only the tool under test here: it plays a reporting tool that behaves badly.
+const std::string kShell = "/bin/sh";
+
+std::optional<std::string> RunScript(PosixToolRunner& runner, const std::string& script,
+                                     WaitPolicy wait = WaitPolicy::kBounded) {
+  return runner.Run(kShell, {"-c", script}, wait);
+}
+
+bool NoChildLeft() {
+  errno = 0;
+  return ::waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD;
+}
+
+PosixToolRunner ShortStepRunner() {
+  return PosixToolRunner(PosixToolRunner::Timing{milliseconds(50), 30, milliseconds(500)});
+}
+
+TEST(PosixToolRunnerTest, CapturesOutputAndPassesArgumentsWithoutAShell) {
+  PosixToolRunner runner;
+  // The argument with a blank and a quote arrives as one word, untouched.
+  EXPECT_EQ(runner.Run(kShell, {"-c", "printf '%s|' \"$@\"", "sh", " ", "a 'b'"}, WaitPolicy::kBounded),
+            " |a 'b'|");
+  EXPECT_EQ(RunScript(runner, "true"), "");
+  // A failing tool's output still counts: only launch failures and bad text give nothing.
+  EXPECT_EQ(RunScript(runner, "echo partial; exit 3"), "partial\n");
+  // Standard input is not this process's.
+  EXPECT_EQ(RunScript(runner, "cat"), "");
+  EXPECT_TRUE(NoChildLeft());
+}
+
+TEST(PosixToolRunnerTest, LargeOutputDoesNotStallInEitherMode) {
+  PosixToolRunner runner = ShortStepRunner();
+  const std::string script = "head -c 1048576 /dev/zero | tr '\\0' a";
+  for (WaitPolicy wait : {WaitPolicy::kBounded, WaitPolicy::kUnbounded}) {
+    const auto output = RunScript(runner, script, wait);
+    ASSERT_TRUE(output.has_value());
+    EXPECT_EQ(output->size(), 1048576u);
+    EXPECT_EQ(output->find_first_not_of('a'), std::string::npos);
+  }
+  EXPECT_TRUE(NoChildLeft());
+}
+
+TEST(PosixToolRunnerTest, HangingToolIsTerminatedAfterTheLastStepAndKeepsItsOutput) {
+  PosixToolRunner runner = ShortStepRunner();
+  const auto started = std::chrono::steady_clock::now();
+  const auto output = RunScript(runner, "echo partial; exec sleep 60");
+  const auto elapsed = std::chrono::steady_clock::now() - started;
+  EXPECT_EQ(output, "partial\n");
+  EXPECT_GE(elapsed, milliseconds(31 * 50));
+  EXPECT_LT(elapsed, milliseconds(5000));
+
+  // A tool that ignores SIGTERM is killed after the grace period.
+  EXPECT_EQ(RunScript(runner, "trap '' TERM; echo stubborn; while :; do sleep 1; done"),
+            "stubborn\n");
+
+  // A process the tool leaves behind holding the pipe open does not keep the runner waiting.
+  const auto leftBehindStart = std::chrono::steady_clock::now();
+  EXPECT_EQ(RunScript(runner, "sleep 3 & echo done"), "done\n");
+  EXPECT_LT(std::chrono::steady_clock::now() - leftBehindStart, milliseconds(2500));
+  EXPECT_TRUE(NoChildLeft());
+}
+
+TEST(PosixToolRunnerTest, InvalidUtf8OrMissingExecutableGivesNothing) {
+  PosixToolRunner runner;
+  EXPECT_EQ(RunScript(runner, "printf 'caf\\351'"), std::nullopt);
+  EXPECT_EQ(RunScript(runner, "printf 'caf\\303\\251'"), "caf\xC3\xA9");
+  EXPECT_EQ(runner.Run("/nonexistent/tool", {}, WaitPolicy::kBounded), std::nullopt);
+  EXPECT_EQ(runner.Run("/etc/passwd", {}, WaitPolicy::kBounded), std::nullopt);  // not executable
+  EXPECT_FALSE(runner.RunToFile("/nonexistent/tool", {}, "/dev/null/x"));
+  EXPECT_TRUE(NoChildLeft());
+}
+
+class RunToFileTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    directory_ = std::filesystem::temp_directory_path() /
+                 ("tool_runner_test_" + std::to_string(::getpid()));
+    std::filesystem::create_directories(directory_);
+  }
+  void TearDown() override { std::filesystem::remove_all(directory_); }
+  std::string PathOf(const std::string& name) const { return (directory_ / name).string(); }
+
+  std::filesystem::path directory_;
+  PosixToolRunner runner_;
+};
+
+TEST_F(RunToFileTest, WritesAFreshPrivateFileAndReplacesAnOldOne) {
+  const std::string output = PathOf("inv-apps.plist");
+  { std::ofstream(output) << "stale content that is longer than the new one"; }
+  ASSERT_TRUE(runner_.RunToFile(kShell, {"-c", "echo fresh"}, output));
+  EXPECT_EQ(ReadWholeFile(output), "fresh\n");
+  struct stat info {};
+  ASSERT_EQ(::stat(output.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 07777, 0600u);
+
+  EXPECT_FALSE(runner_.RunToFile(kShell, {"-c", "echo failing; exit 1"}, output));
+  EXPECT_EQ(ReadWholeFile(output), "failing\n");
+  EXPECT_TRUE(NoChildLeft());
+}
+
+TEST_F(RunToFileTest, RefusesAPlantedLinkAndLeavesItsTargetAlone) {
+  const std::string target = PathOf("precious");
+  { std::ofstream(target) << "keep me"; }
+  const std::string output = PathOf("volumes.plist");
+  std::filesystem::create_symlink(target, output);
+
+  EXPECT_FALSE(runner_.RunToFile(kShell, {"-c", "echo overwritten"}, output));
+  EXPECT_EQ(ReadWholeFile(target), "keep me");
+  EXPECT_TRUE(std::filesystem::is_symlink(output));
+
+  // A dangling link is refused too: following it would create the file elsewhere.
+  const std::string dangling = PathOf("disk0s2.plist");
+  std::filesystem::create_symlink(PathOf("elsewhere"), dangling);
+  EXPECT_FALSE(runner_.RunToFile(kShell, {"-c", "echo x"}, dangling));
+  EXPECT_FALSE(std::filesystem::exists(PathOf("elsewhere")));
+}
+
+}  // namespace
+}  // namespace tarn

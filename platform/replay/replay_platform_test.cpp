@@ -1,0 +1,128 @@
+#include "platform/replay/replay_platform.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "platform/file/file_util.h"
+#include "platform/plist/plist_io.h"
+
+namespace tarn {
+namespace {
+
+const std::string kSampleMachine = std::string(TARN_SOURCE_DIR) + "/testdata/machines/macbook-sample";
+
+class ReplayPlatformTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    directory_ = std::filesystem::temp_directory_path() /
+                 ("replay_platform_test_" + std::to_string(::getpid()));
+    std::filesystem::create_directories(directory_);
+  }
+  void TearDown() override { std::filesystem::remove_all(directory_); }
+
+  void WriteFile(const std::string& name, const std::string& content) const {
+    std::ofstream(directory_ / name, std::ios::binary) << content;
+  }
+  std::string PathOf(const std::string& name) const { return (directory_ / name).string(); }
+
+  std::filesystem::path directory_;
+};
+
+TEST_F(ReplayPlatformTest, AnswersRecordedCommandsExactlyAndNothingElse) {
+  const auto platform = MakeReplayPlatform(kSampleMachine);
+  ASSERT_NE(platform, nullptr);
+  ToolRunner& tools = platform->Tools();
+  EXPECT_EQ(tools.Run("/usr/bin/sw_vers", {"-productVersion"}, WaitPolicy::kUnbounded), "14.4.1\n");
+  EXPECT_EQ(tools.Run("/usr/bin/users", {" "}, WaitPolicy::kUnbounded), "alice\n");
+
+  const auto hardware =
+      tools.Run("/usr/sbin/system_profiler", {"-xml", "SPHardwareDataType"}, WaitPolicy::kBounded);
+  ASSERT_TRUE(hardware.has_value());
+  const PlistPtr item = ObjectAtIndex(ValueForKey(ObjectAtIndex(ParsePlist(*hardware), 0), "_items"), 0);
+  ASSERT_NE(item, nullptr);
+  EXPECT_EQ(item->ValueForKey("serial_number")->String(), "C02TEST0MD6T");
+
+  // Different arguments, argument order or launch path: not recorded, so not launched.
+  EXPECT_EQ(tools.Run("/usr/bin/sw_vers", {"-productversion"}, WaitPolicy::kBounded), std::nullopt);
+  EXPECT_EQ(tools.Run("/usr/sbin/system_profiler", {"SPHardwareDataType", "-xml"},
+                      WaitPolicy::kBounded),
+            std::nullopt);
+  EXPECT_EQ(tools.Run("/usr/bin/users", {}, WaitPolicy::kBounded), std::nullopt);
+  EXPECT_EQ(tools.Run("/bin/sh", {"-c", "echo live"}, WaitPolicy::kBounded), std::nullopt);
+
+  const std::string copy = PathOf("inv-hardware.plist");
+  EXPECT_TRUE(tools.RunToFile("/usr/sbin/system_profiler", {"-xml", "SPHardwareDataType"}, copy));
+  EXPECT_EQ(ReadWholeFile(copy), hardware);
+  EXPECT_FALSE(tools.RunToFile("/usr/sbin/diskutil", {"list", "-plist"}, PathOf("volumes.plist")));
+}
+
+TEST_F(ReplayPlatformTest, HostFactsComeFromTheRecordingButProcessesStayLive) {
+  const auto platform = MakeReplayPlatform(kSampleMachine);
+  ASSERT_NE(platform, nullptr);
+  HostInfo& host = platform->Host();
+  EXPECT_EQ(host.HostName(), "Office-Mac.local");
+  EXPECT_EQ(host.LocalizedName(), "Alice\xE2\x80\x99s MacBook Pro");
+  const auto interfaces = host.InterfaceAddresses();
+  ASSERT_EQ(interfaces.size(), 3u);
+  EXPECT_EQ(interfaces[2].name, "en0");
+  EXPECT_EQ(interfaces[2].family, 2);
+  EXPECT_EQ(interfaces[2].address, "192.168.1.23");
+  const auto statistics = host.VirtualMemoryStatistics();
+  ASSERT_TRUE(statistics.has_value());
+  EXPECT_EQ(statistics->pageSize, 4096u);
+  EXPECT_EQ(statistics->freeCount, 392411u);
+  EXPECT_EQ(statistics->wireCount, 611287u);
+
+  EXPECT_EQ(host.OwnProcessId(), ::getpid());
+  bool foundSelf = false;
+  for (const auto& process : host.ProcessTable()) {
+    foundSelf = foundSelf || (process.pid == ::getpid() && process.name == host.OwnProcessName());
+  }
+  EXPECT_TRUE(foundSelf);
+}
+
+TEST_F(ReplayPlatformTest, MissingFactsAndDamagedEntriesReadAsFailures) {
+  WriteFile("manifest.plist",
+            "<plist><dict><key>commands</key><array>"
+            "<dict><key>launchPath</key><string>/usr/bin/a</string>"
+            "<key>output</key><string>../escape.txt</string></dict>"
+            "<dict><key>launchPath</key><string>/usr/bin/b</string>"
+            "<key>output</key><string>gone.txt</string></dict>"
+            "<dict><key>launchPath</key><string>/usr/bin/c</string>"
+            "<key>output</key><string>latin1.txt</string></dict>"
+            "<dict><key>launchPath</key><string>/usr/bin/d</string>"
+            "<key>output</key><string>d.txt</string><key>exitCode</key><integer>1</integer></dict>"
+            "<string>not an entry</string>"
+            "</array><key>host</key><dict><key>hostName</key><string>build01.lan</string>"
+            "<key>vmStatistics</key><dict><key>pageSize</key><integer>4096</integer></dict>"
+            "</dict></dict></plist>");
+  WriteFile("latin1.txt", "caf\xE9");
+  WriteFile("d.txt", "recorded despite failing\n");
+  const auto platform = MakeReplayPlatform(directory_.string());
+  ASSERT_NE(platform, nullptr);
+  ToolRunner& tools = platform->Tools();
+  EXPECT_EQ(tools.Run("/usr/bin/a", {}, WaitPolicy::kBounded), std::nullopt);
+  EXPECT_EQ(tools.Run("/usr/bin/b", {}, WaitPolicy::kBounded), std::nullopt);
+  EXPECT_EQ(tools.Run("/usr/bin/c", {}, WaitPolicy::kBounded), std::nullopt);
+  EXPECT_EQ(tools.Run("/usr/bin/d", {}, WaitPolicy::kBounded), "recorded despite failing\n");
+  EXPECT_FALSE(tools.RunToFile("/usr/bin/d", {}, PathOf("d-copy.txt")));
+  EXPECT_EQ(ReadWholeFile(PathOf("d-copy.txt")), "recorded despite failing\n");
+
+  HostInfo& host = platform->Host();
+  EXPECT_EQ(host.HostName(), "build01.lan");
+  EXPECT_EQ(host.LocalizedName(), "");
+  EXPECT_TRUE(host.InterfaceAddresses().empty());
+  EXPECT_FALSE(host.VirtualMemoryStatistics().has_value());  // incomplete statistics
+
+  EXPECT_EQ(MakeReplayPlatform(PathOf("no-such-machine")), nullptr);
+  std::filesystem::create_directories(directory_ / "array");
+  WriteFile("array/manifest.plist", "<plist><array/></plist>");
+  EXPECT_EQ(MakeReplayPlatform(PathOf("array")), nullptr);
+}
+
+}  // namespace
+}  // namespace tarn
