@@ -1,0 +1,36 @@
+#include "tarnutils/src/TarnStringutil.h"
+
+namespace tarn {
+namespace {
+
+bool IsControl(unsigned char c) { return (c >= 1 && c <= 31) || c == 127; }
+
+}  // namespace
+
+std::optional<std::string> alterChars(const char* text) {
+  if (text == nullptr) {
+    return std::nullopt;
+  }
+  std::string cleaned;
+  for (const char* p = text; *p != '\0' && !IsControl(static_cast<unsigned char>(*p)); ++p) {
+    switch (*p) {
+      case '&':
+        cleaned += "&amp;";
+        break;
+      case '<':
+        cleaned += "&lt;";
+        break;
+      case '>':
+        cleaned += "&gt;";
+        break;
+      case '"':
+        cleaned += "&quot;";
+        break;
+      default:
+        cleaned += *p;
+    }
+  }
+  return cleaned;
+}
+
+}  // namespace tarn

@@ -1,0 +1,15 @@
+// Text cleaning for values recorded in the inventory tables.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace tarn {
+
+// Writes "&", "<", ">" and the double quote as their XML escapes and ends the
+// text at its first control character (1 to 31 or 127), which is dropped with
+// everything after it. The apostrophe and bytes of 128 and above are kept.
+// A null text gives nothing.
+std::optional<std::string> alterChars(const char* text);
+
+}  // namespace tarn

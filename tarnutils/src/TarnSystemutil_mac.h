@@ -1,0 +1,81 @@
+// System utilities of the agent: names and addresses of this computer, the
+// operating system's texts, the logged-on users, the single-instance guard,
+// date and time texts, small file operations and the tool runners. Facts
+// come from the installed platform (CurrentPlatform()); nothing here raises.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tarn {
+
+using DWORD = std::uint32_t;
+
+// Lower-case host name with every ".local" removed.
+std::string GetComputerFullName();
+// The full name up to its first ".".
+std::string GetComputerName();
+
+// This computer's IPv4 addresses joined with ",", loopback excluded, in the
+// platform's interface order; at most 254 characters.
+std::string getIPAddress();
+std::string GetLocalIPAddress();
+
+// The first DNS domain of a network service with IPv4 addresses in the
+// network report, without a trailing "."; nothing when there is none.
+std::optional<std::string> getDNSDomainName();
+
+// Logged-on user names joined with "," (a "DOMAIN\\user" piece keeps "user");
+// nothing when the users tool gives no name.
+std::optional<std::string> GetLoggedOnUsers();
+
+// The cleaned output of sw_vers -productVersion / -productName.
+std::optional<std::string> GetOSVersion();
+std::optional<std::string> GetOSName();
+// "<product name> - <release name>" and "Mac OS X - <release name> <version>".
+std::string GetOSNameString();
+std::string GetOS_SPName();
+
+// True when the running version reaches minimum, comparing the components
+// one by one (a greater earlier component does not decide; see the code).
+bool checkOSCompatibility(const std::string& minimum);
+// The same rule on explicit version texts.
+bool IsVersionAtLeast(const std::string& running, const std::string& minimum);
+
+// True when another process of this process's name runs on this computer.
+bool CheckIfCurrentProcessAlreadyRunning();
+
+// Local time "HH:mm:ss" and local date "dd-MM-yyyy".
+std::string GetCurrTime();
+std::string GetCurrDateString();
+// Seconds since 1970-01-01 UTC, as a number and as "%ld" text.
+long GetLocalTimeInLong();
+std::string GetLocalTimeInLongStr();
+
+bool isFileExists(const std::string& path);
+// 0 when the file was created or already exists, 1 on failure.
+DWORD CreateFile(const std::string& path);
+// Removes "<folder>/<name>" (or name). 0 when removed or absent, 1 on failure.
+DWORD RemoveFile(const std::string& name, const std::optional<std::string>& folder = std::nullopt);
+// Creates the folder with its missing parents. 0 on success or when it exists, 1 on failure.
+DWORD CreateDirectory(const std::string& path);
+// Copies a file or folder. 0 on success, 1 on failure (see the messages).
+DWORD CopyFileFolder(const std::string& source, const std::string& destination, bool replace);
+
+// Runs a tool with the bounded wait (terminated after its 30th one-second
+// step, partial output kept). Nothing when it could not run or its output is
+// not UTF-8.
+std::optional<std::string> GetOutputForExecution(const std::string& launchPath,
+                                                 const std::vector<std::string>& arguments);
+
+// The agent utility's own runner: waits for the tool without a limit.
+class TarnUtil {
+ public:
+  std::optional<std::string> GetOutputForExecution(const std::string& launchPath,
+                                                   const std::vector<std::string>& arguments);
+};
+
+}  // namespace tarn

@@ -1,0 +1,157 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <regex>
+
+#include "tarnutils/src/TarnStringutil.h"
+#include "tarnutils/src/TarnSystemutil_mac.h"
+#include "tarnutils/src/testutil.h"
+
+namespace tarn {
+namespace {
+
+using testing::FakePlatform;
+using testing::TempDir;
+namespace fs = std::filesystem;
+
+TEST(AlterChars, EscapesAndEndsAtTheFirstControlCharacter) {
+  EXPECT_EQ(*alterChars("\"&<"), "&quot;&amp;&lt;");
+  EXPECT_EQ(alterChars("\"&<")->size(), 15u);
+  EXPECT_EQ(*alterChars("a>b"), "a&gt;b");
+  EXPECT_EQ(*alterChars("abc\n"), "abc");
+  EXPECT_EQ(*alterChars("a\tb"), "a");
+  EXPECT_EQ(*alterChars("x\x7fy"), "x");
+  EXPECT_EQ(*alterChars("it's caf\xc3\xa9"), "it's caf\xc3\xa9");
+  EXPECT_EQ(*alterChars(""), "");
+  EXPECT_FALSE(alterChars(nullptr));
+}
+
+TEST(ComputerNames, FullAndFlatNamesAndAddresses) {
+  FakePlatform fake;
+  fake.host().hostName = "Office-Mac.local";
+  EXPECT_EQ(GetComputerFullName(), "office-mac");
+  EXPECT_EQ(GetComputerName(), "office-mac");
+  fake.host().hostName = "Build01.lan";
+  EXPECT_EQ(GetComputerName(), "build01");
+  fake.host().hostName = "a.local.b.local";
+  EXPECT_EQ(GetComputerFullName(), "a.b");
+
+  fake.host().interfaces = {{"lo0", 2, "127.0.0.1"},
+                            {"lo", 2, "127.0.0.1"},
+                            {"en0", 2, "192.168.1.20"},
+                            {"en0", 30, "fe80::1"},
+                            {"en1", 2, "10.0.0.5"}};
+  EXPECT_EQ(GetLocalIPAddress(), "192.168.1.20,10.0.0.5");
+  fake.host().interfaces.clear();
+  EXPECT_EQ(getIPAddress(), "");
+}
+
+TEST(LoggedOnUsers, SplitsCleansAndKeepsDuplicates) {
+  FakePlatform fake;
+  fake.tools().outputs["/usr/bin/users  "] = "alice bob CORP\\carol alice\n";
+  EXPECT_EQ(*GetLoggedOnUsers(), "alice,bob,carol,alice");
+  fake.tools().outputs["/usr/bin/users  "] = "\n";
+  EXPECT_FALSE(GetLoggedOnUsers());
+  fake.tools().outputs.clear();
+  EXPECT_FALSE(GetLoggedOnUsers());
+}
+
+TEST(OsTexts, ReleaseNamesByVersionPrefix) {
+  FakePlatform fake;
+  auto setVersion = [&](const std::string& version) {
+    fake.tools().outputs["/usr/bin/sw_vers -productVersion"] = version + "\n";
+    fake.tools().outputs["/usr/bin/sw_vers -productName"] = "Mac OS X\n";
+  };
+  setVersion("10.11.6");
+  EXPECT_EQ(*GetOSVersion(), "10.11.6");
+  EXPECT_EQ(GetOSNameString(), "Mac OS X - El Capitan");
+  EXPECT_EQ(GetOS_SPName(), "Mac OS X - El Capitan 10.11.6");
+  setVersion("10.12.6");
+  EXPECT_EQ(GetOSNameString(), "Mac OS X - Sierra");
+  EXPECT_EQ(GetOS_SPName(), "Mac OS X - Sierra 10.12.6");
+  setVersion("10.10.5");  // "10.1" is no prefix in the table: Yosemite, not a mis-match
+  EXPECT_EQ(GetOSNameString(), "Mac OS X - Yosemite");
+  setVersion("13.4");
+  EXPECT_EQ(GetOSNameString(), "Mac OS X - Unknown");
+  EXPECT_EQ(GetOS_SPName(), "13.4 - Unknown");
+}
+
+TEST(OsTexts, ComponentWiseMinimumVersion) {
+  EXPECT_TRUE(IsVersionAtLeast("10.12", "10.12"));
+  EXPECT_FALSE(IsVersionAtLeast("10.11.6", "10.12"));
+  EXPECT_TRUE(IsVersionAtLeast("10.13.1", "10.12"));
+  EXPECT_FALSE(IsVersionAtLeast("11.0", "10.12"));  // each component on its own
+  EXPECT_TRUE(IsVersionAtLeast("10", "10.12"));     // running version ran out
+
+  FakePlatform fake;
+  fake.tools().outputs["/usr/bin/sw_vers -productVersion"] = "10.14.6\n";
+  EXPECT_TRUE(checkOSCompatibility("10.12"));
+}
+
+TEST(SingleInstanceGuard, AnotherProcessOfTheSameName) {
+  FakePlatform fake;
+  fake.host().processes = {{1, "launchd"}, {100, "tarninventory"}};
+  EXPECT_FALSE(CheckIfCurrentProcessAlreadyRunning());
+  fake.host().processes.push_back({200, "tarninventory"});
+  EXPECT_TRUE(CheckIfCurrentProcessAlreadyRunning());
+  fake.host().processes = {{200, "tarninventoryX"}};
+  EXPECT_FALSE(CheckIfCurrentProcessAlreadyRunning());
+}
+
+TEST(DnsDomain, FirstServiceWithAddressesAndDomain) {
+  FakePlatform fake;
+  const std::string report = R"(<?xml version="1.0" encoding="UTF-8"?>
+<plist version="1.0"><array><dict><key>_items</key><array>
+<dict><key>_name</key><string>Wi-Fi</string>
+  <key>DNS</key><dict><key>DomainName</key><string>ignored.example.</string></dict></dict>
+<dict><key>_name</key><string>Ethernet</string>
+  <key>IPv4</key><dict><key>Addresses</key><array><string>10.1.2.3</string></array></dict>
+  <key>DNS</key><dict><key>DomainName</key><string>corp.example.com.</string></dict></dict>
+</array></dict></array></plist>)";
+  fake.tools().outputs["/usr/sbin/system_profiler -xml SPNetworkDataType"] = report;
+  EXPECT_EQ(*getDNSDomainName(), "corp.example.com");
+  fake.tools().outputs["/usr/sbin/system_profiler -xml SPNetworkDataType"] =
+      "<plist version=\"1.0\"><array/></plist>";
+  EXPECT_FALSE(getDNSDomainName());  // element 0 of an empty report raises inside
+  fake.tools().outputs.clear();
+  EXPECT_FALSE(getDNSDomainName());
+}
+
+TEST(FileHelpers, CreateRemoveCopy) {
+  TempDir dir("fileutil");
+  const std::string file = dir.str() + "/a.txt";
+  EXPECT_EQ(CreateFile(file), 0u);
+  EXPECT_TRUE(isFileExists(file));
+  EXPECT_EQ(CreateFile(file), 0u);
+  EXPECT_EQ(CreateFile(dir.str() + "/missing/x"), 1u);
+
+  EXPECT_EQ(CreateDirectory(dir.str() + "/p/q/r"), 0u);
+  EXPECT_TRUE(fs::is_directory(dir.path() / "p/q/r"));
+  EXPECT_EQ(CreateDirectory(dir.str() + "/p/q/r"), 0u);
+
+  std::ofstream(file) << "content";
+  const std::string copy = dir.str() + "/new/sub/b.txt";
+  EXPECT_EQ(CopyFileFolder(file, copy, false), 0u);
+  EXPECT_EQ(CopyFileFolder(file, copy, false), 1u);  // exists, no replace
+  std::ofstream(file) << "changed";
+  EXPECT_EQ(CopyFileFolder(file, copy, true), 0u);
+  std::ifstream in(copy);
+  std::string text;
+  in >> text;
+  EXPECT_EQ(text, "changed");
+  EXPECT_EQ(CopyFileFolder(dir.str() + "/nothing", dir.str() + "/c.txt", true), 1u);
+
+  EXPECT_EQ(RemoveFile("b.txt", dir.str() + "/new/sub"), 0u);
+  EXPECT_FALSE(isFileExists(copy));
+  EXPECT_EQ(RemoveFile(copy), 0u);  // already absent
+}
+
+TEST(TimeTexts, Shapes) {
+  EXPECT_TRUE(std::regex_match(GetCurrTime(), std::regex(R"(\d{2}:\d{2}:\d{2})")));
+  EXPECT_TRUE(std::regex_match(GetCurrDateString(), std::regex(R"(\d{2}-\d{2}-\d{4})")));
+  EXPECT_EQ(GetLocalTimeInLongStr().size(), std::to_string(GetLocalTimeInLong()).size());
+}
+
+}  // namespace
+}  // namespace tarn

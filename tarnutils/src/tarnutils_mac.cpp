@@ -1,0 +1,175 @@
+#include "tarnutils/src/tarnutils_mac.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <system_error>
+#include <vector>
+
+#include "framework/logging/logger.h"
+#include "framework/system/rsrclockimpl.h"
+#include "platform/console_log.h"
+#include "platform/exception/platform_exception.h"
+#include "tarnutils/src/TarnDiagnostics.h"
+#include "tarnutils/src/TarnGlobalvars.h"
+#include "tarnutils/src/proplisthandler.h"
+
+namespace tarn {
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int kOldestGeneration = 9;
+
+std::string GenerationPath(const std::string& directory, const std::string& baseName, int k) {
+  return directory + "/" + baseName + std::to_string(k) + ".log";
+}
+
+// The names in directory, or nothing when it cannot be listed.
+std::optional<std::vector<std::string>> ListDirectory(const std::string& directory,
+                                                      std::string& errorText) {
+  std::error_code error;
+  std::vector<std::string> names;
+  for (fs::directory_iterator it(directory, error), end; !error && it != end; it.increment(error)) {
+    names.push_back(it->path().filename().string());
+  }
+  if (error) {
+    errorText = error.message();
+    return std::nullopt;
+  }
+  return names;
+}
+
+std::string JoinForLog(const std::vector<std::string>& names) {
+  std::string text = "(\n";
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    text += "    \"" + names[i] + (i + 1 < names.size() ? "\",\n" : "\"\n");
+  }
+  return text + ")";
+}
+
+// Moves generation source to target: the target is deleted, the source copied
+// over, and (for the current log) the source deleted.
+void ShiftGeneration(const std::string& source, const std::string& target, bool deleteSource) {
+  ConsoleLog("logfileabsPath: %s\n", source.c_str());
+  ConsoleLog("torename_logabsPath: %s\n", target.c_str());
+  std::error_code error;
+  fs::remove(target, error);
+  if (error) {
+    ConsoleLog("Target file delete operation failed: failname:%s :Error %s\n", target.c_str(),
+               error.message().c_str());
+  }
+  fs::copy_file(source, target, error);
+  if (error) {
+    ConsoleLog("Copy file operation failed: failname:%s :Error %s\n", source.c_str(),
+               error.message().c_str());
+  }
+  if (deleteSource && !fs::remove(source, error)) {
+    ConsoleLog("File delete operation failed: failname:%s :Error %s\n", source.c_str(),
+               error ? error.message().c_str() : "No such file or directory");
+  }
+}
+
+void RotationPass(const std::string& directory, const std::string& baseName, int count) {
+  for (int k = count - 1; k >= 0; --k) {
+    if (k == kOldestGeneration) {
+      const std::string oldest = GenerationPath(directory, baseName, k);
+      std::error_code error;
+      if (!fs::remove(oldest, error)) {
+        ConsoleLog("Last file delete operation failed: failname:%s :Error %s\n", oldest.c_str(),
+                   error ? error.message().c_str() : "No such file or directory");
+      }
+      continue;
+    }
+    if (k == 0) {
+      ShiftGeneration(directory + "/" + baseName + ".log", GenerationPath(directory, baseName, 1),
+                      true);
+    } else {
+      ShiftGeneration(GenerationPath(directory, baseName, k),
+                      GenerationPath(directory, baseName, k + 1), false);
+    }
+  }
+}
+
+}  // namespace
+
+int GetLogLevel() {
+  static const char* const kSignature = "int GetLogLevel()";
+  try {
+    GetAgentInstallPath();
+    const std::string path =
+        gv_globvars().tarnagentDataDictPath().value_or("") + "/agent-conf.plist";
+    auto store = Proplisthandler::InitwithFile(path);
+    const PlistPtr level = store ? store->GetValueForKey("Loglevel") : nullptr;
+    if (!level) {
+      ConsoleWhere(kSignature, 134, "Could nt get log level");
+      return kDefaultLogLevel;
+    }
+    if (level->IsString()) {
+      return static_cast<int>(std::strtol(level->String().c_str(), nullptr, 10));
+    }
+    return static_cast<int>(level->AsInteger().value_or(kDefaultLogLevel));
+  } catch (const PlatformException& e) {
+    ConsoleWhere(kSignature, 142, "Caught exception: description:%s, %s", e.reason().c_str(),
+                 e.description().c_str());
+    return kDefaultLogLevel;
+  }
+}
+
+int StartLoggingEngine(const char* fileName, int level) {
+  InitLogging();
+  InitMutex();
+  SetLogLevel(static_cast<std::uint8_t>(level));
+  GetAgentInstallPath();
+  const std::string logPath = gv_globvars().tarnagentLogPath().value_or("");
+  std::printf("log filename: %s,filepath : %s\n", fileName, logPath.c_str());
+  std::fflush(stdout);
+  SetLoggingParameters(fileName, logPath.c_str(), 10000, 0, static_cast<std::uint8_t>(level));
+  StartLoggingAppMode();
+  const std::string target = logPath + "/" + fileName;
+  std::fflush(stderr);
+  if (std::freopen(target.c_str(), "a", stderr) == nullptr) {
+    ConsoleLog("could not redirect standard error to %s", target.c_str());
+  }
+  return 0;
+}
+
+int StopLoggingEngine() {
+  StopLogging();
+  DeInitLogging();
+  return 0;
+}
+
+DWORD RotateLog(const std::string& baseName) {
+  GetAgentInstallPath();
+  const std::string directory = gv_globvars().tarnagentLogPath().value_or("");
+  const std::string current = directory + "/" + baseName + ".log";
+  std::error_code error;
+  const std::uintmax_t size = fs::file_size(current, error);
+  if (!error && size < kRotateLogThreshold) {
+    ConsoleLog("Given log file smaller: %llu\n", static_cast<unsigned long long>(size));
+    return 0;
+  }
+  std::string errorText;
+  const auto names = ListDirectory(directory, errorText);
+  if (!names) {
+    ConsoleLog("Error occurred while reading the directory:%s, Error: %s", directory.c_str(),
+               errorText.c_str());
+    return 1;
+  }
+  if (names->empty()) {
+    return 1;
+  }
+  ConsoleLog("Files count: %i\n", static_cast<int>(names->size()));
+  std::vector<std::string> targets;
+  for (const std::string& name : *names) {
+    if (name.find(baseName) != std::string::npos) {
+      targets.push_back(name);
+    }
+  }
+  ConsoleLog("File list array: %s\n", JoinForLog(targets).c_str());
+  ConsoleLog("target log Files count: %i\n", static_cast<int>(targets.size()));
+  RotationPass(directory, baseName, static_cast<int>(targets.size()));
+  return 0;
+}
+
+}  // namespace tarn
