@@ -32,10 +32,11 @@ TEST(PlatformTest, ScopedPlatformInstallsAFakeAndPutsThePreviousOneBack) {
   Platform& before = CurrentPlatform();
   std::vector<std::string> launched;
   {
-    ScopedPlatform fake(std::make_unique<Platform>(
-        std::make_unique<RecordingToolRunner>(&launched), nullptr, nullptr));
+    ScopedPlatform fake(std::make_unique<Platform>(std::make_unique<RecordingToolRunner>(&launched),
+                                                   nullptr, nullptr));
     EXPECT_NE(&CurrentPlatform(), &before);
-    EXPECT_EQ(CurrentPlatform().Tools().Run("/usr/bin/sw_vers", {}, WaitPolicy::kBounded), "fake\n");
+    EXPECT_EQ(CurrentPlatform().Tools().Run("/usr/bin/sw_vers", {}, WaitPolicy::kBounded),
+              "fake\n");
     // Parts left out are stand-ins that fail quietly.
     EXPECT_EQ(CurrentPlatform().Host().HostName(), "");
     EXPECT_FALSE(CurrentPlatform().Host().VirtualMemoryStatistics().has_value());

@@ -45,9 +45,10 @@ class HostPort {
 
 std::string AddressText(const sockaddr* address) {
   char text[INET6_ADDRSTRLEN] = {};
-  const void* raw = address->sa_family == AF_INET
-                        ? static_cast<const void*>(&reinterpret_cast<const sockaddr_in*>(address)->sin_addr)
-                        : static_cast<const void*>(&reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr);
+  const void* raw =
+      address->sa_family == AF_INET
+          ? static_cast<const void*>(&reinterpret_cast<const sockaddr_in*>(address)->sin_addr)
+          : static_cast<const void*>(&reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr);
   if (inet_ntop(address->sa_family, raw, text, sizeof text) == nullptr) return {};
   return text;
 }
@@ -93,7 +94,8 @@ class DarwinHostInfo final : public HostInfo {
   }
 
   std::string LocalizedName() override {
-    const std::unique_ptr<const void, CFReleaser> name(SCDynamicStoreCopyComputerName(nullptr, nullptr));
+    const std::unique_ptr<const void, CFReleaser> name(
+        SCDynamicStoreCopyComputerName(nullptr, nullptr));
     return Utf8FromCFString(static_cast<CFStringRef>(name.get()));
   }
 
@@ -121,8 +123,8 @@ class DarwinHostInfo final : public HostInfo {
                           &countSize) != KERN_SUCCESS) {
       return std::nullopt;
     }
-    return VmStatistics{static_cast<std::uint64_t>(pageSize), counts.free_count, counts.active_count,
-                        counts.inactive_count, counts.wire_count};
+    return VmStatistics{static_cast<std::uint64_t>(pageSize), counts.free_count,
+                        counts.active_count, counts.inactive_count, counts.wire_count};
   }
 
   std::vector<ProcessEntry> ProcessTable() override {

@@ -70,8 +70,10 @@ void ConfigureMethodAndBody(CURL* handle, const HttpRequest& request) {
   }
   curl_easy_setopt(handle, CURLOPT_POST, 1L);
   curl_easy_setopt(handle, CURLOPT_POSTFIELDS, request.body.data());
-  curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
-  if (request.method != "POST") curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, request.method.c_str());
+  curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE,
+                   static_cast<curl_off_t>(request.body.size()));
+  if (request.method != "POST")
+    curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, request.method.c_str());
 }
 
 HttpResult Perform(const HttpRequest& request) {

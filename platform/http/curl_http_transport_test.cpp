@@ -106,10 +106,11 @@ TEST(CurlHttpTransportTest, NoServerIsAnErrorNotAResponse) {
     OneShotServer closed("");  // binds a free port, then lets it go
     unusedPort = closed.port();
     // Connect once so the server thread ends.
-    CurlHttpTransport().Send(HttpRequest{"GET", "http://127.0.0.1:" + std::to_string(unusedPort) + "/", {}, "", 5, false});
+    CurlHttpTransport().Send(HttpRequest{
+        "GET", "http://127.0.0.1:" + std::to_string(unusedPort) + "/", {}, "", 5, false});
   }
-  const HttpResult result =
-      CurlHttpTransport().Send(HttpRequest{"GET", "http://127.0.0.1:" + std::to_string(unusedPort) + "/", {}, "", 5, false});
+  const HttpResult result = CurlHttpTransport().Send(
+      HttpRequest{"GET", "http://127.0.0.1:" + std::to_string(unusedPort) + "/", {}, "", 5, false});
   EXPECT_FALSE(result.response.has_value());
   ASSERT_TRUE(result.error.has_value());
   EXPECT_EQ(result.error->code, 7);  // CURLE_COULDNT_CONNECT

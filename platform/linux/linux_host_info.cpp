@@ -7,9 +7,9 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <initializer_list>
 #include <cstring>
 #include <fstream>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -46,9 +46,10 @@ std::map<std::string, std::uint64_t> ReadMemInfo() {
 
 std::string AddressText(const sockaddr* address) {
   char text[INET6_ADDRSTRLEN] = {};
-  const void* raw = address->sa_family == AF_INET
-                        ? static_cast<const void*>(&reinterpret_cast<const sockaddr_in*>(address)->sin_addr)
-                        : static_cast<const void*>(&reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr);
+  const void* raw =
+      address->sa_family == AF_INET
+          ? static_cast<const void*>(&reinterpret_cast<const sockaddr_in*>(address)->sin_addr)
+          : static_cast<const void*>(&reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr);
   if (inet_ntop(address->sa_family, raw, text, sizeof text) == nullptr) return {};
   return text;
 }

@@ -89,10 +89,14 @@ PlistPtr DataFromNode(plist_t node) {
 PlistPtr FromNode(plist_t node, int depth) {
   if (node == nullptr || depth > kMaxPlistDepth) return nullptr;
   switch (plist_get_node_type(node)) {
-    case PLIST_DICT: return DictionaryFromNode(node, depth);
-    case PLIST_ARRAY: return ArrayFromNode(node, depth);
-    case PLIST_STRING: return StringFromNode(node);
-    case PLIST_DATA: return DataFromNode(node);
+    case PLIST_DICT:
+      return DictionaryFromNode(node, depth);
+    case PLIST_ARRAY:
+      return ArrayFromNode(node, depth);
+    case PLIST_STRING:
+      return StringFromNode(node);
+    case PLIST_DATA:
+      return DataFromNode(node);
     case PLIST_BOOLEAN: {
       std::uint8_t flag = 0;
       plist_get_bool_val(node, &flag);
@@ -114,7 +118,8 @@ PlistPtr FromNode(plist_t node, int depth) {
       plist_get_date_val(node, &seconds, &microseconds);
       return PlistValue::MakeDate(static_cast<double>(seconds) + microseconds / 1e6);
     }
-    default: return nullptr;  // keys out of place, UIDs, unknown kinds
+    default:
+      return nullptr;  // keys out of place, UIDs, unknown kinds
   }
 }
 
@@ -154,7 +159,8 @@ plist_t NewDictionaryNode(const PlistValue& value, int depth) {
 
 plist_t NewArrayNode(const PlistValue& value, int depth) {
   OwnedPlist node(plist_new_array());
-  for (const auto& child : value.Elements()) plist_array_append_item(node.get(), NewNode(*child, depth + 1));
+  for (const auto& child : value.Elements())
+    plist_array_append_item(node.get(), NewNode(*child, depth + 1));
   return node.release();
 }
 
@@ -182,15 +188,21 @@ plist_t NewDateNode(const PlistValue& value) {
 plist_t NewNode(const PlistValue& value, int depth) {
   if (depth > kMaxPlistDepth) throw PlatformException(kWriteError, "nesting too deep");
   switch (value.type()) {
-    case PlistType::kDictionary: return NewDictionaryNode(value, depth);
-    case PlistType::kArray: return NewArrayNode(value, depth);
+    case PlistType::kDictionary:
+      return NewDictionaryNode(value, depth);
+    case PlistType::kArray:
+      return NewArrayNode(value, depth);
     case PlistType::kString:
       RequireWritableText(value.String());
       return plist_new_string(value.String().c_str());
-    case PlistType::kInteger: return NewIntegerNode(value);
-    case PlistType::kReal: return plist_new_real(*value.AsReal());
-    case PlistType::kBoolean: return plist_new_bool(*value.AsBoolean() ? 1 : 0);
-    case PlistType::kDate: return NewDateNode(value);
+    case PlistType::kInteger:
+      return NewIntegerNode(value);
+    case PlistType::kReal:
+      return plist_new_real(*value.AsReal());
+    case PlistType::kBoolean:
+      return plist_new_bool(*value.AsBoolean() ? 1 : 0);
+    case PlistType::kDate:
+      return NewDateNode(value);
     case PlistType::kData: {
       const auto& bytes = value.Data();
       return plist_new_data(reinterpret_cast<const char*>(bytes.data()), bytes.size());

@@ -62,7 +62,8 @@ std::string NestedBinaryArrays(int depth, bool cycle = false) {
     bytes += static_cast<char>(offset & 0xFF);
   }
   const auto bigEndian64 = [&bytes](std::uint64_t value) {
-    for (int shift = 56; shift >= 0; shift -= 8) bytes += static_cast<char>((value >> shift) & 0xFF);
+    for (int shift = 56; shift >= 0; shift -= 8)
+      bytes += static_cast<char>((value >> shift) & 0xFF);
   };
   bytes += std::string(6, '\0');
   bytes += '\x02';  // offset width
@@ -114,8 +115,8 @@ TEST(PlistIoTest, ReadsToolOutputAndWritesThePlatformsXmlForm) {
 TEST(PlistIoTest, ReadsBinaryWithSignsDatesDataAndUtf16Text) {
   const PlistPtr root = ParsePlist(kBinarySample);
   ASSERT_NE(root, nullptr);
-  EXPECT_EQ(root->Keys(), (std::vector<std::string>{"name", "count", "big", "ok", "pi", "when",
-                                                     "blob", "list"}));
+  EXPECT_EQ(root->Keys(),
+            (std::vector<std::string>{"name", "count", "big", "ok", "pi", "when", "blob", "list"}));
   EXPECT_EQ(root->ValueForKey("count")->AsInteger(), -5);
   EXPECT_EQ(root->ValueForKey("big")->AsInteger(), std::int64_t{1} << 40);
   EXPECT_EQ(root->ValueForKey("when")->AsDate(), kApril12th2024);
@@ -132,7 +133,7 @@ TEST(PlistIoTest, ReadsBinaryWithSignsDatesDataAndUtf16Text) {
 TEST(PlistIoTest, ByteOrderMarkIsSkippedButBadTextAndGarbageGiveAbsent) {
   EXPECT_NE(ParsePlist("\xEF\xBB\xBF" + XmlDocument("<dict/>")), nullptr);
 
-  EXPECT_EQ(ParsePlist(XmlDocument("<string>caf\xE9</string>")), nullptr);  // Latin-1 byte
+  EXPECT_EQ(ParsePlist(XmlDocument("<string>caf\xE9</string>")), nullptr);   // Latin-1 byte
   EXPECT_EQ(ParsePlist(XmlDocument("<string>&#xD800;</string>")), nullptr);  // lone surrogate
   std::string binaryLatin1 = kBinarySample;
   binaryLatin1[0x3e] = '\xE9';  // "Mac" -> "\xE9ac" in a one-byte string
@@ -177,8 +178,8 @@ TEST(PlistIoTest, WritingRefusesWhatCannotBeWrittenFaithfully) {
 class PlistFileTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    directory_ = std::filesystem::temp_directory_path() /
-                 ("plist_io_test_" + std::to_string(::getpid()));
+    directory_ =
+        std::filesystem::temp_directory_path() / ("plist_io_test_" + std::to_string(::getpid()));
     std::filesystem::create_directories(directory_);
   }
   void TearDown() override { std::filesystem::remove_all(directory_); }

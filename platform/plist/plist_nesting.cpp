@@ -46,7 +46,8 @@ std::uint64_t ReadBigEndian(std::string_view bytes, std::size_t position, unsign
 bool ValidWidth(unsigned width) { return width == 1 || width == 2 || width == 4 || width == 8; }
 
 std::optional<BinaryLayout> ReadLayout(std::string_view bytes) {
-  if (bytes.size() < kHeaderSize + kTrailerSize || bytes.substr(0, 8) != "bplist00") return std::nullopt;
+  if (bytes.size() < kHeaderSize + kTrailerSize || bytes.substr(0, 8) != "bplist00")
+    return std::nullopt;
   const std::size_t trailer = bytes.size() - kTrailerSize;
   BinaryLayout layout;
   layout.bytes = bytes;
@@ -95,16 +96,14 @@ std::optional<std::vector<std::uint64_t>> ReferencesOf(const BinaryLayout& layou
     position += 1 + width;
   }
   const std::uint64_t referenceCount = (marker >> 4) == 0xD ? count * 2 : count;
-  if (count > bytes.size() ||
-      referenceCount > (bytes.size() - position) / layout.referenceSize) {
+  if (count > bytes.size() || referenceCount > (bytes.size() - position) / layout.referenceSize) {
     return std::nullopt;
   }
   std::vector<std::uint64_t> references;
   references.reserve(static_cast<std::size_t>(referenceCount));
   for (std::uint64_t i = 0; i < referenceCount; ++i) {
-    const std::uint64_t reference =
-        ReadBigEndian(bytes, position + static_cast<std::size_t>(i) * layout.referenceSize,
-                      layout.referenceSize);
+    const std::uint64_t reference = ReadBigEndian(
+        bytes, position + static_cast<std::size_t>(i) * layout.referenceSize, layout.referenceSize);
     if (reference >= layout.objectCount) return std::nullopt;
     references.push_back(reference);
   }
@@ -152,7 +151,8 @@ class BinaryDepthWalk {
     if (!references) return false;
     const auto index = static_cast<std::size_t>(object);
     const std::uint64_t offset = ReadBigEndian(
-        layout_.bytes, static_cast<std::size_t>(layout_.offsetTableStart + object * layout_.offsetSize),
+        layout_.bytes,
+        static_cast<std::size_t>(layout_.offsetTableStart + object * layout_.offsetSize),
         layout_.offsetSize);
     if (!IsContainerMarker(static_cast<unsigned char>(layout_.bytes[offset]))) {
       state_[index] = kDone;

@@ -13,14 +13,22 @@ namespace {
 
 const char* TypeWord(PlistType type) {
   switch (type) {
-    case PlistType::kDictionary: return "dictionary";
-    case PlistType::kArray: return "array";
-    case PlistType::kString: return "string";
-    case PlistType::kInteger: return "integer";
-    case PlistType::kReal: return "real";
-    case PlistType::kBoolean: return "Boolean";
-    case PlistType::kDate: return "date";
-    case PlistType::kData: return "data";
+    case PlistType::kDictionary:
+      return "dictionary";
+    case PlistType::kArray:
+      return "array";
+    case PlistType::kString:
+      return "string";
+    case PlistType::kInteger:
+      return "integer";
+    case PlistType::kReal:
+      return "real";
+    case PlistType::kBoolean:
+      return "Boolean";
+    case PlistType::kDate:
+      return "date";
+    case PlistType::kData:
+      return "data";
   }
   return "value";
 }
@@ -59,17 +67,28 @@ void AppendQuotedIfNeeded(std::string& out, std::string_view text) {
   out += '"';
   for (char c : text) {
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\t': out += "\\t"; break;
-      default: out += c;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      default:
+        out += c;
     }
   }
   out += '"';
 }
 
-void AppendIndent(std::string& out, int depth) { out.append(static_cast<std::size_t>(depth) * 4, ' '); }
+void AppendIndent(std::string& out, int depth) {
+  out.append(static_cast<std::size_t>(depth) * 4, ' ');
+}
 
 std::string ShortestReal(double value) {
   char buffer[64];
@@ -93,14 +112,30 @@ std::string DateText(double secondsSinceReferenceDate) {
 
 PlistValue::PlistValue(PrivateTag, PlistType type) : type_(type) {
   switch (type) {
-    case PlistType::kDictionary: storage_ = Dictionary{}; break;
-    case PlistType::kArray: storage_ = std::vector<PlistPtr>{}; break;
-    case PlistType::kString: storage_ = std::string{}; break;
-    case PlistType::kInteger: storage_ = Integer{}; break;
-    case PlistType::kReal: storage_ = 0.0; break;
-    case PlistType::kBoolean: storage_ = false; break;
-    case PlistType::kDate: storage_ = DateSeconds{}; break;
-    case PlistType::kData: storage_ = std::vector<std::uint8_t>{}; break;
+    case PlistType::kDictionary:
+      storage_ = Dictionary{};
+      break;
+    case PlistType::kArray:
+      storage_ = std::vector<PlistPtr>{};
+      break;
+    case PlistType::kString:
+      storage_ = std::string{};
+      break;
+    case PlistType::kInteger:
+      storage_ = Integer{};
+      break;
+    case PlistType::kReal:
+      storage_ = 0.0;
+      break;
+    case PlistType::kBoolean:
+      storage_ = false;
+      break;
+    case PlistType::kDate:
+      storage_ = DateSeconds{};
+      break;
+    case PlistType::kData:
+      storage_ = std::vector<std::uint8_t>{};
+      break;
   }
 }
 
@@ -108,7 +143,9 @@ PlistPtr PlistValue::MakeDictionary() {
   return std::make_shared<PlistValue>(PrivateTag{}, PlistType::kDictionary);
 }
 
-PlistPtr PlistValue::MakeArray() { return std::make_shared<PlistValue>(PrivateTag{}, PlistType::kArray); }
+PlistPtr PlistValue::MakeArray() {
+  return std::make_shared<PlistValue>(PrivateTag{}, PlistType::kArray);
+}
 
 PlistPtr PlistValue::MakeArray(std::vector<PlistPtr> elements) {
   auto array = MakeArray();
@@ -285,7 +322,9 @@ bool PlistValue::RemoveKey(std::string_view key) {
   return true;
 }
 
-const std::vector<PlistValue::Entry>& PlistValue::Entries() const { return DictionaryStorage().entries; }
+const std::vector<PlistValue::Entry>& PlistValue::Entries() const {
+  return DictionaryStorage().entries;
+}
 
 std::vector<std::string> PlistValue::Keys() const {
   std::vector<std::string> keys;
@@ -414,15 +453,21 @@ void PlistValue::DescribeInto(std::string& out, int depth) const {
       out += ')';
       return;
     }
-    case PlistType::kString: AppendQuotedIfNeeded(out, std::get<std::string>(storage_)); return;
+    case PlistType::kString:
+      AppendQuotedIfNeeded(out, std::get<std::string>(storage_));
+      return;
     case PlistType::kInteger: {
       const Integer& integer = std::get<Integer>(storage_);
       out += integer.isUnsigned ? std::to_string(integer.bits)
                                 : std::to_string(static_cast<std::int64_t>(integer.bits));
       return;
     }
-    case PlistType::kReal: out += ShortestReal(std::get<double>(storage_)); return;
-    case PlistType::kBoolean: out += std::get<bool>(storage_) ? "1" : "0"; return;
+    case PlistType::kReal:
+      out += ShortestReal(std::get<double>(storage_));
+      return;
+    case PlistType::kBoolean:
+      out += std::get<bool>(storage_) ? "1" : "0";
+      return;
     case PlistType::kDate:
       AppendQuotedIfNeeded(out, DateText(std::get<DateSeconds>(storage_).sinceReferenceDate));
       return;

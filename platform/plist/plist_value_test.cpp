@@ -85,8 +85,8 @@ TEST(PlistValueTest, DescriptionQuotesWhatNeedsIt) {
   auto dictionary = PlistValue::MakeDictionary();
   dictionary->SetValueForKey("SERVER", PlistValue::MakeString("10.0.0.1"));
   dictionary->SetValueForKey("Name", PlistValue::MakeString("a \"b\""));
-  dictionary->SetValueForKey("List", PlistValue::MakeArray({PlistValue::MakeInteger(1),
-                                                            PlistValue::MakeBoolean(false)}));
+  dictionary->SetValueForKey(
+      "List", PlistValue::MakeArray({PlistValue::MakeInteger(1), PlistValue::MakeBoolean(false)}));
   EXPECT_EQ(dictionary->Description(),
             "{\n"
             "    SERVER = 10.0.0.1;\n"

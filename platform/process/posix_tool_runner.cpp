@@ -43,7 +43,8 @@ class SpawnFileActions {
   // is close-on-exec.
   bool RedirectStandardOutput(int outputFd) {
     return ok_ &&
-           posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0) == 0 &&
+           posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0) ==
+               0 &&
            posix_spawn_file_actions_adddup2(&actions_, outputFd, STDOUT_FILENO) == 0;
   }
   const posix_spawn_file_actions_t* get() const { return &actions_; }
@@ -89,7 +90,9 @@ class ChildProcess {
     if (!reaped_) ::kill(pid_, signalNumber);
   }
 
-  bool ExitedWithSuccess() const { return reaped_ && WIFEXITED(status_) && WEXITSTATUS(status_) == 0; }
+  bool ExitedWithSuccess() const {
+    return reaped_ && WIFEXITED(status_) && WEXITSTATUS(status_) == 0;
+  }
 
  private:
   pid_t pid_;

@@ -38,8 +38,9 @@ PosixToolRunner ShortStepRunner() {
 TEST(PosixToolRunnerTest, CapturesOutputAndPassesArgumentsWithoutAShell) {
   PosixToolRunner runner;
   // The argument with a blank and a quote arrives as one word, untouched.
-  EXPECT_EQ(runner.Run(kShell, {"-c", "printf '%s|' \"$@\"", "sh", " ", "a 'b'"}, WaitPolicy::kBounded),
-            " |a 'b'|");
+  EXPECT_EQ(
+      runner.Run(kShell, {"-c", "printf '%s|' \"$@\"", "sh", " ", "a 'b'"}, WaitPolicy::kBounded),
+      " |a 'b'|");
   EXPECT_EQ(RunScript(runner, "true"), "");
   // A failing tool's output still counts: only launch failures and bad text give nothing.
   EXPECT_EQ(RunScript(runner, "echo partial; exit 3"), "partial\n");
@@ -93,8 +94,8 @@ TEST(PosixToolRunnerTest, InvalidUtf8OrMissingExecutableGivesNothing) {
 class RunToFileTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    directory_ = std::filesystem::temp_directory_path() /
-                 ("tool_runner_test_" + std::to_string(::getpid()));
+    directory_ =
+        std::filesystem::temp_directory_path() / ("tool_runner_test_" + std::to_string(::getpid()));
     std::filesystem::create_directories(directory_);
   }
   void TearDown() override { std::filesystem::remove_all(directory_); }

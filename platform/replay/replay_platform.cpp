@@ -67,7 +67,8 @@ std::vector<RecordedCommand> CommandsFrom(const PlistPtr& manifest, const std::s
     if (auto command = CommandFrom(entry, directory)) {
       commands.push_back(std::move(*command));
     } else {
-      ConsoleLog("Replay: skipping a malformed command entry in %s/manifest.plist", directory.c_str());
+      ConsoleLog("Replay: skipping a malformed command entry in %s/manifest.plist",
+                 directory.c_str());
     }
   }
   return commands;
@@ -75,7 +76,8 @@ std::vector<RecordedCommand> CommandsFrom(const PlistPtr& manifest, const std::s
 
 class ReplayToolRunner final : public ToolRunner {
  public:
-  explicit ReplayToolRunner(std::vector<RecordedCommand> commands) : commands_(std::move(commands)) {}
+  explicit ReplayToolRunner(std::vector<RecordedCommand> commands)
+      : commands_(std::move(commands)) {}
 
   std::optional<std::string> Run(const std::string& launchPath,
                                  const std::vector<std::string>& arguments, WaitPolicy) override {

@@ -13,7 +13,8 @@
 namespace tarn {
 namespace {
 
-const std::string kSampleMachine = std::string(TARN_SOURCE_DIR) + "/testdata/machines/macbook-sample";
+const std::string kSampleMachine =
+    std::string(TARN_SOURCE_DIR) + "/testdata/machines/macbook-sample";
 
 class ReplayPlatformTest : public ::testing::Test {
  protected:
@@ -42,15 +43,16 @@ TEST_F(ReplayPlatformTest, AnswersRecordedCommandsExactlyAndNothingElse) {
   const auto hardware =
       tools.Run("/usr/sbin/system_profiler", {"-xml", "SPHardwareDataType"}, WaitPolicy::kBounded);
   ASSERT_TRUE(hardware.has_value());
-  const PlistPtr item = ObjectAtIndex(ValueForKey(ObjectAtIndex(ParsePlist(*hardware), 0), "_items"), 0);
+  const PlistPtr item =
+      ObjectAtIndex(ValueForKey(ObjectAtIndex(ParsePlist(*hardware), 0), "_items"), 0);
   ASSERT_NE(item, nullptr);
   EXPECT_EQ(item->ValueForKey("serial_number")->String(), "C02TEST0MD6T");
 
   // Different arguments, argument order or launch path: not recorded, so not launched.
   EXPECT_EQ(tools.Run("/usr/bin/sw_vers", {"-productversion"}, WaitPolicy::kBounded), std::nullopt);
-  EXPECT_EQ(tools.Run("/usr/sbin/system_profiler", {"SPHardwareDataType", "-xml"},
-                      WaitPolicy::kBounded),
-            std::nullopt);
+  EXPECT_EQ(
+      tools.Run("/usr/sbin/system_profiler", {"SPHardwareDataType", "-xml"}, WaitPolicy::kBounded),
+      std::nullopt);
   EXPECT_EQ(tools.Run("/usr/bin/users", {}, WaitPolicy::kBounded), std::nullopt);
   EXPECT_EQ(tools.Run("/bin/sh", {"-c", "echo live"}, WaitPolicy::kBounded), std::nullopt);
 

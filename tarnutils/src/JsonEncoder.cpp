@@ -16,14 +16,22 @@ namespace {
 const char* PlatformClassName(const PlistPtr& value) {
   if (!value) return "(null)";
   switch (value->type()) {
-    case PlistType::kDictionary: return "__NSDictionaryM";
-    case PlistType::kArray: return "__NSArrayM";
-    case PlistType::kString: return "__NSCFString";
-    case PlistType::kInteger: return "__NSCFNumber";
-    case PlistType::kReal: return "__NSCFNumber";
-    case PlistType::kBoolean: return "__NSCFBoolean";
-    case PlistType::kDate: return "__NSDate";
-    case PlistType::kData: return "NSConcreteData";
+    case PlistType::kDictionary:
+      return "__NSDictionaryM";
+    case PlistType::kArray:
+      return "__NSArrayM";
+    case PlistType::kString:
+      return "__NSCFString";
+    case PlistType::kInteger:
+      return "__NSCFNumber";
+    case PlistType::kReal:
+      return "__NSCFNumber";
+    case PlistType::kBoolean:
+      return "__NSCFBoolean";
+    case PlistType::kDate:
+      return "__NSDate";
+    case PlistType::kData:
+      return "NSConcreteData";
   }
   return "NSObject";
 }
@@ -90,9 +98,12 @@ class JsonWriter {
 
   bool WriteValue(const PlistPtr& value) {
     switch (value->type()) {
-      case PlistType::kDictionary: return WriteDictionary(*value);
-      case PlistType::kArray: return WriteArray(*value);
-      case PlistType::kString: return WriteString(value->String());
+      case PlistType::kDictionary:
+        return WriteDictionary(*value);
+      case PlistType::kArray:
+        return WriteArray(*value);
+      case PlistType::kString:
+        return WriteString(value->String());
       case PlistType::kBoolean:
         out_ += *value->AsBoolean() ? "true" : "false";
         return true;
@@ -100,9 +111,11 @@ class JsonWriter {
         out_ += value->IsUnsignedInteger() ? std::to_string(*value->AsUnsigned())
                                            : std::to_string(*value->AsInteger());
         return true;
-      case PlistType::kReal: return WriteReal(*value->AsReal());
+      case PlistType::kReal:
+        return WriteReal(*value->AsReal());
       default:
-        return Fail(std::string("Unable to serialize object class ") + PlatformClassName(value) + ".");
+        return Fail(std::string("Unable to serialize object class ") + PlatformClassName(value) +
+                    ".");
     }
   }
 
@@ -163,13 +176,27 @@ class JsonWriter {
 
   void WriteAsciiByte(char c) {
     switch (c) {
-      case '"': out_ += "\\\""; return;
-      case '\\': out_ += "\\\\"; return;
-      case '\b': out_ += "\\b"; return;
-      case '\t': out_ += "\\t"; return;
-      case '\n': out_ += "\\n"; return;
-      case '\f': out_ += "\\f"; return;
-      case '\r': out_ += "\\r"; return;
+      case '"':
+        out_ += "\\\"";
+        return;
+      case '\\':
+        out_ += "\\\\";
+        return;
+      case '\b':
+        out_ += "\\b";
+        return;
+      case '\t':
+        out_ += "\\t";
+        return;
+      case '\n':
+        out_ += "\\n";
+        return;
+      case '\f':
+        out_ += "\\f";
+        return;
+      case '\r':
+        out_ += "\\r";
+        return;
       case '/':
         out_ += (options_ & kJsonEscapeForwardSlashes) != 0 ? "\\/" : "/";
         return;

@@ -8,9 +8,9 @@
 namespace tarn {
 
 // Option bits of EncodeJson, as callers pass them.
-inline constexpr unsigned kJsonPrettyPrint = 1;           // layout with line breaks, sorted keys
-inline constexpr unsigned kJsonEscapeUnicode = 2;         // non-ASCII as \uXXXX escapes
-inline constexpr unsigned kJsonEscapeForwardSlashes = 16; // "/" as "\/"
+inline constexpr unsigned kJsonPrettyPrint = 1;            // layout with line breaks, sorted keys
+inline constexpr unsigned kJsonEscapeUnicode = 2;          // non-ASCII as \uXXXX escapes
+inline constexpr unsigned kJsonEscapeForwardSlashes = 16;  // "/" as "\/"
 
 inline constexpr const char* kJsonEncoderErrorDomain = "JSONEncoderErrorDomain";
 

@@ -63,7 +63,8 @@ int Proplisthandler::WriteToProplist(const std::optional<std::string>& path) {
     return 0;
   }
   // A failed write is reported in the log only; callers treat the store as saved.
-  if (!WriteFileAtomically(*target, xml)) ConsoleLog("WriteToProplist:failed path , %s", target->c_str());
+  if (!WriteFileAtomically(*target, xml))
+    ConsoleLog("WriteToProplist:failed path , %s", target->c_str());
   return 1;
 }
 
