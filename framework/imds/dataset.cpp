@@ -58,23 +58,26 @@ std::int32_t SortKey(const RowObject* row, std::size_t position) {
   return slot ? slot->Read<std::int32_t>() : INT32_MIN;
 }
 
-// Positions of the two "part present" flag bytes inside an AdvDateTime,
-// found by constructing one in a zeroed buffer and switching both parts on.
+// Positions of the two "part present" flag bytes inside an AdvDateTime:
+// the bytes that change when both parts of an all-zero record are switched on.
 struct DateTimeFlagBytes {
   std::vector<std::size_t> positions;
   DateTimeFlagBytes() {
-    alignas(AdvDateTime) unsigned char buffer[sizeof(AdvDateTime)] = {};
-    auto* record = new (buffer) AdvDateTime{};
-    unsigned char empty[sizeof(AdvDateTime)];
-    std::memcpy(empty, buffer, sizeof buffer);
-    record->date.emplace();
-    record->time.emplace();
-    for (std::size_t i = 0; i < sizeof buffer; ++i) {
-      if (buffer[i] != empty[i]) {
+    AdvDateTime none;
+    AdvDateTime both;
+    std::memset(static_cast<void*>(&none), 0, sizeof none);
+    std::memset(static_cast<void*>(&both), 0, sizeof both);
+    both.date.emplace();
+    both.time.emplace();
+    unsigned char noneBytes[sizeof(AdvDateTime)];
+    unsigned char bothBytes[sizeof(AdvDateTime)];
+    std::memcpy(noneBytes, &none, sizeof none);
+    std::memcpy(bothBytes, &both, sizeof both);
+    for (std::size_t i = 0; i < sizeof(AdvDateTime); ++i) {
+      if (noneBytes[i] != bothBytes[i]) {
         positions.push_back(i);
       }
     }
-    record->~AdvDateTime();
   }
 };
 
