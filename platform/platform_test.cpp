@@ -7,36 +7,24 @@
 #include <vector>
 
 #include "platform/console_log.h"
+#include "platform/fake/fake_platform.h"
 
 namespace tarn {
 namespace {
 
-// Records what it was asked to run and answers with a fixed text.
-class RecordingToolRunner final : public ToolRunner {
- public:
-  explicit RecordingToolRunner(std::vector<std::string>* launched) : launched_(launched) {}
-  std::optional<std::string> Run(const std::string& launchPath, const std::vector<std::string>&,
-                                 WaitPolicy) override {
-    launched_->push_back(launchPath);
-    return "fake\n";
-  }
-  bool RunToFile(const std::string&, const std::vector<std::string>&, const std::string&) override {
-    return false;
-  }
-
- private:
-  std::vector<std::string>* launched_;
-};
-
 TEST(PlatformTest, ScopedPlatformInstallsAFakeAndPutsThePreviousOneBack) {
   Platform& before = CurrentPlatform();
-  std::vector<std::string> launched;
+  auto runner = std::make_unique<FakeToolRunner>();
+  FakeToolRunner& fake = *runner;
+  fake.Answer("/usr/bin/sw_vers", {"-productVersion"}, "14.4.1\n");
   {
-    ScopedPlatform fake(std::make_unique<Platform>(std::make_unique<RecordingToolRunner>(&launched),
-                                                   nullptr, nullptr));
+    ScopedPlatform scope(std::make_unique<Platform>(std::move(runner), nullptr, nullptr));
     EXPECT_NE(&CurrentPlatform(), &before);
-    EXPECT_EQ(CurrentPlatform().Tools().Run("/usr/bin/sw_vers", {}, WaitPolicy::kBounded),
-              "fake\n");
+    ToolRunner& tools = CurrentPlatform().Tools();
+    EXPECT_EQ(tools.Run("/usr/bin/sw_vers", {"-productVersion"}, WaitPolicy::kBounded), "14.4.1\n");
+    EXPECT_EQ(tools.Run("/usr/bin/sw_vers", {"-productName"}, WaitPolicy::kBounded), std::nullopt);
+    ASSERT_EQ(fake.calls().size(), 2u);
+    EXPECT_EQ(fake.calls()[1].arguments, std::vector<std::string>{"-productName"});
     // Parts left out are stand-ins that fail quietly.
     EXPECT_EQ(CurrentPlatform().Host().HostName(), "");
     EXPECT_FALSE(CurrentPlatform().Host().VirtualMemoryStatistics().has_value());
@@ -44,7 +32,6 @@ TEST(PlatformTest, ScopedPlatformInstallsAFakeAndPutsThePreviousOneBack) {
     EXPECT_FALSE(result.response.has_value());
     ASSERT_TRUE(result.error.has_value());
   }
-  EXPECT_EQ(launched, std::vector<std::string>{"/usr/bin/sw_vers"});
   EXPECT_EQ(&CurrentPlatform(), &before);
 }
 

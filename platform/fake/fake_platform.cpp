@@ -1,0 +1,31 @@
+#include "platform/fake/fake_platform.h"
+
+#include "platform/file/file_util.h"
+
+namespace tarn {
+
+void FakeToolRunner::Answer(const std::string& launchPath,
+                            const std::vector<std::string>& arguments,
+                            std::optional<std::string> output) {
+  answers_[Command{launchPath, arguments}] = std::move(output);
+}
+
+std::optional<std::string> FakeToolRunner::Run(const std::string& launchPath,
+                                               const std::vector<std::string>& arguments,
+                                               WaitPolicy wait) {
+  calls_.push_back(Call{launchPath, arguments, wait, std::nullopt});
+  const auto found = answers_.find(Command{launchPath, arguments});
+  return found == answers_.end() ? std::nullopt : found->second;
+}
+
+bool FakeToolRunner::RunToFile(const std::string& launchPath,
+                               const std::vector<std::string>& arguments,
+                               const std::string& outputPath) {
+  calls_.push_back(Call{launchPath, arguments, std::nullopt, outputPath});
+  const auto found = answers_.find(Command{launchPath, arguments});
+  if (found == answers_.end() || !found->second) return false;
+  const UniqueFd file = CreateFreshOutputFile(outputPath);
+  return file.valid() && WriteAll(file.get(), *found->second);
+}
+
+}  // namespace tarn
