@@ -49,19 +49,19 @@ TEST(ComputerNames, FullAndFlatNamesAndAddresses) {
 
 TEST(LoggedOnUsers, SplitsCleansAndKeepsDuplicates) {
   FakePlatform fake;
-  fake.tools().outputs["/usr/bin/users  "] = "alice bob CORP\\carol alice\n";
+  fake.tools().Answer("/usr/bin/users", {" "}, "alice bob CORP\\carol alice\n");
   EXPECT_EQ(*GetLoggedOnUsers(), "alice,bob,carol,alice");
-  fake.tools().outputs["/usr/bin/users  "] = "\n";
+  fake.tools().Answer("/usr/bin/users", {" "}, "\n");
   EXPECT_FALSE(GetLoggedOnUsers());
-  fake.tools().outputs.clear();
+  fake.tools().Answer("/usr/bin/users", {" "}, std::nullopt);
   EXPECT_FALSE(GetLoggedOnUsers());
 }
 
 TEST(OsTexts, ReleaseNamesByVersionPrefix) {
   FakePlatform fake;
   auto setVersion = [&](const std::string& version) {
-    fake.tools().outputs["/usr/bin/sw_vers -productVersion"] = version + "\n";
-    fake.tools().outputs["/usr/bin/sw_vers -productName"] = "Mac OS X\n";
+    fake.tools().Answer("/usr/bin/sw_vers", {"-productVersion"}, version + "\n");
+    fake.tools().Answer("/usr/bin/sw_vers", {"-productName"}, "Mac OS X\n");
   };
   setVersion("10.11.6");
   EXPECT_EQ(*GetOSVersion(), "10.11.6");
@@ -85,12 +85,13 @@ TEST(OsTexts, ComponentWiseMinimumVersion) {
   EXPECT_TRUE(IsVersionAtLeast("10", "10.12"));     // running version ran out
 
   FakePlatform fake;
-  fake.tools().outputs["/usr/bin/sw_vers -productVersion"] = "10.14.6\n";
+  fake.tools().Answer("/usr/bin/sw_vers", {"-productVersion"}, "10.14.6\n");
   EXPECT_TRUE(checkOSCompatibility("10.12"));
 }
 
 TEST(SingleInstanceGuard, AnotherProcessOfTheSameName) {
   FakePlatform fake;
+  fake.host().ownPid = 100;
   fake.host().processes = {{1, "launchd"}, {100, "tarninventory"}};
   EXPECT_FALSE(CheckIfCurrentProcessAlreadyRunning());
   fake.host().processes.push_back({200, "tarninventory"});
@@ -100,6 +101,8 @@ TEST(SingleInstanceGuard, AnotherProcessOfTheSameName) {
 }
 
 TEST(DnsDomain, FirstServiceWithAddressesAndDomain) {
+  const std::string kProfiler = "/usr/sbin/system_profiler";
+  const std::vector<std::string> kNetwork = {"-xml", "SPNetworkDataType"};
   FakePlatform fake;
   const std::string report = R"(<?xml version="1.0" encoding="UTF-8"?>
 <plist version="1.0"><array><dict><key>_items</key><array>
@@ -109,12 +112,11 @@ TEST(DnsDomain, FirstServiceWithAddressesAndDomain) {
   <key>IPv4</key><dict><key>Addresses</key><array><string>10.1.2.3</string></array></dict>
   <key>DNS</key><dict><key>DomainName</key><string>corp.example.com.</string></dict></dict>
 </array></dict></array></plist>)";
-  fake.tools().outputs["/usr/sbin/system_profiler -xml SPNetworkDataType"] = report;
+  fake.tools().Answer(kProfiler, kNetwork, report);
   EXPECT_EQ(*getDNSDomainName(), "corp.example.com");
-  fake.tools().outputs["/usr/sbin/system_profiler -xml SPNetworkDataType"] =
-      "<plist version=\"1.0\"><array/></plist>";
+  fake.tools().Answer(kProfiler, kNetwork, "<plist version=\"1.0\"><array/></plist>");
   EXPECT_FALSE(getDNSDomainName());  // element 0 of an empty report raises inside
-  fake.tools().outputs.clear();
+  fake.tools().Answer(kProfiler, kNetwork, std::nullopt);
   EXPECT_FALSE(getDNSDomainName());
 }
 

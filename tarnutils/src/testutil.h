@@ -4,59 +4,14 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "platform/fake/fake_platform.h"
 #include "platform/platform.h"
 
 namespace tarn::testing {
-
-// Answers tool runs from a table keyed by the launch path and its arguments
-// joined with blanks; an unknown command gives nothing. Records what ran.
-class FakeToolRunner : public ToolRunner {
- public:
-  std::map<std::string, std::string> outputs;
-  std::vector<std::string> ran;
-
-  static std::string Key(const std::string& launchPath, const std::vector<std::string>& arguments) {
-    std::string key = launchPath;
-    for (const auto& argument : arguments) key += " " + argument;
-    return key;
-  }
-
-  std::optional<std::string> Run(const std::string& launchPath,
-                                 const std::vector<std::string>& arguments, WaitPolicy) override {
-    const std::string key = Key(launchPath, arguments);
-    ran.push_back(key);
-    const auto found = outputs.find(key);
-    if (found == outputs.end()) return std::nullopt;
-    return found->second;
-  }
-
-  bool RunToFile(const std::string&, const std::vector<std::string>&, const std::string&) override {
-    return false;
-  }
-};
-
-class FakeHostInfo : public HostInfo {
- public:
-  std::string hostName;
-  std::string localizedName;
-  std::vector<InterfaceAddress> interfaces;
-  std::vector<ProcessEntry> processes;
-  std::string ownName = "tarninventory";
-  int ownId = 100;
-
-  std::string HostName() override { return hostName; }
-  std::string LocalizedName() override { return localizedName; }
-  std::vector<InterfaceAddress> InterfaceAddresses() override { return interfaces; }
-  std::optional<VmStatistics> VirtualMemoryStatistics() override { return std::nullopt; }
-  std::vector<ProcessEntry> ProcessTable() override { return processes; }
-  std::string OwnProcessName() override { return ownName; }
-  int OwnProcessId() override { return ownId; }
-};
 
 class NoHttp : public HttpTransport {
  public:
