@@ -1,0 +1,175 @@
+#include "framework/imds/xmltodo.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "framework/imds/dotoxml.h"
+#include "framework/imds/store_testutil.h"
+
+namespace tarn {
+namespace {
+
+constexpr const char* kRoot = "TarnWMIData";
+constexpr const char* kHead = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<TarnWMIData>\n";
+constexpr const char* kTail = "</TarnWMIData>\n";
+
+int LoadBuffer(const std::string& text) { return CreateDOFromXMLBuffer(text.data(), text.size()); }
+
+std::string Write(std::initializer_list<const char*> tables) {
+  const std::vector<const char*> names(tables);
+  return ConvertDOtoXMLBuffer(names, kRoot).value_or("<failed>");
+}
+
+class XmlStoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override { testing::LoadStoreDictionary(); }
+  void TearDown() override { testing::ResetStore(); }
+};
+
+TEST_F(XmlStoreTest, ReadsReferencesInheritedKeysAndGroupingElements) {
+  SetSequenceState("RESOURCE_SEQ", {500, 799});
+  ASSERT_EQ(CreateDOFromXMLFile(testing::TestDataPath("imds/rows.xml").c_str()), 1);
+  EXPECT_EQ(GetTableDataByName("ResourceList"), nullptr);
+  EXPECT_EQ(Write({"Resource", "Child"}),
+            std::string(kHead) +
+                "<Resource RESOURCE_ID=\"500\" NAME=\"pc-01\" NOTES=\"with:colons\" STATUS=\"3\" />\n"
+                "<Resource RESOURCE_ID=\"501\" NAME=\"pc-02\" BIG=\"12\" />\n"
+                "<Child CHILD_ID=\"1\" RESOURCE_ID=\"500\" LABEL=\"c\" />\n"
+                "<Child CHILD_ID=\"2\" RESOURCE_ID=\"500\" LABEL=\"c:d\" />\n"
+                "<Child CHILD_ID=\"9\" RESOURCE_ID=\"501\" LABEL=\"outer\" />\n"
+                "<Child CHILD_ID=\"9\" RESOURCE_ID=\"501\" LABEL=\"inner\" />\n" +
+                kTail);
+}
+
+TEST_F(XmlStoreTest, ReferencesWithoutSequenceStateAllGetMinusOne) {
+  ASSERT_EQ(CreateDOFromXMLFile(testing::TestDataPath("imds/rows.xml").c_str()), 1);
+  auto result = SelectRows("Child", nullptr);
+  ASSERT_EQ(result->rowCount, 4);
+  while (GotoNextRowObject(result.get()) != nullptr) {
+    EXPECT_EQ(GetColumnValueByName("RESOURCE_ID", nullptr, result.get())->Read<std::int32_t>(), -1);
+  }
+}
+
+TEST_F(XmlStoreTest, ConvertsValuesByTypeAndWritesThemBack) {
+  ASSERT_EQ(CreateDOFromXMLFile(testing::TestDataPath("imds/samples.xml").c_str()), 1);
+  const TableData* table = GetTableDataByName("Samples");
+  ASSERT_EQ(table->rowCount, 2);
+  const RowObject& first = *table->rows[0];
+  EXPECT_EQ(first.values[4]->size(), 4u);  // FLOAT kept as a 4-byte float
+  EXPECT_EQ(first.values[4]->Read<float>(), 1.5f);
+  EXPECT_EQ(first.lengths[5], 8);
+  EXPECT_EQ(first.values[10]->Read<std::uint8_t>(), 0);  // "FALSE"
+  EXPECT_EQ(first.values[11]->Read<std::uint8_t>(), 1);  // "yes"
+  EXPECT_EQ(first.lengths[7], 4);                         // DATE record
+  EXPECT_EQ(first.lengths[8], 3);                         // TIME record
+  EXPECT_EQ(first.lengths[9], 24);                        // DATETIME record
+  EXPECT_FALSE(first.values[13]);                         // BLOB plain values are not kept
+  EXPECT_EQ(Write({"Samples"}),
+            std::string(kHead) +
+                "<Samples ID=\"1\" UINT=\"-1\" RATIO=\"1.500000\" AMOUNT=\"2.000000\" "
+                "LABEL=\"say \"hi\" & more\" CLOCK=\"01:02:03\" STAMP=\"2024-01-02 03:04:05\" "
+                "ODD=\"true\" BODY=\"a:b\" />\n"
+                "<Samples ID=\"2\" TINY=\"0\" RATIO=\"0.250000\" DAY=\"1999-12-31\" FLAG=\"true\" "
+                "ODD=\"false\" LEVEL=\"3\" />\n" +
+                kTail);
+}
+
+TEST_F(XmlStoreTest, UnknownElementsFailTheImportUnlessTheyGroup) {
+  testing::LogCapture log;
+  EXPECT_EQ(LoadBuffer("<r><OtherList><Resource NAME=\"kept\"/></OtherList><Bogus/>"
+                       "<Resource NAME=\"never\"/></r>"),
+            0);
+  auto result = SelectRows("Resource", nullptr);
+  ASSERT_EQ(result->rowCount, 1);
+  GotoNextRowObject(result.get());
+  EXPECT_STREQ(GetColumnValueByName("name", nullptr, result.get())->c_str(), "kept");
+  EXPECT_TRUE(log.Contains(
+      "Cannot create and add a new row while constructing tabledata from XML file.\n"));
+  EXPECT_TRUE(log.Contains("Cannot construct table data from XML buffer.\n"));
+
+  EXPECT_EQ(CreateDOFromXMLFile(testing::TestDataPath("imds/bogus.xml").c_str()), 0);
+  EXPECT_TRUE(log.Contains("error: could not parse file file.xml\n"));
+  EXPECT_EQ(LoadBuffer("<r><Resource NAME=\"x\"></r>"), 0);
+  EXPECT_EQ(LoadBuffer(""), 0);
+  EXPECT_EQ(CreateDOFromXMLBuffer(nullptr, 0), 0);
+  EXPECT_EQ(LoadBuffer("<r/>"), 1);
+  EXPECT_EQ(LoadBuffer("<r>text<!-- c --><?pi x?></r>"), 1);
+}
+
+TEST_F(XmlStoreTest, DoctypeWithEntitiesOrExternalDtdIsRefused) {
+  testing::LogCapture log;
+  std::string bomb =
+      "<?xml version=\"1.0\"?>\n<!DOCTYPE r [<!ENTITY a \"aaaaaaaaaaaaaaaaaaaaaaaaaaaaaa\">]>\n"
+      "<r><Resource NAME=\"";
+  for (int i = 0; i < 20000; ++i) {
+    bomb += "&a;";
+  }
+  bomb += "\"/></r>";
+  EXPECT_EQ(LoadBuffer(bomb), 0);
+  EXPECT_EQ(LoadBuffer("<!DOCTYPE r SYSTEM \"r.dtd\"><r><Resource NAME=\"x\"/></r>"), 0);
+  EXPECT_EQ(LoadBuffer("<!DOCTYPE r PUBLIC \"-//x//y\" \"http://example.invalid/r.dtd\"><r/>"), 0);
+  EXPECT_EQ(LoadBuffer("<!DOCTYPE r [<!ENTITY % p \"x\">]><r/>"), 0);
+  EXPECT_EQ(GetTableDataByName("Resource"), nullptr);
+  EXPECT_TRUE(log.Contains("error: could not parse file file.xml\n"));
+  EXPECT_EQ(LoadBuffer("<!DOCTYPE r [<!ELEMENT r ANY>]><r><Resource NAME=\"ok\"/></r>"), 1);
+}
+
+TEST_F(XmlStoreTest, WriterFormsEdgeValuesExactly) {
+  EXPECT_EQ(Write({}), std::string(kHead) + kTail);
+  ASSERT_EQ(CreateTable("Child"), 1);  // loaded but empty
+  EXPECT_EQ(Write({"Child", "NotLoaded"}), std::string(kHead) + kTail);
+
+  ASSERT_EQ(CreateTable("Samples"), 1);
+  std::vector<ValueSlot> values(16);
+  values[0] = OwnedBlock::Of(std::int32_t{7});
+  values[1] = OwnedBlock::Of(std::int32_t{-1});  // equal to the default: omitted
+  values[6] = OwnedBlock::Copy(std::string(300, 'x').data(), 300);
+  values[9] = OwnedBlock::Of(AdvDateTime{AdvDate{2024, 3, 5}, std::nullopt});
+  values[10] = OwnedBlock::Of(std::int32_t{2});  // BOOLEAN holding 2
+  values[12] = OwnedBlock::Copy(std::string(1000, 'y').data(), 1000);
+  values[13] = OwnedBlock::Copy("blob", 4);
+  ASSERT_EQ(AddNewRow("Samples", CreateNewRowObject(std::move(values), {})), 1);
+  ASSERT_EQ(AddNewRow("Samples", CreateNewRowObject({}, {})), 1);  // only defaults
+
+  // A CHAR attribute is cut to the 254 bytes of the scratch space; TEXT is whole.
+  const std::string longChar = "LABEL=\"" + std::string(254 - 7, 'x');
+  const char* const names[] = {"samples", nullptr, "Child"};
+  EXPECT_EQ(ConvertDOtoXMLBuffer(names, kRoot),
+            std::string(kHead) + "<samples ID=\"7\" " + longChar +
+                "STAMP=\"2024-03-05\" FLAG=\"false\" BODY=\"" + std::string(1000, 'y') +
+                "\" />\n<samples />\n" + kTail);
+}
+
+TEST_F(XmlStoreTest, LoadsAndWritesOneHundredThousandRowsQuickly) {
+  constexpr int kRows = 100000;
+  std::string document = kHead;
+  for (int i = 0; i < kRows; ++i) {
+    document += "<InvParams param_name=\"name" + std::to_string(i) + "\" param_value=\"value " +
+                std::to_string(i * 7) + "\" class_id=\"" + std::to_string(i) +
+                "\" note=\"a longer note for row " + std::to_string(i) + "\" />\n";
+  }
+  document += kTail;
+
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_EQ(LoadBuffer(document), 1);
+  const auto written = ConvertDOtoXMLBuffer(std::vector<const char*>{"InvParams"}, kRoot);
+  const auto elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start);
+
+  ASSERT_TRUE(written);
+  EXPECT_EQ(*written, document);
+  std::printf("[ MEASURE  ] %d rows loaded and written in %.3f s (%zu bytes)\n", kRows,
+              elapsed.count(), written->size());
+#if defined(__SANITIZE_ADDRESS__) || !defined(NDEBUG)
+  constexpr double kBoundSeconds = 30.0;  // instrumented or unoptimised builds
+#else
+  constexpr double kBoundSeconds = 1.0;
+#endif
+  EXPECT_LT(elapsed.count(), kBoundSeconds);
+}
+
+}  // namespace
+}  // namespace tarn
