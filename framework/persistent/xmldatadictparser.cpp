@@ -326,10 +326,11 @@ std::shared_ptr<const TableDefn> BuildTableDefinition(const XmlTagInfo& table) {
                                            std::move(constraintDefn));
 }
 
-// True when the document's DOCTYPE is one the store refuses.
-bool RefusedDoctype(xmlTextReader* reader) {
-  return HasUnsafeDoctype(xmlTextReaderCurrentDoc(reader));
-}
+struct DocDeleter {
+  void operator()(xmlDoc* document) const { xmlFreeDoc(document); }
+};
+// Asking the reader for its document makes the caller its owner.
+using OwnedDoc = std::unique_ptr<xmlDoc, DocDeleter>;
 
 // Parses one table element into a definition and appends it. False when the
 // reader failed inside the table.
@@ -348,6 +349,7 @@ bool ParserTableNode(xmlTextReader* reader) {
 }
 
 void ParserDataDictXML(const char* filePath) {
+  OwnedDoc document;  // destroyed after the reader
   ReaderPtr reader(xmlReaderForFile(filePath, nullptr, kSafeXmlParseOptions));
   if (!reader) {
     ErrorLogMessage("Unable to open %s\n", filePath);
@@ -362,7 +364,9 @@ void ParserDataDictXML(const char* filePath) {
     }
     if (!rootSeen) {
       rootSeen = true;
-      failed = RefusedDoctype(reader.get());
+      // The root's start tag follows the whole DOCTYPE, so its declarations are known here.
+      document.reset(xmlTextReaderCurrentDoc(reader.get()));
+      failed = HasUnsafeDoctype(document.get());
       continue;
     }
     const std::string name = CurrentName(reader.get());
