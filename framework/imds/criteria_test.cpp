@@ -55,13 +55,33 @@ TEST(CriteriaParserTest, BuildsTheTreeOfTheLanguage) {
 
 TEST(CriteriaParserTest, RejectsWhatTheLanguageDoesNotHave) {
   for (const char* criteria : {
-           "",              // empty
-           "   ",           // blanks only
-           "a=1 AND b=2",   // AND is a name
-           "a=1 Or b=2",    // so is Or
-           "a==1", "a<>1", "a=b", "1=2", "_a=1", "a=-1", "a=1e3", "a=\"x\"", "a=7.", "a=.5",
-           "a=1 and", "(a=1", "a=1)", "()", "a 1", "a=1\n",  // a trailing line feed leaves an empty criterion
-           "a='x", "a=1;", "a=1 # b", "a=1\r", "a=1 and b=2 !", "LIKE 'x'", "caf\xC3\xA9='x'",
+           "",             // empty
+           "   ",          // blanks only
+           "a=1 AND b=2",  // AND is a name
+           "a=1 Or b=2",   // so is Or
+           "a==1",
+           "a<>1",
+           "a=b",
+           "1=2",
+           "_a=1",
+           "a=-1",
+           "a=1e3",
+           "a=\"x\"",
+           "a=7.",
+           "a=.5",
+           "a=1 and",
+           "(a=1",
+           "a=1)",
+           "()",
+           "a 1",
+           "a=1\n",  // a trailing line feed leaves an empty criterion
+           "a='x",
+           "a=1;",
+           "a=1 # b",
+           "a=1\r",
+           "a=1 and b=2 !",
+           "LIKE 'x'",
+           "caf\xC3\xA9='x'",
        }) {
     EXPECT_EQ(CriteriaParser(criteria), nullptr) << criteria;
   }
@@ -114,7 +134,9 @@ class CriteriaSelectTest : public ::testing::Test {
     values[3] = OwnedBlock::Of(1.5);
     values[4] = OwnedBlock::Of(AdvDate{2024, 3, 5});
     AllocateAndDoStrcpy(values[5], "note");
-    ASSERT_EQ(AddNewRow("InvParams", CreateNewRowObject(std::move(values), std::vector<std::int32_t>(6))), 1);
+    ASSERT_EQ(
+        AddNewRow("InvParams", CreateNewRowObject(std::move(values), std::vector<std::int32_t>(6))),
+        1);
   }
 
   // The class_id values of the selected rows, in order; {-1} for a null result.
@@ -160,10 +182,10 @@ TEST_F(CriteriaSelectTest, SelectsRowsOfIntegerAndTextColumns) {
 }
 
 TEST_F(CriteriaSelectTest, SomeColumnsNeverMatch) {
-  EXPECT_EQ(Select("InvParams", "weight = 1.5"), Ids{});   // DOUBLE
+  EXPECT_EQ(Select("InvParams", "weight = 1.5"), Ids{});  // DOUBLE
   EXPECT_EQ(Select("InvParams", "weight != 1.5"), Ids{});
   EXPECT_EQ(Select("InvParams", "seen != '2000-01-01'"), Ids{});  // DATE
-  EXPECT_EQ(Select("InvParams", "note = 'note'"), Ids{});  // TEXT
+  EXPECT_EQ(Select("InvParams", "note = 'note'"), Ids{});         // TEXT
   EXPECT_EQ(Select("InvParams", "no_such_column = 1"), Ids{});
   EXPECT_EQ(Select("InvParams", "no_such_column = 1 or class_id = 7"), Ids{7});
   EXPECT_EQ(Select("InvParams", ""), Ids{-1});

@@ -15,8 +15,7 @@ bool IsSignedIntegerType(int type) {
 }
 
 bool IsUnsignedIntegerType(int type) {
-  return type == kTypeUnsignedTinyInt || type == kTypeUnsignedSmallInt ||
-         type == kTypeUnsignedInt;
+  return type == kTypeUnsignedTinyInt || type == kTypeUnsignedSmallInt || type == kTypeUnsignedInt;
 }
 
 bool IsComparedAsText(int type) { return type == kTypeSqlChar || type == kTypeChar; }
@@ -92,8 +91,8 @@ bool EvaluateLeaf(const RowObject& row, const CriteriaNode& leaf) {
     return Relate(leaf.op, slot->Read<float>(), leaf.boundLiteral->Read<float>());
   }
   if (IsComparedAsText(type)) {
-    return Relate(leaf.op, EvaluateRelStringExprDifference(slot->c_str(), leaf.boundLiteral->c_str()),
-                  0);
+    return Relate(leaf.op,
+                  EvaluateRelStringExprDifference(slot->c_str(), leaf.boundLiteral->c_str()), 0);
   }
   return false;
 }

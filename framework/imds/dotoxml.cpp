@@ -22,8 +22,8 @@ void AppendScratch(std::string& document, const char* format, ...) {
   const int written = std::vsnprintf(scratch, sizeof scratch, format, args);
   va_end(args);
   if (written > 0) {
-    document.append(scratch, std::min<std::size_t>(static_cast<std::size_t>(written),
-                                                    sizeof scratch - 1));
+    document.append(scratch,
+                    std::min<std::size_t>(static_cast<std::size_t>(written), sizeof scratch - 1));
   }
 }
 
@@ -91,9 +91,8 @@ void AppendRow(std::string& document, const char* listedName, const TableData& t
                const RowObject& row) {
   AppendScratch(document, "<%s ", listedName);
   const auto& columns = table.tableDefn->columns();
-  const std::size_t count =
-      std::min({static_cast<std::size_t>(std::max(table.columnCount, 0)), columns.size(),
-                row.values.size()});
+  const std::size_t count = std::min({static_cast<std::size_t>(std::max(table.columnCount, 0)),
+                                      columns.size(), row.values.size()});
   for (std::size_t i = 0; i < count; ++i) {
     const ColumnDefn& column = columns[i];
     const ValueSlot& value = row.values[i];

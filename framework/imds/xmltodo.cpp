@@ -235,11 +235,13 @@ class DoImporter {
       if (FindSubString(name, "List")) {
         return ImportChildren(element);
       }
-      ErrorLogMessage("Cannot create and add a new row while constructing tabledata from XML file.\n");
+      ErrorLogMessage(
+          "Cannot create and add a new row while constructing tabledata from XML file.\n");
       return false;
     }
     if (!AddRowFromElement(*table, name, element)) {
-      ErrorLogMessage("Cannot create and add a new row while constructing tabledata from XML file.\n");
+      ErrorLogMessage(
+          "Cannot create and add a new row while constructing tabledata from XML file.\n");
       return false;
     }
     return ImportChildren(element);
@@ -268,8 +270,8 @@ class DoImporter {
   // A column without attribute: the default, overridden by the value an
   // enclosing element carries for the referenced column (foreign key) or for
   // the same column (primary key).
-  void InheritValue(const TableDefn& definition, const ColumnDefn& column,
-                    const xmlNode* element, StoredValue& stored) {
+  void InheritValue(const TableDefn& definition, const ColumnDefn& column, const xmlNode* element,
+                    StoredValue& stored) {
     if (column.defaultValue) {
       stored = {*column.defaultValue, column.defaultLength};
     }
@@ -399,7 +401,8 @@ int ImportDocument(DocPtr document, Source source) {
   try {
     imported = DoImporter(document.get()).ImportChildren(root);
   } catch (const std::bad_alloc&) {
-    ErrorLogMessage("Cannot create and add a new row while constructing tabledata from XML file.\n");
+    ErrorLogMessage(
+        "Cannot create and add a new row while constructing tabledata from XML file.\n");
   }
   if (!imported) {
     ErrorLogMessage(source == Source::kFile ? "Cannot construct table data from XML file.\n"

@@ -34,15 +34,16 @@ TEST_F(XmlStoreTest, ReadsReferencesInheritedKeysAndGroupingElements) {
   SetSequenceState("RESOURCE_SEQ", {500, 799});
   ASSERT_EQ(CreateDOFromXMLFile(testing::TestDataPath("imds/rows.xml").c_str()), 1);
   EXPECT_EQ(GetTableDataByName("ResourceList"), nullptr);
-  EXPECT_EQ(Write({"Resource", "Child"}),
-            std::string(kHead) +
-                "<Resource RESOURCE_ID=\"500\" NAME=\"pc-01\" NOTES=\"with:colons\" STATUS=\"3\" />\n"
-                "<Resource RESOURCE_ID=\"501\" NAME=\"pc-02\" BIG=\"12\" />\n"
-                "<Child CHILD_ID=\"1\" RESOURCE_ID=\"500\" LABEL=\"c\" />\n"
-                "<Child CHILD_ID=\"2\" RESOURCE_ID=\"500\" LABEL=\"c:d\" />\n"
-                "<Child CHILD_ID=\"9\" RESOURCE_ID=\"501\" LABEL=\"outer\" />\n"
-                "<Child CHILD_ID=\"9\" RESOURCE_ID=\"501\" LABEL=\"inner\" />\n" +
-                kTail);
+  EXPECT_EQ(
+      Write({"Resource", "Child"}),
+      std::string(kHead) +
+          "<Resource RESOURCE_ID=\"500\" NAME=\"pc-01\" NOTES=\"with:colons\" STATUS=\"3\" />\n"
+          "<Resource RESOURCE_ID=\"501\" NAME=\"pc-02\" BIG=\"12\" />\n"
+          "<Child CHILD_ID=\"1\" RESOURCE_ID=\"500\" LABEL=\"c\" />\n"
+          "<Child CHILD_ID=\"2\" RESOURCE_ID=\"500\" LABEL=\"c:d\" />\n"
+          "<Child CHILD_ID=\"9\" RESOURCE_ID=\"501\" LABEL=\"outer\" />\n"
+          "<Child CHILD_ID=\"9\" RESOURCE_ID=\"501\" LABEL=\"inner\" />\n" +
+          kTail);
 }
 
 TEST_F(XmlStoreTest, ReferencesWithoutSequenceStateAllGetMinusOne) {
@@ -64,10 +65,10 @@ TEST_F(XmlStoreTest, ConvertsValuesByTypeAndWritesThemBack) {
   EXPECT_EQ(first.lengths[5], 8);
   EXPECT_EQ(first.values[10]->Read<std::uint8_t>(), 0);  // "FALSE"
   EXPECT_EQ(first.values[11]->Read<std::uint8_t>(), 1);  // "yes"
-  EXPECT_EQ(first.lengths[7], 4);                         // DATE record
-  EXPECT_EQ(first.lengths[8], 3);                         // TIME record
-  EXPECT_EQ(first.lengths[9], 24);                        // DATETIME record
-  EXPECT_FALSE(first.values[13]);                         // BLOB plain values are not kept
+  EXPECT_EQ(first.lengths[7], 4);                        // DATE record
+  EXPECT_EQ(first.lengths[8], 3);                        // TIME record
+  EXPECT_EQ(first.lengths[9], 24);                       // DATETIME record
+  EXPECT_FALSE(first.values[13]);                        // BLOB plain values are not kept
   EXPECT_EQ(Write({"Samples"}),
             std::string(kHead) +
                 "<Samples ID=\"1\" UINT=\"-1\" RATIO=\"1.500000\" AMOUNT=\"2.000000\" "

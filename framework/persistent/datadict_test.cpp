@@ -25,14 +25,34 @@ TEST(GetGenDataTypeMacroTest, MapsTextsIgnoringCaseAndUnknownToZero) {
     const char* text;
     int code;
   } cases[] = {
-      {"ADV_SQL_NOT_SUPPORTED_TYPE", 0}, {"adv_sql_tinyint", 1}, {"ADV_SQL_UNSIGNED_TINYINT", 2},
-      {"ADV_SQL_SMALLINT", 3},  {"ADV_SQL_UNSIGNED_SMALLINT", 4}, {"ADV_SQL_INT", 5},
-      {"BigInt", 5},            {"INTEGER", 5},  {"long", 5},       {"ADV_SQL_UNSIGNED_INT", 6},
-      {"ADV_SQL_UNSIGNED_LONG_INT", 8}, {"FLOAT", 9}, {"ADV_SQL_DOUBLE", 10}, {"ADV_SQL_REAL", 11},
-      {"ADV_SQL_DECIMAL", 12},  {"ADV_SQL_NUMERIC", 13}, {"ADV_SQL_CHAR", 14}, {"nchar", 15},
-      {"TIMESTAMP", 18},        {"Date", 16},    {"TIME", 17},      {"BOOLEAN", 19},
-      {"BLOB", 20},             {"CLOB", 21},    {"text", 22},      {"VARCHAR", 0},
-      {"ADV_SQL_LONG_INT", 0},  {"", 0},
+      {"ADV_SQL_NOT_SUPPORTED_TYPE", 0},
+      {"adv_sql_tinyint", 1},
+      {"ADV_SQL_UNSIGNED_TINYINT", 2},
+      {"ADV_SQL_SMALLINT", 3},
+      {"ADV_SQL_UNSIGNED_SMALLINT", 4},
+      {"ADV_SQL_INT", 5},
+      {"BigInt", 5},
+      {"INTEGER", 5},
+      {"long", 5},
+      {"ADV_SQL_UNSIGNED_INT", 6},
+      {"ADV_SQL_UNSIGNED_LONG_INT", 8},
+      {"FLOAT", 9},
+      {"ADV_SQL_DOUBLE", 10},
+      {"ADV_SQL_REAL", 11},
+      {"ADV_SQL_DECIMAL", 12},
+      {"ADV_SQL_NUMERIC", 13},
+      {"ADV_SQL_CHAR", 14},
+      {"nchar", 15},
+      {"TIMESTAMP", 18},
+      {"Date", 16},
+      {"TIME", 17},
+      {"BOOLEAN", 19},
+      {"BLOB", 20},
+      {"CLOB", 21},
+      {"text", 22},
+      {"VARCHAR", 0},
+      {"ADV_SQL_LONG_INT", 0},
+      {"", 0},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(GetGenDataTypeMacro(c.text), c.code) << c.text;
@@ -58,9 +78,9 @@ TEST_F(DataDictTest, ReadsColumnsWithTypesFlagsAndDefaults) {
   const ColumnDefn* name = GetColumnDefnEntry("Resource", "NAME");
   EXPECT_EQ(name->type, kTypeChar);  // CHAR of max size 255 stays CHAR
   EXPECT_EQ(name->maxSize, 255);
-  EXPECT_TRUE(name->nullable);   // "TRUE" in any letter case
-  EXPECT_FALSE(name->unique);    // only exactly "true"
-  EXPECT_EQ(GetColumnType("Resource", "NOTES"), kTypeText);  // 256 becomes TEXT
+  EXPECT_TRUE(name->nullable);                                     // "TRUE" in any letter case
+  EXPECT_FALSE(name->unique);                                      // only exactly "true"
+  EXPECT_EQ(GetColumnType("Resource", "NOTES"), kTypeText);        // 256 becomes TEXT
   EXPECT_TRUE(GetColumnDefnEntry("Resource", "NOTES")->nullable);  // absent means nullable
 
   const ColumnDefn* big = GetColumnDefnEntry("Resource", "BIG");
@@ -186,7 +206,8 @@ TEST_F(DataDictTest, StructuralErrorsDropOnlyTheirTable) {
         "In the allowed values attribute, 'to' tag is missing.\n", "\nDescription tag ambiguity \n",
         "\nMissing primary-key-column end tag\n", "\n Missing endof FK-LOCAL-COLUMN tag\n",
         "fk-columns tag not found \n", "\n Not all Attributes were read\n",
-        "@@@@Parsing Table Info : NoTo @@@@\n", "\t@@@@ Loaded Table definition Successfully @@@@\n"}) {
+        "@@@@Parsing Table Info : NoTo @@@@\n",
+        "\t@@@@ Loaded Table definition Successfully @@@@\n"}) {
     EXPECT_NE(text.find(message), std::string::npos) << message;
   }
   EXPECT_EQ(text.find(" : failed to parse\n"), std::string::npos);

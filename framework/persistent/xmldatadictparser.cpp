@@ -220,8 +220,8 @@ ColumnDefn ParseColumnNode(const XmlTagInfo& tag, const std::string& tableName) 
   }
   const int type = GetGenDataTypeMacro(dataType == nullptr ? nullptr : dataType->c_str());
   return CreateColumnDefn(*name, type, defaultText == nullptr ? nullptr : defaultText->c_str(),
-                          unique, std::move(generator), std::move(description), maxSize,
-                          nullable, std::move(allowed));
+                          unique, std::move(generator), std::move(description), maxSize, nullable,
+                          std::move(allowed));
 }
 
 std::vector<std::string> ParsePrimaryKey(const XmlTagInfo& tag) {
@@ -270,9 +270,9 @@ void ParseForeignKey(const XmlTagInfo& tag, std::vector<FKeyDefn>& foreignKeys) 
     if (fkColumn->tagName != "fk-column") {
       Drop("\nMissing end FK-COLUMNS\n");
     }
-    foreignKeys.push_back(CreateFkeyConstrDefn(
-        *fkColumn, referenceTable == nullptr ? std::string() : *referenceTable, cascade,
-        isBidirectional));
+    foreignKeys.push_back(
+        CreateFkeyConstrDefn(*fkColumn, referenceTable == nullptr ? std::string() : *referenceTable,
+                             cascade, isBidirectional));
   }
 }
 

@@ -14,7 +14,8 @@ namespace tarn {
 
 // Parser options for every XML parse of the store. Parser diagnostics are
 // kept off standard error; callers log their own messages.
-inline constexpr int kSafeXmlParseOptions = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
+inline constexpr int kSafeXmlParseOptions =
+    XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
 
 // True when the DTD declares any general or parameter entity or names an
 // external subset (public or system identifier). A null DTD is safe.
