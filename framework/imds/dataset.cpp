@@ -58,29 +58,6 @@ std::int32_t SortKey(const RowObject* row, std::size_t position) {
   return slot ? slot->Read<std::int32_t>() : INT32_MIN;
 }
 
-// Positions of the two "part present" flag bytes inside an AdvDateTime:
-// the bytes that change when both parts of an all-zero record are switched on.
-struct DateTimeFlagBytes {
-  std::vector<std::size_t> positions;
-  DateTimeFlagBytes() {
-    AdvDateTime none;
-    AdvDateTime both;
-    std::memset(static_cast<void*>(&none), 0, sizeof none);
-    std::memset(static_cast<void*>(&both), 0, sizeof both);
-    both.date.emplace();
-    both.time.emplace();
-    unsigned char noneBytes[sizeof(AdvDateTime)];
-    unsigned char bothBytes[sizeof(AdvDateTime)];
-    std::memcpy(noneBytes, &none, sizeof none);
-    std::memcpy(bothBytes, &both, sizeof both);
-    for (std::size_t i = 0; i < sizeof(AdvDateTime); ++i) {
-      if (noneBytes[i] != bothBytes[i]) {
-        positions.push_back(i);
-      }
-    }
-  }
-};
-
 bool DateEquals(const AdvDate& a, const AdvDate& b) {
   return a.year == b.year && a.month == b.month && a.day == b.day;
 }
@@ -427,16 +404,7 @@ int SortResultSet(ResultData* result, const char* columnName, int order) {
 }
 
 AdvDateTime ReadDateTimeRecord(const OwnedBlock& value) {
-  static const DateTimeFlagBytes flags;
-  if (value.size() != sizeof(AdvDateTime)) {
-    return {};
-  }
-  for (std::size_t position : flags.positions) {
-    if (value.data()[position] > 1) {
-      return {};
-    }
-  }
-  return value.Read<AdvDateTime>();
+  return LoadAdvDateTime(value).value_or(AdvDateTime{});
 }
 
 void FreeResultData(std::unique_ptr<ResultData> result) { result.reset(); }

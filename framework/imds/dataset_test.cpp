@@ -182,10 +182,10 @@ TEST(CompareValuesTest, ComparesByType) {
       {kTypeDate, OwnedBlock::Of(AdvDate{2024, 3, 5}), OwnedBlock::Of(AdvDate{2024, 3, 5}), true},
       {kTypeDate, OwnedBlock::Of(AdvDate{2024, 3, 5}), OwnedBlock::Of(AdvDate{2024, 3, 6}), false},
       {kTypeTime, OwnedBlock::Of(AdvTime{1, 2, 3}), OwnedBlock::Of(AdvTime{1, 2, 4}), false},
-      {kTypeDateTime, OwnedBlock::Of(*CreateAdvDateTime(2024, 1, 2, 3, 4, 5)),
-       OwnedBlock::Of(*CreateAdvDateTime(2024, 1, 2, 3, 4, 5)), true},
-      {kTypeDateTime, OwnedBlock::Of(*CreateAdvDateTime(2024, 1, 2, 3, 4, 5)),
-       OwnedBlock::Of(AdvDateTime{AdvDate{2024, 1, 2}, std::nullopt}), false},
+      {kTypeDateTime, StoreAdvDateTime(*CreateAdvDateTime(2024, 1, 2, 3, 4, 5)),
+       StoreAdvDateTime(*CreateAdvDateTime(2024, 1, 2, 3, 4, 5)), true},
+      {kTypeDateTime, StoreAdvDateTime(*CreateAdvDateTime(2024, 1, 2, 3, 4, 5)),
+       StoreAdvDateTime(AdvDateTime{AdvDate{2024, 1, 2}, std::nullopt}), false},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(CompareValues(c.type, &c.a, &c.b) == 0, c.equal) << "type " << c.type;

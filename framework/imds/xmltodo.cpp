@@ -136,7 +136,7 @@ StoredValue AllocateAndCopyColumnValue(int type, const char* text) {
       AdvDateTime record;
       record.date = DateOf(fields, 0);
       record.time = TimeOf(fields, 3);
-      return {OwnedBlock::Of(record), kDateTimeRecordLength};
+      return {StoreAdvDateTime(record), kDateTimeRecordLength};
     }
     case kTypeBoolean: {
       const std::uint8_t flag = strcasecmp(text, "false") == 0 ? 0 : 1;

@@ -129,7 +129,7 @@ TEST_F(XmlStoreTest, WriterFormsEdgeValuesExactly) {
   values[0] = OwnedBlock::Of(std::int32_t{7});
   values[1] = OwnedBlock::Of(std::int32_t{-1});  // equal to the default: omitted
   values[6] = OwnedBlock::Copy(std::string(300, 'x').data(), 300);
-  values[9] = OwnedBlock::Of(AdvDateTime{AdvDate{2024, 3, 5}, std::nullopt});
+  values[9] = StoreAdvDateTime(AdvDateTime{AdvDate{2024, 3, 5}, std::nullopt});
   values[10] = OwnedBlock::Of(std::int32_t{2});  // BOOLEAN holding 2
   values[12] = OwnedBlock::Copy(std::string(1000, 'y').data(), 1000);
   values[13] = OwnedBlock::Copy("blob", 4);

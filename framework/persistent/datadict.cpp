@@ -75,7 +75,7 @@ void ConvertDefault(ColumnDefn& column, const char* text) {
     return;
   }
   if (column.type == kTypeDate || column.type == kTypeTime) {
-    const auto record = value->Read<AdvDateTime>();
+    const AdvDateTime record = LoadAdvDateTime(*value).value_or(AdvDateTime{});
     if (column.type == kTypeDate) {
       value = OwnedBlock::Of(record.date.value_or(AdvDate{}));
       length = kDateRecordLength;

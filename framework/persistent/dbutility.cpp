@@ -88,7 +88,7 @@ std::optional<OwnedBlock> ConvertToGenSQLType(const char* text, std::int32_t& le
         return std::nullopt;
       }
       length = kDateTimeRecordLength;
-      return OwnedBlock::Of(*dateTime);
+      return StoreAdvDateTime(*dateTime);
     }
     case kTypeBoolean:
       return Boolean(text, length);

@@ -46,8 +46,8 @@ inline constexpr std::int32_t kDateTimeRecordLength = 24;
 // Converts text to the storage form of type and sets length to the value's
 // length in bytes. For codes 0, 12, 13, 20 and 21 length is also the input:
 // that many bytes are taken (zero-filled past the end of text). Integers are
-// stored in their type's storage size, DATE/TIME/DATETIME as an AdvDateTime
-// record, BOOLEAN as one byte 1 or 0. Returns nullopt for a null text, a
+// stored in their type's storage size, DATE/TIME/DATETIME as a stored AdvDateTime
+// record (StoreAdvDateTime), BOOLEAN as one byte 1 or 0. Returns nullopt for a null text, a
 // type above 22, a date/time text that does not read, or a BOOLEAN text other
 // than "TRUE"/"FALSE" (any letter case).
 std::optional<OwnedBlock> ConvertToGenSQLType(const char* text, std::int32_t& length, int type);

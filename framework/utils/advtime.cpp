@@ -110,6 +110,42 @@ std::optional<std::string> ConvertAdvDateTimeToString(const AdvDateTime* dateTim
   return ConvertAdvTimeToString(time);
 }
 
+namespace {
+constexpr std::size_t kStoredDateTimeSize = 9;
+}  // namespace
+
+OwnedBlock StoreAdvDateTime(const AdvDateTime& dateTime) {
+  const AdvDate date = dateTime.date.value_or(AdvDate{});
+  const AdvTime time = dateTime.time.value_or(AdvTime{});
+  const unsigned char bytes[kStoredDateTimeSize] = {
+      static_cast<unsigned char>(dateTime.date.has_value()),
+      static_cast<unsigned char>(date.year & 0xff),
+      static_cast<unsigned char>(date.year >> 8),
+      date.month,
+      date.day,
+      static_cast<unsigned char>(dateTime.time.has_value()),
+      time.hour,
+      time.minute,
+      time.second};
+  return OwnedBlock::Copy(bytes, sizeof bytes);
+}
+
+std::optional<AdvDateTime> LoadAdvDateTime(const OwnedBlock& block) {
+  const unsigned char* bytes = block.data();
+  if (block.size() != kStoredDateTimeSize || bytes[0] > 1 || bytes[5] > 1) {
+    return std::nullopt;
+  }
+  AdvDateTime dateTime;
+  if (bytes[0] == 1) {
+    dateTime.date = AdvDate{static_cast<std::uint16_t>(bytes[1] | (bytes[2] << 8)), bytes[3],
+                            bytes[4]};
+  }
+  if (bytes[5] == 1) {
+    dateTime.time = AdvTime{bytes[6], bytes[7], bytes[8]};
+  }
+  return dateTime;
+}
+
 std::string CurrentDateTimeText() {
   const auto now = CurrentSystemTime();
   return now ? ConvertAdvDateTimeToString(now.get()).value_or("") : std::string();

@@ -8,6 +8,8 @@
 #include <optional>
 #include <string>
 
+#include "framework/utils/ownedblock.h"
+
 namespace tarn {
 
 struct AdvDate {
@@ -50,6 +52,13 @@ std::optional<std::string> ConvertAdvTimeToString(const AdvTime* time);
 
 // Both parts joined by a blank, or whichever part exists; nullopt for neither.
 std::optional<std::string> ConvertAdvDateTimeToString(const AdvDateTime* dateTime);
+
+// The storage form of a date-time record in a store value: a presence byte
+// and the date fields (year little-endian, month, day), then a presence byte
+// and the time fields (hour, minute, second).
+OwnedBlock StoreAdvDateTime(const AdvDateTime& dateTime);
+// Reads a block written by StoreAdvDateTime; nothing for any other bytes.
+std::optional<AdvDateTime> LoadAdvDateTime(const OwnedBlock& block);
 
 // The current local time as "%04d-%02d-%02d %02d:%02d:%02d".
 std::string CurrentDateTimeText();

@@ -140,10 +140,10 @@ TEST(ConvertToGenSQLType, EveryTypeCodeGivesItsStorageForm) {
     auto when = ConvertToGenSQLType("2024-03-05", length, type);
     ASSERT_TRUE(when) << type;
     EXPECT_EQ(length, 24);
-    const auto record = when->Read<AdvDateTime>();
-    ASSERT_TRUE(record.date && record.time);
-    EXPECT_EQ(record.date->year, 2024);
-    EXPECT_EQ(record.date->day, 5);
+    const auto record = LoadAdvDateTime(*when);
+    ASSERT_TRUE(record && record->date && record->time);
+    EXPECT_EQ(record->date->year, 2024);
+    EXPECT_EQ(record->date->day, 5);
   }
   EXPECT_FALSE(ConvertToGenSQLType("soon", length, 16));
 
