@@ -2,10 +2,7 @@
 // getifaddrs for addresses, SystemConfiguration for the user-visible computer name.
 // Linking needs the SystemConfiguration and CoreFoundation frameworks.
 #include <SystemConfiguration/SystemConfiguration.h>
-#include <arpa/inet.h>
-#include <ifaddrs.h>
 #include <mach/mach.h>
-#include <netinet/in.h>
 #include <stdlib.h>
 #include <sys/sysctl.h>
 #include <unistd.h>
@@ -17,14 +14,11 @@
 #include <string>
 #include <vector>
 
+#include "platform/host/interface_addresses.h"
 #include "platform/host/live_host_info.h"
 
 namespace tarn {
 namespace {
-
-struct IfaddrsFree {
-  void operator()(ifaddrs* list) const { freeifaddrs(list); }
-};
 
 struct CFReleaser {
   void operator()(const void* object) const { CFRelease(object); }
@@ -42,16 +36,6 @@ class HostPort {
  private:
   host_t port_;
 };
-
-std::string AddressText(const sockaddr* address) {
-  char text[INET6_ADDRSTRLEN] = {};
-  const void* raw =
-      address->sa_family == AF_INET
-          ? static_cast<const void*>(&reinterpret_cast<const sockaddr_in*>(address)->sin_addr)
-          : static_cast<const void*>(&reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr);
-  if (inet_ntop(address->sa_family, raw, text, sizeof text) == nullptr) return {};
-  return text;
-}
 
 std::string Utf8FromCFString(CFStringRef text) {
   if (text == nullptr) return {};
@@ -99,19 +83,7 @@ class DarwinHostInfo final : public HostInfo {
     return Utf8FromCFString(static_cast<CFStringRef>(name.get()));
   }
 
-  std::vector<InterfaceAddress> InterfaceAddresses() override {
-    ifaddrs* raw = nullptr;
-    if (getifaddrs(&raw) != 0) return {};
-    const std::unique_ptr<ifaddrs, IfaddrsFree> list(raw);
-    std::vector<InterfaceAddress> addresses;
-    for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
-      if (entry->ifa_addr == nullptr) continue;
-      const int family = entry->ifa_addr->sa_family;
-      if (family != AF_INET && family != AF_INET6) continue;
-      addresses.push_back({entry->ifa_name, family, AddressText(entry->ifa_addr)});
-    }
-    return addresses;
-  }
+  std::vector<InterfaceAddress> InterfaceAddresses() override { return ReadInterfaceAddresses(); }
 
   std::optional<VmStatistics> VirtualMemoryStatistics() override {
     const HostPort host;

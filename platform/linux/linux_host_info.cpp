@@ -1,8 +1,5 @@
 // Host facts on Linux: /proc for memory and processes, getifaddrs for addresses.
-#include <arpa/inet.h>
 #include <dirent.h>
-#include <ifaddrs.h>
-#include <netinet/in.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,6 +12,7 @@
 #include <sstream>
 #include <string>
 
+#include "platform/host/interface_addresses.h"
 #include "platform/host/live_host_info.h"
 
 namespace tarn {
@@ -44,16 +42,6 @@ std::map<std::string, std::uint64_t> ReadMemInfo() {
   return bytesByName;
 }
 
-std::string AddressText(const sockaddr* address) {
-  char text[INET6_ADDRSTRLEN] = {};
-  const void* raw =
-      address->sa_family == AF_INET
-          ? static_cast<const void*>(&reinterpret_cast<const sockaddr_in*>(address)->sin_addr)
-          : static_cast<const void*>(&reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr);
-  if (inet_ntop(address->sa_family, raw, text, sizeof text) == nullptr) return {};
-  return text;
-}
-
 bool IsAllDigits(const char* text) {
   if (*text == '\0') return false;
   for (; *text != '\0'; ++text) {
@@ -62,9 +50,6 @@ bool IsAllDigits(const char* text) {
   return true;
 }
 
-struct IfaddrsFree {
-  void operator()(ifaddrs* list) const { freeifaddrs(list); }
-};
 struct DirClose {
   void operator()(DIR* directory) const { closedir(directory); }
 };
@@ -94,19 +79,7 @@ class LinuxHostInfo final : public HostInfo {
     return HostName();
   }
 
-  std::vector<InterfaceAddress> InterfaceAddresses() override {
-    ifaddrs* raw = nullptr;
-    if (getifaddrs(&raw) != 0) return {};
-    const std::unique_ptr<ifaddrs, IfaddrsFree> list(raw);
-    std::vector<InterfaceAddress> addresses;
-    for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
-      if (entry->ifa_addr == nullptr) continue;
-      const int family = entry->ifa_addr->sa_family;
-      if (family != AF_INET && family != AF_INET6) continue;
-      addresses.push_back({entry->ifa_name, family, AddressText(entry->ifa_addr)});
-    }
-    return addresses;
-  }
+  std::vector<InterfaceAddress> InterfaceAddresses() override { return ReadInterfaceAddresses(); }
 
   // Linux keeps no "wired" count; memory the kernel cannot page out (unevictable and locked
   // pages, unreclaimable slab, kernel stacks, page tables) stands in for it.

@@ -1,0 +1,13 @@
+#pragma once
+
+#include <vector>
+
+#include "platform/platform.h"
+
+namespace tarn {
+
+// The IPv4 and IPv6 addresses of the network interfaces in the order getifaddrs lists them;
+// empty when the list cannot be read. Shared by the POSIX hosts (Linux and macOS).
+std::vector<InterfaceAddress> ReadInterfaceAddresses();
+
+}  // namespace tarn
