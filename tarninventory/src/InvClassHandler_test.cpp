@@ -159,19 +159,5 @@ TEST_F(InvClassHandlerTest, RowWithoutANeededValueIsCaughtAndKeepsWhatWasBuilt) 
   EXPECT_EQ(handler_.GetclassName(3), std::nullopt);
 }
 
-TEST_F(InvClassHandlerTest, ShippedCatalogueIndexesEveryClass) {
-  ASSERT_EQ(CreateDOFromXMLFile(DataFile("Mac_InvClasses.xml").c_str()), 1);
-  InvClassHandler& shared = invClassObj();
-  shared.Initialize();
-  EXPECT_EQ(shared.CreateInvTable(), 0u);
-  EXPECT_EQ(shared.GetclassIdArr(),
-            (Ids{"1", "3", "4", "7", "12", "13", "18", "20", "22", "24", "25", "27", "28"}));
-  EXPECT_EQ(shared.GetLastPropertyID(), 2808);
-  EXPECT_EQ(shared.GetpropertiesCountforClass(28), 8u);
-  EXPECT_EQ(shared.GetpropertyIDArr(28)->back(), "2808");
-  EXPECT_EQ(shared.GetclassName(18), "Software");
-  shared.dealloc();
-}
-
 }  // namespace
 }  // namespace tarn

@@ -77,6 +77,9 @@ std::vector<int> ColumnTypes(const char* table) {
   return types;
 }
 
+constexpr int kInt = 5;
+constexpr int kText = 22;
+
 bool IsText(int type) { return type == 14 || type == 15 || type == 22; }
 
 TEST_F(DataFilesTest, EveryTableOfTheRunIsDefinedOnceWithItsColumnsInOrder) {
@@ -87,8 +90,6 @@ TEST_F(DataFilesTest, EveryTableOfTheRunIsDefinedOnceWithItsColumnsInOrder) {
   }
   for (const auto& [name, count] : definitions) EXPECT_EQ(count, 1) << name;
 
-  constexpr int kInt = 5;
-  constexpr int kText = 22;
   EXPECT_EQ(ColumnTypes("WMIFetchedValue"),
             (std::vector<int>{kInt, kInt, kInt, kInt, kText, kInt}));
   EXPECT_EQ(ColumnTypes("AgentParams"), (std::vector<int>{kInt, 15, kText}));
@@ -96,22 +97,25 @@ TEST_F(DataFilesTest, EveryTableOfTheRunIsDefinedOnceWithItsColumnsInOrder) {
   EXPECT_EQ(GetTableDefnEntry("Agentparams"), GetTableDefnEntry("AgentParams"));
   EXPECT_NE(GetColumnDefnEntry("Agentparams", "PARAM_NAME"), nullptr);
 
-  const std::vector<int> wmiData = ColumnTypes("WMIData");
-  ASSERT_EQ(wmiData.size(), 6u);
-  EXPECT_TRUE(IsText(wmiData[0]) && IsText(wmiData[3]) && IsText(wmiData[4]));
-  EXPECT_EQ(wmiData[1], kInt);
-  EXPECT_EQ(wmiData[2], kInt);
-  EXPECT_EQ(wmiData[5], kInt);
-
-  const std::vector<int> resource = ColumnTypes("Resource");
-  ASSERT_EQ(resource.size(), 8u);
-  for (int position : {0, 3, 5, 6, 7}) EXPECT_EQ(resource[position], kInt) << position;
-  for (int position : {1, 2, 4}) EXPECT_TRUE(IsText(resource[position])) << position;
-
-  const std::vector<int> audit = ColumnTypes("InvAuditEntry");
-  ASSERT_EQ(audit.size(), 6u);
-  for (int position = 0; position < 5; ++position) EXPECT_EQ(audit[position], kInt);
-  EXPECT_TRUE(IsText(audit[5]));
+  // Text columns by position; CHAR columns (14, 15) are short texts.
+  const auto textPositions = [](const char* table) {
+    std::vector<int> positions;
+    const std::vector<int> types = ColumnTypes(table);
+    for (std::size_t i = 0; i < types.size(); ++i) {
+      if (IsText(types[i])) {
+        positions.push_back(static_cast<int>(i));
+      } else {
+        EXPECT_EQ(types[i], kInt) << table << " column " << i;
+      }
+    }
+    return positions;
+  };
+  EXPECT_EQ(textPositions("WMIData"), (std::vector<int>{0, 3, 4}));
+  EXPECT_EQ(ColumnTypes("WMIData").size(), 6u);
+  EXPECT_EQ(textPositions("Resource"), (std::vector<int>{1, 2, 4}));
+  EXPECT_EQ(ColumnTypes("Resource").size(), 8u);
+  EXPECT_EQ(textPositions("InvAuditEntry"), (std::vector<int>{5}));
+  EXPECT_EQ(ColumnTypes("InvAuditEntry").size(), 6u);
 
   EXPECT_EQ(GetColumnType("InvParams", "param_name"), 15);
   EXPECT_EQ(GetColumnType("InvParams", "param_value"), kText);
@@ -127,7 +131,7 @@ TEST_F(DataFilesTest, EveryTableOfTheRunIsDefinedOnceWithItsColumnsInOrder) {
 TEST_F(DataFilesTest, CatalogueCoversEveryRecordedPropertyWithItsKeys) {
   const std::string document = ReadAll(DataFile("Mac_InvClasses.xml"));
   ASSERT_EQ(CreateDOFromXMLBuffer(document.data(), document.size()), 1);
-  InvClassHandler catalogue;
+  InvClassHandler& catalogue = invClassObj();
   catalogue.Initialize();
   ASSERT_EQ(catalogue.CreateInvTable(), 0u) << log_.Text();
 
@@ -165,6 +169,7 @@ TEST_F(DataFilesTest, CatalogueCoversEveryRecordedPropertyWithItsKeys) {
     const Keys expected = found == keyed.end() ? Keys{} : found->second;
     EXPECT_EQ(*catalogue.GetPrimaryKeysArr(recorded.classId), expected) << recorded.classId;
   }
+  catalogue.dealloc();
 }
 
 TEST(ShippedPropertyLists, AgentConfigurationAndServerInfoRead) {
