@@ -28,9 +28,6 @@ struct DocDeleter {
 };
 using DocPtr = std::unique_ptr<xmlDoc, DocDeleter>;
 
-struct XmlCharDeleter {
-  void operator()(xmlChar* text) const { xmlFree(text); }
-};
 
 const char* AsChars(const xmlChar* text) { return reinterpret_cast<const char*>(text); }
 
@@ -163,7 +160,7 @@ std::string AttributeValue(const xmlDoc* document, const xmlAttr* attribute) {
   if (children->type == XML_TEXT_NODE && children->next == nullptr) {
     return children->content == nullptr ? std::string() : AsChars(children->content);
   }
-  std::unique_ptr<xmlChar, XmlCharDeleter> joined(
+  XmlText joined(
       xmlNodeListGetString(const_cast<xmlDoc*>(document), children, 1));
   return joined ? std::string(AsChars(joined.get())) : std::string();
 }

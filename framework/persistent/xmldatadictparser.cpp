@@ -20,10 +20,6 @@ struct ReaderDeleter {
 };
 using ReaderPtr = std::unique_ptr<xmlTextReader, ReaderDeleter>;
 
-struct XmlCharDeleter {
-  void operator()(xmlChar* text) const { xmlFree(text); }
-};
-using XmlText = std::unique_ptr<xmlChar, XmlCharDeleter>;
 
 const char* AsChars(const xmlChar* text) { return reinterpret_cast<const char*>(text); }
 const xmlChar* AsXml(const char* text) { return reinterpret_cast<const xmlChar*>(text); }

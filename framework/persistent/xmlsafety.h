@@ -10,12 +10,20 @@
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 
+#include <memory>
+
 namespace tarn {
 
 // Parser options for every XML parse of the store. Parser diagnostics are
 // kept off standard error; callers log their own messages.
 inline constexpr int kSafeXmlParseOptions =
     XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
+
+// A text handed out by libxml2, released with xmlFree.
+struct XmlCharDeleter {
+  void operator()(xmlChar* text) const { xmlFree(text); }
+};
+using XmlText = std::unique_ptr<xmlChar, XmlCharDeleter>;
 
 // True when the DTD declares any general or parameter entity or names an
 // external subset (public or system identifier). A null DTD is safe.

@@ -71,11 +71,7 @@ std::string ShortName(const kinfo_proc& process) {
 
 class DarwinHostInfo final : public HostInfo {
  public:
-  std::string HostName() override {
-    char name[256] = {};
-    if (gethostname(name, sizeof name - 1) != 0) return {};
-    return name;
-  }
+  std::string HostName() override { return ReadHostName(); }
 
   std::string LocalizedName() override {
     const std::unique_ptr<const void, CFReleaser> name(

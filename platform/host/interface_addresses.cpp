@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <netinet/in.h>
+#include <unistd.h>
 
 #include <memory>
 #include <string>
@@ -38,6 +39,12 @@ std::vector<InterfaceAddress> ReadInterfaceAddresses() {
     addresses.push_back({entry->ifa_name, family, AddressText(entry->ifa_addr)});
   }
   return addresses;
+}
+
+std::string ReadHostName() {
+  char name[256] = {};
+  if (gethostname(name, sizeof name - 1) != 0) return {};
+  return name;
 }
 
 }  // namespace tarn

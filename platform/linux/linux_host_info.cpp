@@ -56,11 +56,7 @@ struct DirClose {
 
 class LinuxHostInfo final : public HostInfo {
  public:
-  std::string HostName() override {
-    char name[256] = {};
-    if (gethostname(name, sizeof name - 1) != 0) return {};
-    return name;
-  }
+  std::string HostName() override { return ReadHostName(); }
 
   // Linux has no separate user-visible computer name; systemd keeps an optional "pretty"
   // host name, and the host name stands in without it.
