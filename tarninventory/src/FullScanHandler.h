@@ -1,0 +1,59 @@
+// The snapshot of the last scan the server accepted ("invFullData").
+//
+// The file is a property list whose root dictionary holds "INVDatadict": class
+// id text to the array of that class's instance dictionaries (property id
+// text to value text, plus "KEY"), exactly as invScanData was when it was
+// saved. A difference scan loads it, matches every new instance against it by
+// "KEY" (each previous instance is matched at most once and removed when
+// matched), and reports what is left as deleted.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "platform/plist/plist_value.h"
+
+namespace tarn {
+
+class FullScanHandler {
+ public:
+  explicit FullScanHandler(PlistPtr fullScanDict);
+  ~FullScanHandler();
+
+  // Loads the snapshot file. Null, after logging and setting the run type to
+  // full, when the file is missing, unreadable or has no "INVDatadict".
+  static std::unique_ptr<FullScanHandler> InitWithScanDataFile(const std::string& path);
+
+  // Writes scanData under "INVDatadict" into the property list at path,
+  // keeping the file's other top-level keys. Failures are logged only.
+  static void SaveCurrentScanData(const PlistPtr& scanData, const std::string& path);
+
+  // The class's live array of remaining previous instances, or null.
+  PlistPtr GetClassData(std::int32_t classId);
+  // Stores the array for the class, or removes the class when it is empty.
+  void AddArrayObjectToClass(std::int32_t classId, const PlistPtr& array);
+  // The same effect as AddArrayObjectToClass, without its failure guard.
+  void addObjectToClass(std::int32_t classId, const PlistPtr& array);
+
+  // The first remaining previous instance of the class whose "KEY" equals
+  // key, or null. Does not walk the class's instances: answers from an index.
+  PlistPtr FindFirstByKey(std::int32_t classId, const std::string& key);
+  // Removes every remaining previous instance of the class equal to instance
+  // and drops the class when none is left.
+  void RemoveMatched(std::int32_t classId, const PlistPtr& instance);
+
+  // Files every remaining previous instance as deleted ("1") in the
+  // difference document, class by class in the dictionary's key order.
+  void WritetoDiffData();
+
+  // Logs the remaining snapshot.
+  void Print();
+
+ private:
+  struct Index;
+  PlistPtr fullScanDict;
+  std::unique_ptr<Index> index_;
+};
+
+}  // namespace tarn
