@@ -29,7 +29,9 @@ class FullScanHandler {
   // keeping the file's other top-level keys. Failures are logged only.
   static void SaveCurrentScanData(const PlistPtr& scanData, const std::string& path);
 
-  // The class's live array of remaining previous instances, or null.
+  // The class's live array of remaining previous instances, or null. Matches
+  // made after this call are written into that array only when the class is
+  // read again (GetClassData, WritetoDiffData, Print).
   PlistPtr GetClassData(std::int32_t classId);
   // Stores the array for the class, or removes the class when it is empty.
   void AddArrayObjectToClass(std::int32_t classId, const PlistPtr& array);
@@ -38,6 +40,9 @@ class FullScanHandler {
 
   // The first remaining previous instance of the class whose "KEY" equals
   // key, or null. Does not walk the class's instances: answers from an index.
+  // Raises PlatformException where a walk in order would: when the class's
+  // value is not an array, or when an element before the match (or any
+  // element, without a match) is not a dictionary or has a "KEY" that is not text.
   PlistPtr FindFirstByKey(std::int32_t classId, const std::string& key);
   // Removes every remaining previous instance of the class equal to instance
   // and drops the class when none is left.

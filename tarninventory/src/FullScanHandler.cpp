@@ -1,0 +1,311 @@
+#include "tarninventory/src/FullScanHandler.h"
+
+#include <cstddef>
+#include <exception>
+#include <functional>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "framework/logging/logger.h"
+#include "platform/exception/platform_exception.h"
+#include "tarninventory/src/scanrun.h"
+#include "tarninventory/src/tarninventoryutil.h"
+#include "tarnutils/src/TarnDiagnostics.h"
+#include "tarnutils/src/proplisthandler.h"
+
+namespace tarn {
+namespace {
+
+constexpr const char* kSnapshotKey = "INVDatadict";
+constexpr const char* kInstanceKey = "KEY";
+
+constexpr const char* kSaveSignature = "+[FullScanHandler SaveCurrentScanData:AtPath:]";
+constexpr const char* kGetClassDataSignature = "-[FullScanHandler GetClassData:]";
+constexpr const char* kAddArraySignature = "-[FullScanHandler AddArrayObjectToClass:array:]";
+constexpr const char* kWritetoDiffDataSignature = "-[FullScanHandler WritetoDiffData]";
+constexpr const char* kPrintSignature = "-[FullScanHandler Print]";
+
+std::string ClassKey(std::int32_t classId) { return std::to_string(classId); }
+
+// A class key read as an integer: optional sign and leading digits, 0 when
+// there are none, clamped to the 32-bit range.
+std::int32_t ClassIdOf(const std::string& text) {
+  std::size_t at = 0;
+  while (at < text.size() && (text[at] == ' ' || text[at] == '\t')) ++at;
+  bool negative = false;
+  if (at < text.size() && (text[at] == '+' || text[at] == '-')) negative = text[at++] == '-';
+  std::int64_t value = 0;
+  for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at) {
+    value = value * 10 + (text[at] - '0');
+    if (value > INT32_MAX) return negative ? INT32_MIN : INT32_MAX;
+  }
+  return static_cast<std::int32_t>(negative ? -value : value);
+}
+
+std::uint64_t Mix(std::uint64_t value) {
+  value += 0x9e3779b97f4a7c15ULL;
+  value = (value ^ (value >> 30)) * 0xbf58476d1ce4e5b9ULL;
+  value = (value ^ (value >> 27)) * 0x94d049bb133111ebULL;
+  return value ^ (value >> 31);
+}
+
+// A hash that agrees with PlistValue's equality: a dictionary's entries are
+// combined without regard to their order (equality ignores it), and only text
+// values contribute their content.
+std::uint64_t ContentHash(const PlistValue& value) {
+  if (!value.IsDictionary()) return Mix(static_cast<std::uint64_t>(value.type()));
+  const std::hash<std::string> hashText;
+  std::uint64_t sum = 0;
+  for (const auto& [key, entry] : value.Entries()) {
+    const std::uint64_t entryHash = entry->IsString()
+                                        ? hashText(entry->String())
+                                        : Mix(static_cast<std::uint64_t>(entry->type()) + 1);
+    sum += Mix(hashText(key) * 31 + entryHash);
+  }
+  return sum;
+}
+
+}  // namespace
+
+// Per class, the previous instances as they stood when the class was indexed:
+// instances by "KEY" in array order and by content, plus tombstones for the
+// matched ones. Matches only mark tombstones; the class's array is compacted
+// when it is read, so a match costs no shifting of the array.
+struct FullScanHandler::Index {
+  struct KeyChain {
+    std::vector<std::size_t> positions;  // ascending
+    std::size_t head = 0;                // positions before head are all removed
+  };
+  struct ClassIndex {
+    PlistPtr array;
+    std::vector<PlistPtr> elements;
+    std::vector<char> removed;
+    std::size_t remaining = 0;
+    bool hasTombstones = false;
+    // The elements a walk in order could not read: not a dictionary, or a
+    // "KEY" that is not text. FindFirstByKey never answers with them.
+    KeyChain unreadable;
+    std::unordered_map<std::string, KeyChain> byKey;
+    std::unordered_map<std::uint64_t, std::vector<std::size_t>> byContent;
+
+    // The first position of the chain not removed yet; moves the chain's head
+    // past removed ones, so each is stepped over once.
+    std::optional<std::size_t> FirstRemaining(KeyChain& chain) const {
+      while (chain.head < chain.positions.size() && removed[chain.positions[chain.head]]) {
+        ++chain.head;
+      }
+      if (chain.head == chain.positions.size()) return std::nullopt;
+      return chain.positions[chain.head];
+    }
+  };
+
+  static ClassIndex Build(const PlistPtr& array) {
+    ClassIndex index;
+    index.array = array;
+    index.elements = array->Elements();
+    index.removed.assign(index.elements.size(), 0);
+    index.remaining = index.elements.size();
+    for (std::size_t i = 0; i < index.elements.size(); ++i) {
+      const PlistValue& element = *index.elements[i];
+      index.byContent[ContentHash(element)].push_back(i);
+      const PlistPtr key = element.IsDictionary() ? element.ValueForKey(kInstanceKey) : nullptr;
+      const bool readable = element.IsDictionary() && (key == nullptr || key->IsString());
+      if (!readable) {
+        index.unreadable.positions.push_back(i);
+      } else if (key != nullptr) {
+        index.byKey[key->String()].positions.push_back(i);
+      }
+    }
+    return index;
+  }
+
+  // The index of the class, built when missing or when the class's array was
+  // replaced; null when the class has no instances. Raises when the class's
+  // value is not an array, as a walk over it would.
+  ClassIndex* For(PlistValue& scanDict, const std::string& classKey) {
+    const PlistPtr array = scanDict.ValueForKey(classKey);
+    if (!array) {
+      classes.erase(classKey);
+      return nullptr;
+    }
+    const auto found = classes.find(classKey);
+    if (found != classes.end() && found->second.array == array) return &found->second;
+    if (!array->IsArray()) {
+      throw PlatformException(kInvalidArgumentException,
+                              "the snapshot of class " + classKey + " is not an array");
+    }
+    return &(classes[classKey] = Build(array));
+  }
+
+  // Writes the class's remaining instances back into its live array (in
+  // place, so whoever holds the array sees them) and forgets the index.
+  void Compact(PlistValue& scanDict, const std::string& classKey) {
+    const auto found = classes.find(classKey);
+    if (found == classes.end()) return;
+    ClassIndex& index = found->second;
+    if (index.hasTombstones && scanDict.ValueForKey(classKey) == index.array) {
+      while (index.array->Count() > 0) index.array->RemoveAtIndex(index.array->Count() - 1);
+      for (std::size_t i = 0; i < index.elements.size(); ++i) {
+        if (!index.removed[i]) index.array->Append(index.elements[i]);
+      }
+    }
+    classes.erase(found);
+  }
+
+  void CompactAll(PlistValue& scanDict) {
+    std::vector<std::string> classKeys;
+    classKeys.reserve(classes.size());
+    for (const auto& entry : classes) classKeys.push_back(entry.first);
+    for (const std::string& classKey : classKeys) Compact(scanDict, classKey);
+  }
+
+  std::unordered_map<std::string, ClassIndex> classes;
+};
+
+FullScanHandler::FullScanHandler(PlistPtr scanDict)
+    : fullScanDict(scanDict && scanDict->IsDictionary() ? std::move(scanDict)
+                                                        : PlistValue::MakeDictionary()),
+      index_(std::make_unique<Index>()) {}
+
+FullScanHandler::~FullScanHandler() = default;
+
+std::unique_ptr<FullScanHandler> FullScanHandler::InitWithScanDataFile(const std::string& path) {
+  PlistPtr scanDict;
+  {
+    const auto store = Proplisthandler::InitwithFile(path);
+    scanDict = store->GetValueForKey(kSnapshotKey);
+  }
+  if (!scanDict || !scanDict->IsDictionary()) {
+    UserLogMessage("InitWithScanDataFile : File doesnt have valid scan data \n");
+    CurrentScanRun().scanType = kFullScanType;
+    return nullptr;
+  }
+  return std::make_unique<FullScanHandler>(std::move(scanDict));
+}
+
+void FullScanHandler::SaveCurrentScanData(const PlistPtr& scanData, const std::string& path) {
+  DebugLogMessage(" Inside SaveCurrentScanData method \n");
+  try {
+    if (!scanData) {
+      throw PlatformException(kInvalidArgumentException,
+                              "attempt to insert nil object for key INVDatadict");
+    }
+    const auto store = Proplisthandler::InitwithFile(path);
+    if (store->SetValueForKey(kSnapshotKey, scanData) != 1) {
+      throw PlatformException(kInvalidArgumentException, "the snapshot file is not a dictionary");
+    }
+    if (store->WriteToProplist(path) != 1) {
+      throw PlatformException(kInvalidArgumentException, "the snapshot could not be written");
+    }
+    DebugLogMessage("SaveCurrentScanData : done successfully \n");
+  } catch (const std::exception& failure) {
+    ConsoleWhere(kSaveSignature, __LINE__, "SaveCurrentScanData :Caught exception>>>>>>>>>>>:%s",
+                 failure.what());
+  }
+  DebugLogMessage(" End of  SaveCurrentScanData method \n");
+}
+
+PlistPtr FullScanHandler::GetClassData(std::int32_t classId) {
+  try {
+    const std::string classKey = ClassKey(classId);
+    // The caller may change the array it gets, so the class is indexed afresh
+    // at its next match.
+    index_->Compact(*fullScanDict, classKey);
+    return fullScanDict->ValueForKey(classKey);
+  } catch (const std::exception& failure) {
+    ConsoleWhere(kGetClassDataSignature, __LINE__, "GetClassData :Caught exception>>>>>>>>>>>:%s",
+                 failure.what());
+    return nullptr;
+  }
+}
+
+void FullScanHandler::AddArrayObjectToClass(std::int32_t classId, const PlistPtr& array) {
+  try {
+    addObjectToClass(classId, array);
+  } catch (const std::exception& failure) {
+    ConsoleWhere(kAddArraySignature, __LINE__,
+                 "AddArrayObjectToClass :Caught exception>>>>>>>>>>>:%s", failure.what());
+  }
+}
+
+void FullScanHandler::addObjectToClass(std::int32_t classId, const PlistPtr& array) {
+  const std::string classKey = ClassKey(classId);
+  index_->Compact(*fullScanDict, classKey);
+  if (Count(array) > 0) {
+    fullScanDict->SetObjectForKey(classKey, array);
+  } else {
+    fullScanDict->RemoveKey(classKey);
+  }
+}
+
+PlistPtr FullScanHandler::FindFirstByKey(std::int32_t classId, const std::string& key) {
+  Index::ClassIndex* index = index_->For(*fullScanDict, ClassKey(classId));
+  if (index == nullptr) return nullptr;
+  std::optional<std::size_t> match;
+  const auto chain = index->byKey.find(key);
+  if (chain != index->byKey.end()) match = index->FirstRemaining(chain->second);
+  // A walk in order would fail on an unreadable instance before reaching the match.
+  const std::optional<std::size_t> unreadable = index->FirstRemaining(index->unreadable);
+  if (unreadable && (!match || *unreadable < *match)) {
+    throw PlatformException(kInvalidArgumentException, "a previous instance of class " +
+                                                           std::to_string(classId) +
+                                                           " is not a dictionary with a text KEY");
+  }
+  return match ? index->elements[*match] : nullptr;
+}
+
+void FullScanHandler::RemoveMatched(std::int32_t classId, const PlistPtr& instance) {
+  if (!instance) return;
+  const std::string classKey = ClassKey(classId);
+  Index::ClassIndex* index = index_->For(*fullScanDict, classKey);
+  if (index == nullptr) return;
+  const auto group = index->byContent.find(ContentHash(*instance));
+  if (group == index->byContent.end()) return;
+  std::vector<std::size_t> kept;
+  for (const std::size_t position : group->second) {
+    if (index->removed[position]) continue;
+    if (*index->elements[position] == *instance) {
+      index->removed[position] = 1;
+      --index->remaining;
+      index->hasTombstones = true;
+    } else {
+      kept.push_back(position);
+    }
+  }
+  if (kept.empty()) {
+    index->byContent.erase(group);
+  } else {
+    group->second = std::move(kept);
+  }
+  if (index->remaining == 0) {
+    fullScanDict->RemoveKey(classKey);
+    index_->classes.erase(classKey);
+  }
+}
+
+void FullScanHandler::WritetoDiffData() {
+  index_->CompactAll(*fullScanDict);
+  // A copy of the entries: filing must not depend on the dictionary staying put.
+  const std::vector<PlistValue::Entry> classes = fullScanDict->Entries();
+  for (const auto& [classKey, instances] : classes) {
+    if (!instances->IsArray()) {
+      ConsoleWhere(kWritetoDiffDataSignature, __LINE__,
+                   "WritetoDiffData : class %s is not an array of instances", classKey.c_str());
+      continue;
+    }
+    const std::int32_t classId = ClassIdOf(classKey);
+    const std::vector<PlistPtr> elements = instances->Elements();
+    for (const PlistPtr& instance : elements) AddtoDiffData(kStatusDeleted, classId, instance);
+  }
+}
+
+void FullScanHandler::Print() {
+  index_->CompactAll(*fullScanDict);
+  ConsoleWhere(kPrintSignature, __LINE__, "Prev fullScanDict : %s",
+               fullScanDict->Description().c_str());
+}
+
+}  // namespace tarn
