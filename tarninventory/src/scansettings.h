@@ -28,7 +28,8 @@ inline constexpr const char* kSnapshotFileName = "invFullData";
 
 // Re-reads the settings file when its stamp changed and applies it: may owe
 // a one-time full scan, stores ENABLE_DIFF_SCAN, and gives 5 when the file
-// disables difference scans; otherwise the requested type.
+// disables difference scans; otherwise the requested type (also when the file
+// has no name or does not load, and when it allows difference scans).
 std::int32_t ReadScanSettingsFromXml(std::int32_t requested);
 
 // True when the settings file's FULL_SCAN_UPDATED_TIME differs from the one
@@ -41,7 +42,9 @@ std::int32_t ReadSettingsXml(std::int32_t requested);
 
 // The driver's decision: ReadSettingsXml, then the previous snapshot's state
 // and the operating-system rule. Loads the snapshot into the run's
-// fullScanobj when the snapshot can be trusted.
+// fullScanobj when the snapshot can be trusted. When that file holds no
+// snapshot (no handler), the result is 5, matching the run type the loader
+// set, so the caller's scanType = DecideRunType(scanType) stays full.
 std::int32_t DecideRunType(std::int32_t requested);
 
 }  // namespace tarn
