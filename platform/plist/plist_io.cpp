@@ -237,12 +237,25 @@ std::string ToXmlPlist(const PlistValue& value) {
   return std::string(xml.get(), length);
 }
 
+namespace {
+
+// umask can only be read by setting it; the process is single-threaded.
+mode_t CurrentFileCreationMask() {
+  const mode_t mask = ::umask(0);
+  ::umask(mask);
+  return mask;
+}
+
+}  // namespace
+
 bool WriteFileAtomically(const std::string& path, std::string_view bytes) {
   std::string temporary = path + ".XXXXXX";
   const int fd = ::mkstemp(temporary.data());
   if (fd < 0) return false;
-  // mkstemp creates the file 0600; give it the usual mode of a data file the agent owns.
-  const bool written = ::fchmod(fd, 0644) == 0 && WriteAll(fd, bytes) && ::fsync(fd) == 0;
+  // mkstemp creates the file 0600; give it the mode a plain create would, so the
+  // process's file-creation mask decides (the scanner runs with 077).
+  const bool written =
+      ::fchmod(fd, 0666 & ~CurrentFileCreationMask()) == 0 && WriteAll(fd, bytes) && ::fsync(fd) == 0;
   const bool closed = ::close(fd) == 0;
   if (!written || !closed || ::rename(temporary.c_str(), path.c_str()) != 0) {
     ::unlink(temporary.c_str());

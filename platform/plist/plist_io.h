@@ -34,7 +34,8 @@ std::string ToXmlPlist(const PlistValue& value);
 
 // Replaces the file at path with the bytes: they go to a new temporary file in the same
 // folder, which is then renamed over the path, so readers see the old or the new content,
-// never a part. False (and no file left behind) on any failure.
+// never a part. The file gets the mode a plain create would under the process's
+// file-creation mask. False (and no file left behind) on any failure.
 bool WriteFileAtomically(const std::string& path, std::string_view bytes);
 
 }  // namespace tarn

@@ -200,5 +200,21 @@ TEST_F(PlistFileTest, AtomicWriteReplacesTheFileAndLeavesNothingOnFailure) {
   EXPECT_EQ(ReadPlistFile((directory_ / "absent.plist").string()), nullptr);
 }
 
+TEST_F(PlistFileTest, AtomicWriteHonoursTheFileCreationMask) {
+  const std::string path = (directory_ / "store.plist").string();
+  const mode_t previous = ::umask(077);
+  const bool ownerOnly = WriteFileAtomically(path, "secret");
+  const auto ownerOnlyMode = std::filesystem::status(path).permissions();
+  ::umask(022);
+  const bool shared = WriteFileAtomically(path, "shared");
+  const auto sharedMode = std::filesystem::status(path).permissions();
+  ::umask(previous);
+  ASSERT_TRUE(ownerOnly && shared);
+  using std::filesystem::perms;
+  EXPECT_EQ(ownerOnlyMode, perms::owner_read | perms::owner_write);
+  EXPECT_EQ(sharedMode, perms::owner_read | perms::owner_write | perms::group_read |
+                            perms::others_read);
+}
+
 }  // namespace
 }  // namespace tarn

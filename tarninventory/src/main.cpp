@@ -1,0 +1,3 @@
+#include "tarninventory/src/tarninventory.h"
+
+int main(int argc, const char** argv) { return tarn::RunInventoryScan(argc, argv); }

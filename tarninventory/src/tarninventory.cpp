@@ -1,0 +1,280 @@
+#include "tarninventory/src/tarninventory.h"
+
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <strings.h>
+
+#include "framework/imds/dataset.h"
+#include "framework/imds/xmltodo.h"
+#include "framework/logging/logger.h"
+#include "framework/persistent/xmldatadictparser.h"
+#include "platform/console_log.h"
+#include "platform/exception/platform_exception.h"
+#include "platform/file/file_util.h"
+#include "platform/plist/plist_value.h"
+#include "platform/replay/replay_platform.h"
+#include "platform/text/utf8.h"
+#include "tarninventory/src/InvClassHandler.h"
+#include "tarninventory/src/accesslog.h"
+#include "tarninventory/src/inventoryupload.h"
+#include "tarninventory/src/scanrun.h"
+#include "tarninventory/src/scansettings.h"
+#include "tarnutils/src/TarnDiagnostics.h"
+#include "tarnutils/src/TarnGlobalvars.h"
+#include "tarnutils/src/proplisthandler.h"
+#include "tarnutils/src/tarnutils_mac.h"
+
+namespace tarn {
+namespace {
+
+constexpr const char* kMainSignature = "int main(int, const char**)";
+constexpr const char* kLoadDataDictsSignature = "DWORD LoadDataDicts(NSString*)";
+constexpr const char* kCollectSignature = "char* CollectInventoryData(const char*)";
+
+constexpr const char* kScanLogBaseName = "tarndevicescan";
+constexpr const char* kScanLogFileName = "tarndevicescan.log";
+// Key of "agent-conf.plist" naming a recorded machine to replay instead of running tools.
+constexpr const char* kToolReplayDirectoryKey = "TOOL_REPLAY_DIRECTORY";
+
+std::string DataDictPath() { return gv_globvars().tarnagentDataDictPath().value_or(""); }
+std::string LogPath() { return gv_globvars().tarnagentLogPath().value_or(""); }
+
+// Mode word and log line of each argument code.
+struct ScanMode {
+  const char* modeWord;
+  const char* logLine;
+};
+
+ScanMode ModeOf(int argumentCode) {
+  switch (argumentCode) {
+    case kArgAssetscan:
+      return {kModeManual, "scanType : Manual\n"};
+    case kArgOndemand:
+      return {kModeOndemand, "scanType : Ondemand\n"};
+    case kArgScheduled:
+      return {kModeScheduled, "scanType : Scheduled\n"};
+    case kArgPostinstall:
+      return {kModePostinstall, "scanType : PostInstall\n"};
+    default:
+      return {kModeInvalidArgs, nullptr};
+  }
+}
+
+bool EqualsIgnoringCase(const char* left, const char* right) {
+  return ::strcasecmp(left, right) == 0;
+}
+
+// The full-scan flag of "ondemand": argument 2 equal to "1".
+bool OndemandAsksFullScan(int argc, const char* const* argv) {
+  return argc > 2 && EqualsIgnoringCase(argv[2], "1");
+}
+
+// Replaces the live platform by a recorded machine when "agent-conf.plist"
+// names one; a relative folder is taken from the data directory.
+void InstallConfiguredPlatform() {
+  auto conf = Proplisthandler::InitwithFile(DataDictPath() + "/agent-conf.plist");
+  const PlistPtr configured = conf ? conf->GetValueForKey(kToolReplayDirectoryKey) : nullptr;
+  const std::optional<std::string> folder = configured ? configured->AsString() : std::nullopt;
+  if (!folder || folder->empty()) {
+    return;
+  }
+  const std::string machine = folder->front() == '/' ? *folder : DataDictPath() + "/" + *folder;
+  std::unique_ptr<Platform> replay = MakeReplayPlatform(machine);
+  if (!replay) {
+    ErrorLogMessage("Recorded machine at %s could not be read, running the tools of this computer\n",
+                    machine.c_str());
+    return;
+  }
+  InstallPlatform(std::move(replay));
+  UserLogMessage("Replaying the recorded machine at %s\n", machine.c_str());
+}
+
+// The stop path of a run that did not reach the upload.
+int StopInventoryScan(const std::string& accessLogPath) {
+  StderrWhere(kMainSignature, 57, "main : stopping inventory scan\n");
+  std::fflush(stderr);
+  StopLoggingEngine();
+  PrintAccessLogEndTime(accessLogPath);
+  DeinitTarnGlobalvars();
+  return 1;
+}
+
+void OpenScanStateStore() {
+  CurrentScanRun().tarninventory_datalist =
+      Proplisthandler::InitwithFile(DataDictPath() + "/" + kScanStateStoreFileName);
+}
+
+void FinishInventoryScan(const std::string& accessLogPath) {
+  ReleaseScanRun();
+  invClassObj().dealloc();
+  StopLoggingEngine();
+  PrintAccessLogEndTime(accessLogPath);
+  DeinitTarnGlobalvars();
+}
+
+}  // namespace
+
+int ProcessInputArgs(int argc, const char* const* argv) {
+  if (argc < 2) {
+    std::fputs("Give correct argument", stdout);
+    std::fflush(stdout);
+    return kArgInvalid;
+  }
+  const char* word = argv[1];
+  if (EqualsIgnoringCase(word, "assetscan")) return kArgAssetscan;
+  if (EqualsIgnoringCase(word, "ondemand")) return kArgOndemand;
+  if (EqualsIgnoringCase(word, "scheduled")) return kArgScheduled;
+  if (EqualsIgnoringCase(word, "postinstall")) return kArgPostinstall;
+  std::fputs("Invalid argument ", stdout);
+  std::fflush(stdout);
+  UserLogMessage("tarninventory:ProcessInputArgs : %s\n", word);
+  return kArgInvalid;
+}
+
+std::int32_t GetScanType(int argumentCode, int argc, const char* const* argv,
+                         const std::string& accessLogPath) {
+  const ScanMode mode = ModeOf(argumentCode);
+  if (mode.logLine != nullptr) {
+    UserLogMessage("%s", mode.logLine);
+  }
+  std::int32_t runType = kFullScanType;
+  if (argumentCode == kArgScheduled) {
+    runType = kDiffScanType;
+  } else if (argumentCode == kArgOndemand) {
+    CurrentScanRun().isOndemandScan = true;
+    runType = OndemandAsksFullScan(argc, argv) ? kFullScanType : kDiffScanType;
+  }
+  PrintAccessLogStart(accessLogPath, mode.modeWord);
+  return runType;
+}
+
+DWORD LoadTarnDataDictionary(const char* fileName) {
+  const std::string path = DataDictPath() + "/" + fileName;
+  StderrWhere("DWORD LoadTarnDataDictionary(const char*)", 469,
+              "LoadTarnDataDictionary :Data dictionary file path: %s\n", path.c_str());
+  if (!isFileExists(path)) {
+    UserLogMessage("LoadTarnDataDictionary :Data dictionary not found at path : %s", path.c_str());
+    return 1;
+  }
+  const int loaded = LoadDataDictFromXMLFile(path.c_str()) ? 1 : 0;
+  if (loaded == 0) {
+    UserLogMessage("LoadTarnDataDictionary :Loading data dictionary failed\n");
+    return 1;
+  }
+  UserLogMessage("LoadTarnDataDictionary :Data dictionary loaded successfully: %d\n...", loaded);
+  return 0;
+}
+
+DWORD LoadDataDicts(const std::string& accessLogPath) {
+  if (LoadTarnDataDictionary(kResourceDataDictionary) != 0) {
+    StderrWhere(kLoadDataDictsSignature, 435, "Unable to load data dictionary\n");
+    PrintAccessLogFailure(accessLogPath, kDatadictFail);
+    return 1;
+  }
+  if (LoadTarnDataDictionary(kInventoryDataDictionary) != 0) {
+    StderrWhere(kLoadDataDictsSignature, 442, "Unable to load data dictionary-inv\n");
+    PrintAccessLogFailure(accessLogPath, kInvDatadictFail);
+    return 1;
+  }
+  // The two later dictionaries leave the access-log line without a status on purpose.
+  if (LoadTarnDataDictionary(kFrameworkDataDictionary) != 0) {
+    ErrorLogMessage("LoadDataDicts : Unable to load data-dictionary-framework.xml\n");
+    return 1;
+  }
+  if (LoadTarnDataDictionary(kOnPremiseDataDictionary) != 0) {
+    ErrorLogMessage("LoadDataDicts : Unable to load data-dictionary-onpremise.xml\n");
+    return 1;
+  }
+  return 0;
+}
+
+DWORD CreateDoFromInvClasses(const std::string& accessLogPath) {
+  const std::string path = DataDictPath() + "/" + kClassCatalogueFileName;
+  bool loaded = false;
+  if (!isFileExists(path)) {
+    UserLogMessage("CreateDoFromInvClasses : NotFound at path %s \n", path.c_str());
+  } else {
+    // The document is read as UTF-8 text; bytes that are not UTF-8 make it unreadable.
+    std::optional<std::string> text = ReadWholeFile(path);
+    if (text && !IsValidUtf8(*text)) {
+      text.reset();
+    }
+    const std::string buffer = text.value_or("");
+    loaded = text && CreateDOFromXMLBuffer(buffer.c_str(), buffer.size()) != 0;
+    if (loaded) {
+      UserLogMessage("CreateDoFromInvClasses : success \n");
+      return 0;
+    }
+    ErrorLogMessage("CreateDoFromInvClasses: failed to create DO from buffer:\n %s\n failure",
+                    buffer.c_str());
+  }
+  PrintAccessLogFailure(accessLogPath, kInvClassDoFail);
+  return 1;
+}
+
+void RunCollectorSequence(const std::vector<CollectorStep>& steps) {
+  try {
+    for (const CollectorStep& step : steps) {
+      UserLogMessage("%s", step.logLine);
+      step.collect();
+    }
+  } catch (const PlatformException& failure) {
+    ConsoleWhere(kCollectSignature, 386, "Caught exception-------------:%s",
+                 failure.description().c_str());
+  }
+}
+
+int CollectInventoryData(const std::string& auditId) {
+  (void)auditId;  // the collectors do not use it; the upload does
+  if (LoadTarnDataDictionary(kInventoryDataDictionary) != 0) {
+    return 0;
+  }
+  UnLoadTable("WMIFetchedValue");
+  CreateTable("WMIFetchedValue");
+  // The collectors join this sequence, in their fixed order, as they are built.
+  RunCollectorSequence({});
+  return 0;
+}
+
+int RunInventoryScan(int argc, const char* const* argv) {
+  // The logs, the state store and the snapshot hold the whole inventory:
+  // everything this run creates is for its owner only.
+  ::umask(077);
+  if (CheckIfCurrentProcessAlreadyRunning()) {
+    return 1;
+  }
+  const int argumentCode = ProcessInputArgs(argc, argv);
+  InitTarnGlobalvars();
+  const int level = GetLogLevel();
+  RotateLog(kScanLogBaseName);
+  StartLoggingEngine(kScanLogFileName, level);
+  InstallConfiguredPlatform();
+
+  const std::string accessLogPath = AccessLogPath(LogPath());
+  RotateLog(kAccessLogBaseName);
+  CreateDeviceScanAccessLog(accessLogPath);
+
+  ResetScanRun();
+  OpenScanStateStore();
+  ScanRun& run = CurrentScanRun();
+  run.scanType = GetScanType(argumentCode, argc, argv, accessLogPath);
+  if (argumentCode == kArgInvalid || LoadDataDicts(accessLogPath) == 1 ||
+      CreateDoFromInvClasses(accessLogPath) != 0) {
+    return StopInventoryScan(accessLogPath);
+  }
+  run.scanType = DecideRunType(run.scanType);
+
+  InitializeAgentParams();
+  invClassObj().Initialize();
+  invClassObj().CreateInvTable();
+
+  const std::string auditId = argc >= 4 ? argv[3] : kDefaultAuditId;
+  SendInventoryData(auditId, accessLogPath);
+  FinishInventoryScan(accessLogPath);
+  return 0;
+}
+
+}  // namespace tarn

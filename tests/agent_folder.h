@@ -1,0 +1,123 @@
+// An agent folder in a temporary directory (BASE/bin, BASE/data, BASE/logs)
+// holding the shipped data files, and a way to run the built scanner in it.
+#pragma once
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace tarn::testing {
+
+inline std::string ReadFileText(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+inline void WriteFileText(const std::filesystem::path& path, const std::string& text) {
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file << text;
+}
+
+struct ScannerResult {
+  int exitCode = -1;  // -1 when the scanner did not end by itself in time
+  std::string standardOutput;
+};
+
+class AgentFolder {
+ public:
+  explicit AgentFolder(const std::string& name)
+      : base_(std::filesystem::temp_directory_path() /
+              ("tarn-e2e-" + name + "-" + std::to_string(::getpid()))) {
+    std::filesystem::remove_all(base_);
+    std::filesystem::create_directories(base_ / "bin");
+    std::filesystem::create_directories(base_ / "data");
+    for (const char* file :
+         {"data-dictionary.xml", "data-dictionary-inv.xml", "data-dictionary-framework.xml",
+          "data-dictionary-onpremise.xml", "Mac_InvClasses.xml", "serverinfo.plist",
+          "agent-conf.plist"}) {
+      std::filesystem::copy_file(std::filesystem::path(TARN_SOURCE_DIR) / "data" / file,
+                                 data() / file);
+    }
+  }
+  ~AgentFolder() { std::filesystem::remove_all(base_); }
+  AgentFolder(const AgentFolder&) = delete;
+  AgentFolder& operator=(const AgentFolder&) = delete;
+
+  std::filesystem::path base() const { return base_; }
+  std::filesystem::path data() const { return base_ / "data"; }
+  std::filesystem::path logs() const { return base_ / "logs"; }
+  std::string AccessLog() const { return ReadFileText(logs() / "tarndevicescanaccess.log"); }
+  std::string ScanLog() const { return ReadFileText(logs() / "tarndevicescan.log"); }
+
+  // Gives the computer a resource id, so a run does not need the server for one.
+  void WriteResourceId(const std::string& id) const {
+    WriteFileText(data() / "resource.plist",
+                  "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
+                  "\t<key>RESOURCEID</key>\n\t<string>" + id +
+                      "</string>\n</dict>\n</plist>\n");
+  }
+
+  // Runs the scanner with its working directory at BASE/bin; standard output
+  // is captured, standard error (before the scan log takes it) is discarded.
+  // A scanner still running after timeout is killed.
+  ScannerResult Run(const std::vector<std::string>& arguments,
+                    std::chrono::seconds timeout = std::chrono::seconds(60)) const {
+    const std::filesystem::path output = base_ / "stdout.txt";
+    const pid_t child = ::fork();
+    if (child == 0) {
+      ExecScanner(arguments, output);
+    }
+    ScannerResult result;
+    result.exitCode = WaitFor(child, timeout);
+    result.standardOutput = ReadFileText(output);
+    return result;
+  }
+
+ private:
+  [[noreturn]] void ExecScanner(const std::vector<std::string>& arguments,
+                                const std::filesystem::path& output) const {
+    const int out = ::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const int null = ::open("/dev/null", O_WRONLY);
+    if (out < 0 || null < 0 || ::dup2(out, 1) < 0 || ::dup2(null, 2) < 0 ||
+        ::chdir((base_ / "bin").c_str()) != 0) {
+      ::_exit(127);
+    }
+    std::vector<char*> argv;
+    std::string program = TARN_SCANNER_BINARY;
+    argv.push_back(program.data());
+    std::vector<std::string> copies = arguments;
+    for (std::string& argument : copies) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    ::execv(program.c_str(), argv.data());
+    ::_exit(127);
+  }
+
+  static int WaitFor(pid_t child, std::chrono::seconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    int status = 0;
+    while (::waitpid(child, &status, WNOHANG) == 0) {
+      if (std::chrono::steady_clock::now() > deadline) {
+        ::kill(child, SIGKILL);
+        ::waitpid(child, &status, 0);
+        return -1;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+  std::filesystem::path base_;
+};
+
+}  // namespace tarn::testing
