@@ -1,6 +1,9 @@
 #include "tarninventory/src/FullScanHandler.h"
 
+#include <algorithm>
 #include <cstddef>
+#include <cstdint>
+#include <cstdlib>
 #include <exception>
 #include <functional>
 #include <optional>
@@ -30,19 +33,11 @@ constexpr const char* kPrintSignature = "-[FullScanHandler Print]";
 
 std::string ClassKey(std::int32_t classId) { return std::to_string(classId); }
 
-// A class key read as an integer: optional sign and leading digits, 0 when
-// there are none, clamped to the 32-bit range.
+// A class key read as an integer: leading digits after an optional sign, 0
+// without any, clamped to the 32-bit range.
 std::int32_t ClassIdOf(const std::string& text) {
-  std::size_t at = 0;
-  while (at < text.size() && (text[at] == ' ' || text[at] == '\t')) ++at;
-  bool negative = false;
-  if (at < text.size() && (text[at] == '+' || text[at] == '-')) negative = text[at++] == '-';
-  std::int64_t value = 0;
-  for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at) {
-    value = value * 10 + (text[at] - '0');
-    if (value > INT32_MAX) return negative ? INT32_MIN : INT32_MAX;
-  }
-  return static_cast<std::int32_t>(negative ? -value : value);
+  const long value = std::strtol(text.c_str(), nullptr, 10);
+  return static_cast<std::int32_t>(std::clamp<long>(value, INT32_MIN, INT32_MAX));
 }
 
 std::uint64_t Mix(std::uint64_t value) {
