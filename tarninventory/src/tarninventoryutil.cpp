@@ -1,13 +1,23 @@
 #include "tarninventory/src/tarninventoryutil.h"
 
+#include <algorithm>
+#include <cstdlib>
 #include <exception>
+#include <new>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "framework/logging/logger.h"
+#include "framework/persistent/dbutility.h"
+#include "framework/utils/stringutils.h"
 #include "platform/exception/platform_exception.h"
+#include "tarninventory/src/FullScanHandler.h"
+#include "tarninventory/src/InvClassHandler.h"
 #include "tarninventory/src/scanrun.h"
 #include "tarnutils/src/TarnDiagnostics.h"
+#include "tarnutils/src/TarnGlobalvars.h"
+#include "tarnutils/src/TarnStringutil.h"
 
 namespace tarn {
 namespace {
@@ -17,6 +27,28 @@ constexpr const char* kSoftwareGroupKey = "1814";
 constexpr const char* kOsExtGroup = "OS_EXT";
 constexpr const char* kEveryoneGroup = "S-1-1-0";
 
+constexpr const char* kNullText = "(null)";
+constexpr const char* kAbsentValue = "-";
+
+// The operating system's software-row link (class 1) is recorded with the
+// software row's instance number, but belongs to the one OS instance.
+constexpr std::int32_t kOsSoftwareInstanceProperty = 117;
+
+constexpr const char* kAddAgentParamsforInvinXMLSignature =
+    "void AddAgentParamsforInvinXML(const std::string&, const std::optional<std::string>&)";
+constexpr const char* kSaveScanDataSignature =
+    "void SaveScanData(std::int32_t, std::int32_t, std::int32_t, std::int32_t, "
+    "const std::optional<std::string>&)";
+constexpr const char* kWriteToINVScanDataSignature =
+    "void WriteToINVScanData(const PlistPtr&, std::int32_t)";
+constexpr const char* kGetDictStatusSignature =
+    "std::string GetDictStatus(const PlistPtr&, std::int32_t)";
+constexpr const char* kCompareDictsSignature =
+    "DWORD CompareDicts(const PlistPtr&, const PlistPtr&)";
+constexpr const char* kAddUserinDictSignature = "void AddUserinDict(const PlistPtr&)";
+constexpr const char* kAddAgentParamsinDictSignature =
+    "void AddAgentParamsinDict(const PlistPtr&, const std::optional<std::string>&, "
+    "const std::string&, const std::optional<std::string>&)";
 constexpr const char* kAddtoDiffDataSignature =
     "DWORD AddtoDiffData(const std::string&, std::int32_t, const PlistPtr&)";
 constexpr const char* kAddtoSWDiffDataSignature =
@@ -60,7 +92,390 @@ bool IsText(const PlistPtr& value, const char* text) {
   return value && value->IsString() && value->String() == text;
 }
 
+// Text read as an integer: leading digits after an optional sign, 0 without
+// any, clamped to the 32-bit range.
+std::int32_t IntValue(const std::optional<std::string>& text) {
+  if (!text) return 0;
+  const long value = std::strtol(text->c_str(), nullptr, 10);
+  return static_cast<std::int32_t>(std::clamp<long>(value, INT32_MIN, INT32_MAX));
+}
+
+// The settings of the run; before the driver made them, every setting reads as absent.
+const TarnGlobvars& Settings() {
+  static const TarnGlobvars none;
+  return HasGlobvars() ? gv_globvars() : none;
+}
+
+// ---- Rows.
+
+// The column values of one row by position, with the sizes recorded for them.
+// Raises std::bad_alloc when a value cannot be stored.
+class RowBuilder {
+ public:
+  explicit RowBuilder(std::size_t columns) : values_(columns), lengths_(columns, 0) {}
+
+  RowBuilder& Int(std::size_t position, std::int32_t value) {
+    return Put(position, OwnedBlock::Of(value), sizeof value);
+  }
+  RowBuilder& Int64(std::size_t position, std::int64_t value) {
+    return Put(position, OwnedBlock::Of(value), sizeof value);
+  }
+  // A text recorded with the given size, or with its own length when none is
+  // given. An absent text leaves the column null.
+  RowBuilder& Text(std::size_t position, const std::optional<std::string>& text,
+                   std::optional<std::int32_t> size = std::nullopt) {
+    if (!text) return *this;
+    if (AllocateAndDoStrcpy(values_[position], text->c_str()) != kAllocSuccess) {
+      throw std::bad_alloc();
+    }
+    lengths_[position] = size.value_or(static_cast<std::int32_t>(text->size()));
+    return *this;
+  }
+
+  // Adds the row to the table: the row, now owned by the table, or null when refused.
+  RowObject* AddTo(const char* tableName) {
+    std::unique_ptr<RowObject> row = CreateNewRowObject(std::move(values_), std::move(lengths_));
+    RowObject* added = row.get();
+    return AddNewRow(tableName, std::move(row)) == 1 ? added : nullptr;
+  }
+
+ private:
+  RowBuilder& Put(std::size_t position, OwnedBlock value, std::int32_t size) {
+    values_[position] = std::move(value);
+    lengths_[position] = size;
+    return *this;
+  }
+
+  std::vector<ValueSlot> values_;
+  std::vector<std::int32_t> lengths_;
+};
+
+bool IsTextColumn(int type) {
+  return type == kTypeSqlChar || type == kTypeChar || type == kTypeText;
+}
+
+// "{NAME=value, ...}" for a row of the table, for the log.
+std::string DescribeRow(const char* tableName, const RowObject& row) {
+  const TableData* table = GetTableDataByName(tableName);
+  std::string text = "{";
+  if (table != nullptr && table->tableDefn) {
+    const auto& columns = table->tableDefn->columns();
+    for (std::size_t i = 0; i < columns.size() && i < row.values.size(); ++i) {
+      if (i > 0) text += ", ";
+      text += columns[i].name + "=";
+      const ValueSlot& value = row.values[i];
+      if (!value) {
+        text += kNullText;
+      } else if (IsTextColumn(columns[i].type)) {
+        text += value->c_str();
+      } else if (value->size() == sizeof(std::int64_t)) {
+        text += std::to_string(value->Read<std::int64_t>());
+      } else {
+        text += std::to_string(value->Read<std::int32_t>());
+      }
+    }
+  }
+  return text + "}";
+}
+
+void AddAgentParam(const char* name, const std::optional<std::string>& value) {
+  // An absent setting is left out, as in the difference document.
+  if (value) CreateAndAddAgentParamsRow(name, value, 1);
+}
+
+// ---- Instances.
+
+// "KEY": the values of the class's primary-key properties in catalogue order,
+// without separator, skipping those the instance lacks.
+std::string InstanceKey(const PlistValue& instance, std::int32_t classId) {
+  std::string key;
+  const PropertyIdList primaryKeys =
+      invClassObj().GetPrimaryKeysArr(static_cast<std::uint32_t>(classId));
+  if (!primaryKeys) return key;
+  for (const std::string& propertyId : *primaryKeys) {
+    if (const PlistPtr value = instance.ValueForKey(propertyId)) key += value->String();
+  }
+  return key;
+}
+
+// Files the gathered instance (when asked) and starts an empty one.
+void FileGathered(ScanRun& run, bool file) {
+  PlistPtr gathered = std::exchange(run.propertyDict, PlistValue::MakeDictionary());
+  if (file) WriteToINVScanData(gathered, run.prevclassID);
+}
+
+// The debug log takes a dictionary's text only when it would write it.
+bool DebugLogging() { return GetLogLevelValue() >= 3; }
+
 }  // namespace
+
+// ---- Rows.
+
+void addtoTable(const PlistPtr& instance, std::int32_t classId, std::int32_t instanceNumber) {
+  if (!instance) return;
+  const std::vector<PlistValue::Entry> entries = instance->Entries();
+  for (const auto& [propertyId, value] : entries) {
+    AddRowWMIFetchValueTable(IntValue(propertyId), classId, instanceNumber, 0,
+                             value ? std::optional<std::string>(value->String()) : std::nullopt);
+  }
+}
+
+void addtoTable(const PlistPtr& instances, std::int32_t classId) {
+  if (!instances) return;
+  const std::vector<PlistValue::Entry> entries = instances->Entries();
+  std::int32_t instanceNumber = 0;
+  for (const auto& entry : entries) addtoTable(entry.second, classId, ++instanceNumber);
+}
+
+void AddRowWMIFetchValueTable(std::int32_t propertyId, std::int32_t classId,
+                              std::int32_t instanceNumber, std::int32_t flag,
+                              const std::optional<std::string>& value) {
+  SaveScanData(propertyId, classId, propertyId == kOsSoftwareInstanceProperty ? 1 : instanceNumber,
+               flag, value);
+  const std::int32_t valueId = ++CurrentScanRun().valueIdCounter;
+  try {
+    const std::optional<std::string> escaped = value ? alterChars(value->c_str()) : std::nullopt;
+    RowBuilder row(6);
+    row.Int(0, valueId)
+        .Int(1, propertyId)
+        .Int(2, classId)
+        .Int(3, instanceNumber)
+        .Text(4, escaped.value_or(kAbsentValue), 8)
+        .Int(5, flag);
+    if (row.AddTo("WMIFetchedValue") == nullptr) {
+      ErrorLogMessage("\t Error while adding row for ADResource table !!! \n");
+    }
+  } catch (const std::bad_alloc&) {
+    ErrorLogMessage("\t Error while allocating memory during domain users table creation! \n");
+  }
+}
+
+void CreateWMIParentTablevalues(std::uint32_t number,
+                                const std::optional<std::string>& securityId) {
+  try {
+    CreateTable("WMIData");
+    const OptText& computerName = Settings().localComputerName();
+    const OptText& nameSpace = Settings().localNameSpace();
+    const bool isLocal =
+        !computerName || (nameSpace && EqualsIgnoringCase(*computerName, *nameSpace));
+    RowBuilder row(6);
+    row.Text(0, securityId.value_or(kEveryoneGroup), 8)
+        .Int(1, 0)
+        .Int(2, static_cast<std::int32_t>(number))
+        .Text(3, computerName, 8)
+        .Text(4, nameSpace, 8)
+        .Int(5, isLocal ? 1 : 0);
+    if (row.AddTo("WMIData") == nullptr) {
+      ErrorLogMessage("\t Error while adding row for ADResource table !!! \n");
+    }
+  } catch (const std::bad_alloc&) {
+    ErrorLogMessage("\t Error while allocating memory during domain users table creation! \n");
+  }
+}
+
+RowObject* createComputerInfoRow() {
+  UserLogMessage("\t @@@@@@@@ Inside createComputerInfoRow Method @@@@@@@@ \n");
+  try {
+    CreateTable("Resource");
+    const TarnGlobvars& settings = Settings();
+    RowBuilder row(8);
+    row.Int(0, IntValue(settings.tarnAgentResourceID()))
+        .Text(1, settings.localComputerName())
+        .Text(2, settings.localNameSpace())
+        .Int(3, 1)
+        .Text(4, "0", 1)
+        .Int(5, 0)
+        .Int(6, 0)
+        .Int(7, IntValue(settings.tarnCustomerID()));
+    RowObject* added = row.AddTo("Resource");
+    if (added == nullptr) {
+      ErrorLogMessage("\t Error while adding row for Resource table !!! \n");
+      return nullptr;
+    }
+    UserLogMessage("\t Successfully added a row to Resource table : %s\n",
+                   DescribeRow("Resource", *added).c_str());
+    DebugLogMessage("Printing Resource data\n");
+    PrintTableData("Resource");
+    UserLogMessage("\tEnd Of createComputerInfoRow Method\n");
+    return added;
+  } catch (const std::bad_alloc&) {
+    ErrorLogMessage("\t Error while allocating memory during domain users table creeation! \n");
+    return nullptr;
+  }
+}
+
+RowObject* createInvAuditEntryRow(std::int64_t auditId) {
+  UserLogMessage("\t @@@@@@@@ Inside createInvAuditEntryRow Method @@@@@@@@ \n");
+  try {
+    CreateTable("InvAuditEntry");
+    RowBuilder row(6);
+    row.Int64(0, auditId).Int64(1, 0).Int64(2, 0).Int64(3, 0).Int64(4, 0).Text(5, "0", 1);
+    RowObject* added = row.AddTo("InvAuditEntry");
+    if (added == nullptr) {
+      ErrorLogMessage("\t Error while adding row for InvAuditEntry table !!! \n");
+      return nullptr;
+    }
+    UserLogMessage("\t Successfully added a row to InvAuditEntry table : %s\n",
+                   DescribeRow("InvAuditEntry", *added).c_str());
+    UserLogMessage("\tEnd Of createInvAuditEntryRow Method\n");
+    return added;
+  } catch (const std::bad_alloc&) {
+    ErrorLogMessage("\t Error while allocating memory during domain users table creeation! \n");
+    return nullptr;
+  }
+}
+
+DWORD CreateAndAddAgentParamsRow(const std::optional<std::string>& paramName,
+                                 const std::optional<std::string>& paramValue,
+                                 std::int32_t number) {
+  DebugLogMessage("@@@@@@@@ Inside CreateAndAddAgentParamRowInternal Method @@@@@@@@ \n");
+  DebugLogMessage("CreateAndAddAgentParamRowInternal: paramName:%s,paramvalue:%s\n",
+                  Describe(paramName), Describe(paramValue));
+  try {
+    RowBuilder row(3);
+    row.Int(0, number).Text(1, paramName).Text(2, paramValue);
+    if (row.AddTo("AgentParams") != nullptr) {
+      UserLogMessage("Successfully added the params row to AgentParams Table (%s) \n",
+                     Describe(paramName));
+    } else {
+      ErrorLogMessage("Failed to add the params row to AgentParams Table : %s , %s \n",
+                      Describe(paramName), Describe(paramValue));
+    }
+  } catch (const std::bad_alloc&) {
+    ErrorLogMessage("Error while allocating memory during status table creation! \n");
+  }
+  DebugLogMessage("@@@@@@@@ End Of CreateAndAddAgentParamRowInternal Method @@@@@@@@ \n");
+  return 0;
+}
+
+void AddAgentParamsforInvinXML(const std::string& currentScanTime,
+                               const std::optional<std::string>& previousScanTime) {
+  try {
+    UnLoadTable("AgentParams");
+    CreateTable("AgentParams");
+    const TarnGlobvars& settings = Settings();
+    const bool diffScan = IsDiffScan();
+    AddAgentParam("COMPUTER_NAME", settings.localComputerName());
+    AddAgentParam("DOMAIN_NETBIOS_NAME", settings.localNameSpace());
+    AddAgentParam("RESOURCE_ID", settings.tarnAgentResourceID());
+    AddAgentParam("MSP_NAME", settings.tarnMSPName());
+    AddAgentParam("CUSTOMER_NAME", settings.tarnCustomerName());
+    AddAgentParam("CUSTOMER_ID", settings.tarnCustomerID());
+    AddAgentParam("currScanTime", currentScanTime);
+    if (diffScan) AddAgentParam("prevScanTime", previousScanTime.value_or("0"));
+    AddAgentParam("scanType", diffScan ? "0" : "1");
+  } catch (const std::exception& failure) {
+    ConsoleWhere(kAddAgentParamsforInvinXMLSignature, __LINE__,
+                 "AddAgentParamsforInvinXML :Caught exception>>>>>>>>>>>:%s", failure.what());
+  }
+}
+
+// ---- Instances and differences.
+
+void SaveScanData(std::int32_t propertyId, std::int32_t classId, std::int32_t instanceNumber,
+                  std::int32_t /*flag*/, const std::optional<std::string>& value) {
+  ScanRun& run = CurrentScanRun();
+  try {
+    if (run.previndexID == -1) run.previndexID = instanceNumber;
+    if (run.prevclassID == 0) {
+      run.prevclassID = classId;
+      run.propertyDict = PlistValue::MakeDictionary();
+    }
+    if (!run.propertyDict) run.propertyDict = PlistValue::MakeDictionary();
+    if (classId != run.prevclassID) {
+      // A new class ends the pending instance, even an empty one.
+      FileGathered(run, true);
+      run.prevclassID = classId;
+      run.previndexID = -1;
+    } else if (instanceNumber != run.previndexID) {
+      FileGathered(run, run.propertyDict->Count() > 0);
+      run.previndexID = instanceNumber;
+    }
+    run.propertyDict->SetObjectForKey(std::to_string(propertyId),
+                                      PlistValue::MakeString(value.value_or(kNullText)));
+    if (propertyId == invClassObj().GetLastPropertyID()) {
+      FileGathered(run, true);
+      run.previndexID = instanceNumber;
+    }
+  } catch (const std::exception& failure) {
+    ConsoleWhere(kSaveScanDataSignature, __LINE__, "SaveScanData :Caught exception>>>>>>>>>>>:%s",
+                 failure.what());
+  }
+}
+
+void WriteToINVScanData(const PlistPtr& instance, std::int32_t classId) {
+  try {
+    Require(instance, "instance")
+        ->SetObjectForKey(kInstanceKey, PlistValue::MakeString(InstanceKey(*instance, classId)));
+    ScanRun& run = CurrentScanRun();
+    ChildOf(Require(run.invScanData, "scan data"), ClassKey(classId), [] {
+      return PlistValue::MakeArray();
+    })->Append(instance);
+    if (!IsDiffScan()) return;
+    const std::string status = GetDictStatus(instance, classId);
+    if (status == kStatusNew || status == kStatusModified) AddtoDiffData(status, classId, instance);
+  } catch (const std::exception& failure) {
+    ConsoleWhere(kWriteToINVScanDataSignature, __LINE__,
+                 "SaveScanData :Caught exception>>>>>>>>>>>:%s", failure.what());
+  }
+}
+
+std::string GetDictStatus(const PlistPtr& instance, std::int32_t classId) {
+  std::string status = kStatusNew;
+  try {
+    FullScanHandler* snapshot = CurrentScanRun().fullScanobj.get();
+    const PlistPtr key = Require(instance, "instance")->ValueForKey(kInstanceKey);
+    const PlistPtr match = snapshot != nullptr && key && key->IsString()
+                               ? snapshot->FindFirstByKey(classId, key->String())
+                               : nullptr;
+    if (!match) {
+      DebugLogMessage("GetDictStatus :Newly added \n");
+      return status;
+    }
+    if (CompareDicts(instance, match) == kDictsDiffer) {
+      UserLogMessage("GetDictStatus :Modified \n");
+      status = kStatusModified;
+    } else {
+      UserLogMessage("GetDictStatus :Not modified \n");
+      status = kStatusNotModified;
+    }
+    snapshot->RemoveMatched(classId, match);
+  } catch (const std::exception& failure) {
+    ConsoleWhere(kGetDictStatusSignature, __LINE__, "GetDictStatus :Caught exception>>>>>>>>>>>:%s",
+                 failure.what());
+  }
+  return status;
+}
+
+DWORD CompareDicts(const PlistPtr& current, const PlistPtr& previous) {
+  try {
+    Require(current, "current instance");
+    Require(previous, "previous instance");
+    if (DebugLogging()) {
+      DebugLogMessage("CompareDicts :PrevData : %s ", previous->Description().c_str());
+      DebugLogMessage("CompareDicts :CurData : %s", current->Description().c_str());
+    }
+    for (const auto& [propertyId, value] : current->Entries()) {
+      const PlistPtr previousValue = previous->ValueForKey(propertyId);
+      if (!previousValue) {
+        UserLogMessage("CompareDicts  propertyId : %s doesnt found in prevScanData \n",
+                       propertyId.c_str());
+        return kDictsDiffer;
+      }
+      if (value->String() != previousValue->String()) {
+        UserLogMessage("CompareDicts :modified propertyID : %s curValue:%s prevValue : %s",
+                       propertyId.c_str(), value->String().c_str(),
+                       previousValue->String().c_str());
+        return kDictsDiffer;
+      }
+    }
+    return 0;
+  } catch (const std::exception& failure) {
+    ConsoleWhere(kCompareDictsSignature, __LINE__, "CompareDicts :Caught exception>>>>>>>>>>>:%s",
+                 failure.what());
+    return 0;
+  }
+}
 
 DWORD AddtoDiffData(const std::string& status, std::int32_t classId, const PlistPtr& instance) {
   try {
@@ -100,6 +515,53 @@ DWORD AddtoSWDiffData(const std::string& status, std::int32_t classId, const Pli
                  "AddtoDiffData : Exception occurred: %s,%s,%s", text.name.c_str(),
                  text.reason.c_str(), text.description.c_str());
     return 1;
+  }
+}
+
+void AddUserinDict(const PlistPtr& diffData) {
+  try {
+    const TarnGlobvars& settings = Settings();
+    PlistPtr user = PlistValue::MakeDictionary();
+    const auto put = [&](const char* key, const std::optional<std::string>& value) {
+      user->SetValueForKey(key, value ? PlistValue::MakeString(*value) : nullptr);
+    };
+    put("DOMAIN_NAME", settings.adDomain());
+    put("IS_LOCAL_ACCOUNT", "false");
+    put("TYPE", "0");
+    put("USER_ID", "0");
+    put("USER_NAME", settings.localComputerName());
+    put("USID", kEveryoneGroup);
+    Require(diffData, "difference document")->SetObjectForKey("USER", user);
+  } catch (const std::exception& failure) {
+    ConsoleWhere(kAddUserinDictSignature, __LINE__, "AddUserinDict :Caught exception>>>>>>>>>>>:%s",
+                 failure.what());
+  }
+}
+
+void AddAgentParamsinDict(const PlistPtr& diffData, const std::optional<std::string>& auditId,
+                          const std::string& currentScanTime,
+                          const std::optional<std::string>& previousScanTime) {
+  try {
+    const TarnGlobvars& settings = Settings();
+    const bool diffScan = IsDiffScan();
+    PlistPtr params = PlistValue::MakeDictionary();
+    const auto put = [&](const char* key, const std::optional<std::string>& value) {
+      params->SetValueForKey(key, value ? PlistValue::MakeString(*value) : nullptr);
+    };
+    put("COMPUTER_NAME", settings.localComputerName());
+    put("DOMAIN_NETBIOS_NAME", settings.localNameSpace());
+    put("MSP_NAME", settings.tarnMSPName());
+    put("CUSTOMER_NAME", settings.tarnCustomerName());
+    put("CUSTOMER_ID", settings.tarnCustomerID());
+    put("currScanTime", currentScanTime);
+    if (diffScan) put("prevScanTime", previousScanTime.value_or("0"));
+    put("scanType", diffScan ? "0" : "1");
+    put("AUDIT_ID", auditId.value_or(kNullText));
+    put("RESOURCE_ID", settings.tarnAgentResourceID());
+    Require(diffData, "difference document")->SetObjectForKey("AgentParams", params);
+  } catch (const std::exception& failure) {
+    ConsoleWhere(kAddAgentParamsinDictSignature, __LINE__,
+                 "AddAgentParamsinDict :Caught exception>>>>>>>>>>>:%s", failure.what());
   }
 }
 

@@ -32,7 +32,8 @@ inline constexpr std::int32_t kSoftwareClassId = 18;
 // ---- Rows.
 
 // Records every entry of instance (property id text to value text) for the
-// class and instance number, in the dictionary's key order.
+// class and instance number, in the dictionary's key order. A value that is
+// not text raises PlatformException (the collectors' guards end on it).
 void addtoTable(const PlistPtr& instance, std::int32_t classId, std::int32_t instanceNumber);
 // Records every instance dictionary held by instances; the instance number is
 // the 1-based position in the outer dictionary's key order.
@@ -53,8 +54,7 @@ RowObject* createComputerInfoRow();
 RowObject* createInvAuditEntryRow(std::int64_t auditId);
 // Adds one AgentParams row. Always 0.
 DWORD CreateAndAddAgentParamsRow(const std::optional<std::string>& paramName,
-                                 const std::optional<std::string>& paramValue,
-                                 std::int32_t number);
+                                 const std::optional<std::string>& paramValue, std::int32_t number);
 // Re-creates AgentParams with this run's parameters.
 void AddAgentParamsforInvinXML(const std::string& currentScanTime,
                                const std::optional<std::string>& previousScanTime);
