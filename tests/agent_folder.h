@@ -62,10 +62,29 @@ class AgentFolder {
 
   // Gives the computer a resource id, so a run does not need the server for one.
   void WriteResourceId(const std::string& id) const {
-    WriteFileText(data() / "resource.plist",
-                  "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
-                  "\t<key>RESOURCEID</key>\n\t<string>" + id +
-                      "</string>\n</dict>\n</plist>\n");
+    WritePlist(data() / "resource.plist", "\t<key>RESOURCEID</key>\n\t<string>" + id + "</string>\n");
+  }
+
+  // Replays a recorded machine that knows only its OS version, through
+  // "TOOL_REPLAY_DIRECTORY" of agent-conf.plist (a folder relative to BASE/data).
+  void ReplayMachineWithOsVersion(const std::string& version) const {
+    std::filesystem::create_directories(data() / "machine");
+    WriteFileText(data() / "machine" / "version.txt", version + "\n");
+    WritePlist(data() / "machine" / "manifest.plist",
+               "\t<key>commands</key>\n\t<array><dict>\n"
+               "\t\t<key>launchPath</key><string>/usr/bin/sw_vers</string>\n"
+               "\t\t<key>arguments</key><array><string>-productVersion</string></array>\n"
+               "\t\t<key>output</key><string>version.txt</string>\n"
+               "\t</dict></array>\n");
+    WritePlist(data() / "agent-conf.plist",
+               "\t<key>Loglevel</key><integer>3</integer>\n"
+               "\t<key>TOOL_REPLAY_DIRECTORY</key><string>machine</string>\n");
+  }
+
+  static void WritePlist(const std::filesystem::path& path, const std::string& dictionaryBody) {
+    WriteFileText(path,
+                  "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n" +
+                      dictionaryBody + "</dict>\n</plist>\n");
   }
 
   // Runs the scanner with its working directory at BASE/bin; standard output

@@ -113,6 +113,51 @@ TEST(ScannerRun, AValidRunDecidesItsRunTypeAndReachesTheUploadStep) {
       << store;
 }
 
+// A snapshot whose modification time the state store recorded: a difference
+// request is trusted unless the OS rule turns it into a full scan.
+void WriteTrustedSnapshot(const AgentFolder& agent) {
+  const auto snapshot = agent.data() / "invFullData";
+  AgentFolder::WritePlist(snapshot,
+                          "\t<key>INVDatadict</key>\n\t<dict><key>18</key><array><dict>"
+                          "<key>1801</key><string>Safari</string><key>KEY</key>"
+                          "<string>Safari</string></dict></array></dict>\n");
+  struct stat info {};
+  ASSERT_EQ(::stat(snapshot.c_str(), &info), 0);
+  AgentFolder::WritePlist(agent.data() / "tarninventory_data.plist",
+                          "\t<key>INV_FULL_DATA_LAST_MODIFIED</key><string>" +
+                              std::to_string(info.st_mtime) + "</string>\n");
+}
+
+TEST(ScannerRun, ATrustedSnapshotGivesADifferenceScanExceptUnderTheOsRule) {
+  const std::string notModified = " is not modified, Proceeding to DIFF scan \n";
+  const std::string osRule =
+      "In macOS Sierra 10.12 json encoder crashes , so proceeding to full scan \n";
+  {
+    AgentFolder agent("diff");
+    agent.WriteResourceId("42");
+    agent.ReplayMachineWithOsVersion("10.11.6");
+    WriteTrustedSnapshot(agent);
+    EXPECT_EQ(agent.Run({"scheduled"}).exitCode, 0);
+    EXPECT_NE(agent.ScanLog().find(notModified), std::string::npos) << agent.ScanLog();
+    EXPECT_EQ(agent.ScanLog().find(osRule), std::string::npos);
+    EXPECT_TRUE(std::regex_search(
+        agent.AccessLog(), AccessLine("Scheduled", "\t" + Padded("DiffData") + "\t\\s*\\w+")))
+        << agent.AccessLog();
+  }
+  {
+    AgentFolder agent("osrule");
+    agent.WriteResourceId("42");
+    agent.ReplayMachineWithOsVersion("10.13");
+    WriteTrustedSnapshot(agent);
+    EXPECT_EQ(agent.Run({"ondemand"}).exitCode, 0);
+    const std::string scanLog = agent.ScanLog();
+    ASSERT_NE(scanLog.find(osRule), std::string::npos) << scanLog;
+    EXPECT_LT(scanLog.find(notModified), scanLog.find(osRule));
+    EXPECT_TRUE(std::regex_search(
+        agent.AccessLog(), AccessLine("Ondemand", "\t" + Padded("FullData") + "\t\\s*\\w+")));
+  }
+}
+
 TEST(ScannerRun, WithoutAResourceIdNothingIsCollected) {
   AgentFolder agent("noresource");
   EXPECT_EQ(agent.Run({"ondemand", "1", "9001"}).exitCode, 0);
