@@ -80,17 +80,6 @@ TEST(ScannerRun, MissingDataFilesStopWithTheirAccessLogWords) {
   }
 }
 
-TEST(ScannerRun, ACatalogueThatIsNotADocumentStopsTheRun) {
-  AgentFolder agent("badcatalogue");
-  WriteFileText(agent.data() / "Mac_InvClasses.xml", "<WMIClass><row>");
-  EXPECT_EQ(agent.Run({"postinstall"}).exitCode, 1);
-  EXPECT_TRUE(std::regex_search(
-      agent.AccessLog(),
-      AccessLine("Postinstall", "\t" + Padded("InvClassDoFail") + "\t" + Padded("---"))));
-  EXPECT_NE(agent.ScanLog().find("CreateDoFromInvClasses: failed to create DO from buffer:\n"),
-            std::string::npos);
-}
-
 TEST(ScannerRun, AValidRunDecidesItsRunTypeAndReachesTheUploadStep) {
   AgentFolder agent("valid");
   agent.WriteResourceId("42");
