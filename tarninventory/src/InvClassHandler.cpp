@@ -15,16 +15,12 @@ namespace {
 constexpr const char* kCreateInvTableSignature = "-[InvClassHandler CreateInvTable]";
 constexpr const char* kSetLastPropertyIDSignature = "-[InvClassHandler SetLastPropertyID]";
 
-// Frees a selection when it goes out of scope.
-struct ResultDeleter {
-  void operator()(ResultData* result) const { FreeResultData(std::unique_ptr<ResultData>(result)); }
-};
-using Selection = std::unique_ptr<ResultData, ResultDeleter>;
+using Selection = std::unique_ptr<ResultData>;
 
 // The rows of table matching criteria (all rows for null criteria); null when
 // the table is not loaded or nothing matches.
 Selection SelectNonEmpty(const char* table, const char* criteria) {
-  Selection selection(SelectRows(table, criteria).release());
+  Selection selection = SelectRows(table, criteria);
   if (selection && selection->rowCount == 0) {
     selection.reset();
   }

@@ -34,14 +34,9 @@ constexpr const char* kFullScanUpdatedTimeCriteria = "param_name='FULL_SCAN_UPDA
 // The OS version from which every difference request ends as a full scan.
 constexpr const char* kFullScanOnlyFromOS = "10.12";
 
-// Frees a selection when it goes out of scope, also when a raise leaves the loop over it.
-struct ResultDeleter {
-  void operator()(ResultData* result) const { FreeResultData(std::unique_ptr<ResultData>(result)); }
-};
-using Selection = std::unique_ptr<ResultData, ResultDeleter>;
-
-Selection SelectSettings(const char* criteria) {
-  return Selection(SelectRows(kSettingsTable, criteria).release());
+// The selection frees itself when it goes out of scope, also when a raise leaves the loop over it.
+std::unique_ptr<ResultData> SelectSettings(const char* criteria) {
+  return SelectRows(kSettingsTable, criteria);
 }
 
 // The value of the row under the selection's cursor, or nothing.
@@ -128,7 +123,7 @@ bool LoadChangedSettingsFile() {
 // Walks the ENABLE_DIFF_SCAN rows, storing each value: 5 once a row says "0", the requested
 // type again after a row without value, else the requested type.
 std::int32_t ApplyEnableDiffScanRows(std::int32_t requested) {
-  Selection rows = SelectSettings(kEnableDiffScanCriteria);
+  std::unique_ptr<ResultData> rows = SelectSettings(kEnableDiffScanCriteria);
   if (!rows) {
     return requested;
   }
@@ -184,7 +179,7 @@ std::int32_t ReadScanSettingsFromXml(std::int32_t requested) {
 
 bool IsOneTimeFullScanEnabled() {
   try {
-    Selection rows = SelectSettings(kFullScanUpdatedTimeCriteria);
+    std::unique_ptr<ResultData> rows = SelectSettings(kFullScanUpdatedTimeCriteria);
     if (!rows || GotoNextRowObject(rows.get()) == nullptr) {
       return true;
     }

@@ -193,18 +193,14 @@ DWORD LoadDataDicts(const std::string& accessLogPath) {
 
 DWORD CreateDoFromInvClasses(const std::string& accessLogPath) {
   const std::string path = DataDictPath() + "/" + kClassCatalogueFileName;
-  bool loaded = false;
   if (!isFileExists(path)) {
     UserLogMessage("CreateDoFromInvClasses : NotFound at path %s \n", path.c_str());
   } else {
     // The document is read as UTF-8 text; bytes that are not UTF-8 make it unreadable.
-    std::optional<std::string> text = ReadWholeFile(path);
-    if (text && !IsValidUtf8(*text)) {
-      text.reset();
-    }
-    const std::string buffer = text.value_or("");
-    loaded = text && CreateDOFromXMLBuffer(buffer.c_str(), buffer.size()) != 0;
-    if (loaded) {
+    const std::optional<std::string> text = ReadWholeFile(path);
+    const bool readable = text && IsValidUtf8(*text);
+    const std::string buffer = readable ? *text : "";
+    if (readable && CreateDOFromXMLBuffer(buffer.c_str(), buffer.size()) != 0) {
       UserLogMessage("CreateDoFromInvClasses : success \n");
       return 0;
     }
