@@ -1,7 +1,9 @@
 #include "framework/imds/dotoxml.h"
 
 #include <algorithm>
-#include <cstdarg>
+#include <charconv>
+#include <cstdint>
+#include <string_view>
 #include <cstdio>
 #include <new>
 
@@ -11,27 +13,26 @@
 namespace tarn {
 namespace {
 
-// Appends the formatted text, cut to what the scratch space holds.
-void AppendScratch(std::string& document, const char* format, ...)
-    __attribute__((format(printf, 2, 3)));
-
-void AppendScratch(std::string& document, const char* format, ...) {
-  char scratch[kXmlScratchSize];
-  std::va_list args;
-  va_start(args, format);
-  const int written = std::vsnprintf(scratch, sizeof scratch, format, args);
-  va_end(args);
-  if (written > 0) {
-    document.append(scratch,
-                    std::min<std::size_t>(static_cast<std::size_t>(written), sizeof scratch - 1));
-  }
-}
-
-void AppendTextAttribute(std::string& document, const char* name, const OwnedBlock& value) {
+// Appends name="value" followed by one blank; the value is written whole.
+void AppendAttributeText(std::string& document, const char* name, std::string_view value) {
   document += name;
   document += "=\"";
-  document += value.c_str();
+  document += value;
   document += "\" ";
+}
+
+void AppendIntegerAttribute(std::string& document, const char* name, std::int32_t value) {
+  char digits[16];
+  const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+  AppendAttributeText(document, name, std::string_view(digits, end - digits));
+}
+
+// "%f" of the value: six decimals, however long the integral part.
+void AppendFixedAttribute(std::string& document, const char* name, double value) {
+  const int length = std::snprintf(nullptr, 0, "%f", value);
+  std::string text(static_cast<std::size_t>(std::max(length, 0)), '\0');
+  std::snprintf(text.data(), text.size() + 1, "%f", value);
+  AppendAttributeText(document, name, text);
 }
 
 std::optional<std::string> DateTimeAttributeText(int type, const OwnedBlock& value) {
@@ -56,31 +57,28 @@ void AppendAttribute(std::string& document, const ColumnDefn& column, const Owne
     case kTypeInt:
     case kTypeUnsignedInt:
     case kTypeLongInt:
-      AppendScratch(document, "%s=\"%d\" ", name, value.Read<std::int32_t>());
+      AppendIntegerAttribute(document, name, value.Read<std::int32_t>());
       return;
     case kTypeFloat:
-      AppendScratch(document, "%s=\"%f\" ", name, static_cast<double>(value.Read<float>()));
+      AppendFixedAttribute(document, name, static_cast<double>(value.Read<float>()));
       return;
     case kTypeDouble:
-      AppendScratch(document, "%s=\"%f\" ", name, value.Read<double>());
+      AppendFixedAttribute(document, name, value.Read<double>());
       return;
     case kTypeSqlChar:
     case kTypeChar:
-      AppendScratch(document, "%s=\"%s\" ", name, value.c_str());
+    case kTypeText:
+      AppendAttributeText(document, name, value.c_str());
       return;
     case kTypeDate:
     case kTypeTime:
     case kTypeDateTime:
       if (const auto text = DateTimeAttributeText(column.type, value)) {
-        AppendScratch(document, "%s=\"%s\" ", name, text->c_str());
+        AppendAttributeText(document, name, *text);
       }
       return;
     case kTypeBoolean:
-      AppendScratch(document, "%s=\"%s\" ", name,
-                    value.Read<std::int32_t>() == 1 ? "true" : "false");
-      return;
-    case kTypeText:
-      AppendTextAttribute(document, name, value);
+      AppendAttributeText(document, name, value.Read<std::int32_t>() == 1 ? "true" : "false");
       return;
     default:
       return;
@@ -89,7 +87,9 @@ void AppendAttribute(std::string& document, const ColumnDefn& column, const Owne
 
 void AppendRow(std::string& document, const char* listedName, const TableData& table,
                const RowObject& row) {
-  AppendScratch(document, "<%s ", listedName);
+  document += '<';
+  document += listedName;
+  document += ' ';
   const auto& columns = table.tableDefn->columns();
   const std::size_t count = std::min({static_cast<std::size_t>(std::max(table.columnCount, 0)),
                                       columns.size(), row.values.size()});

@@ -4,11 +4,10 @@
 // Form, byte for byte: the declaration line, "<ROOT>\n", one line per row
 // "<TABLE " + attributes + "/>\n" (each attribute followed by one blank, in
 // dictionary column order), "</ROOT>\n". A value equal to its column's default
-// and a null value are omitted. Nothing is escaped. Integers use "%d", FLOAT
-// and DOUBLE "%f"; types 0, 4, 8, 11, 12, 13, 20, 21 are never written.
-// Every start tag and non-TEXT attribute is formatted in a 255-byte scratch
-// space: longer ones are cut to their first 254 bytes. TEXT values are
-// appended whole.
+// and a null value are omitted. Nothing is escaped. Integers are written as
+// "%d", FLOAT and DOUBLE as "%f"; types 0, 4, 8, 11, 12, 13, 20, 21 are never
+// written. Every attribute is written whole, whatever its length, so the
+// document stays well-formed for long names and values.
 #pragma once
 
 #include <optional>
@@ -16,9 +15,6 @@
 #include <string>
 
 namespace tarn {
-
-// Size of the scratch space a start tag or a non-TEXT attribute is formatted in.
-inline constexpr std::size_t kXmlScratchSize = 255;
 
 // The document of the tables named in tableNames (in that order, up to the
 // first null entry) under rootName. A name with no loaded table, a table

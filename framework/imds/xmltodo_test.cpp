@@ -136,8 +136,8 @@ TEST_F(XmlStoreTest, WriterFormsEdgeValuesExactly) {
   ASSERT_EQ(AddNewRow("Samples", CreateNewRowObject(std::move(values), {})), 1);
   ASSERT_EQ(AddNewRow("Samples", CreateNewRowObject({}, {})), 1);  // only defaults
 
-  // A CHAR attribute is cut to the 254 bytes of the scratch space; TEXT is whole.
-  const std::string longChar = "LABEL=\"" + std::string(254 - 7, 'x');
+  // Long CHAR and TEXT attributes are written whole.
+  const std::string longChar = "LABEL=\"" + std::string(300, 'x') + "\" ";
   const char* const names[] = {"samples", nullptr, "Child"};
   EXPECT_EQ(ConvertDOtoXMLBuffer(names, kRoot),
             std::string(kHead) + "<samples ID=\"7\" " + longChar +
