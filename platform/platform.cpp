@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "platform/exception/platform_exception.h"
 #include "platform/host/live_host_info.h"
 #include "platform/http/curl_http_transport.h"
 #include "platform/process/posix_tool_runner.h"
@@ -13,9 +14,9 @@ namespace {
 // can be had, no request can be sent.
 class NoToolRunner final : public ToolRunner {
  public:
-  std::optional<std::string> Run(const std::string&, const std::vector<std::string>&,
+  std::optional<std::string> Run(const std::string& launchPath, const std::vector<std::string>&,
                                  WaitPolicy) override {
-    return std::nullopt;
+    RaiseLaunchFailure(launchPath, "no tool runner installed");
   }
   bool RunToFile(const std::string&, const std::vector<std::string>&, const std::string&) override {
     return false;
@@ -47,6 +48,11 @@ std::unique_ptr<Platform>& InstalledPlatform() {
 }
 
 }  // namespace
+
+void RaiseLaunchFailure(const std::string& launchPath, const std::string& cause) {
+  throw PlatformException(kInvalidArgumentException,
+                          "launch path not accessible: " + launchPath + ": " + cause);
+}
 
 Platform::Platform(std::unique_ptr<ToolRunner> tools, std::unique_ptr<HostInfo> host,
                    std::unique_ptr<HttpTransport> http)

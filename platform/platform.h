@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -21,9 +22,11 @@ class ToolRunner {
   virtual ~ToolRunner() = default;
 
   // Runs the executable at launchPath (no shell, no PATH search) with the arguments; its
-  // standard error is inherited. Gives its standard output, or nothing when it could not be
-  // launched or the output is not valid UTF-8. A bounded run that outlasts its steps is
-  // terminated and gives what it wrote until then. Never raises.
+  // standard error is inherited. Gives its standard output, or nothing when the output is not
+  // valid UTF-8. A bounded run that outlasts its steps is terminated and gives what it wrote
+  // until then. A tool that cannot be launched (nothing executable at the path, spawn
+  // failure) raises PlatformException (NSInvalidArgumentException) with the reason, as the
+  // platform's task launch does; callers catch it.
   virtual std::optional<std::string> Run(const std::string& launchPath,
                                          const std::vector<std::string>& arguments,
                                          WaitPolicy wait) = 0;
@@ -31,10 +34,15 @@ class ToolRunner {
   // Runs the tool until it ends with its standard output written to outputPath, which is
   // created afresh with mode 0600 (an existing regular file is replaced; a link or anything
   // else at the path makes the call fail untouched). True when the tool ran and ended with
-  // exit status 0; the file keeps whatever the tool wrote either way. Never raises.
+  // exit status 0; the file keeps whatever the tool wrote either way. Never raises: a tool
+  // that cannot be launched gives false.
   virtual bool RunToFile(const std::string& launchPath, const std::vector<std::string>& arguments,
                          const std::string& outputPath) = 0;
 };
+
+// Raises the PlatformException of a tool that cannot be launched:
+// NSInvalidArgumentException, "launch path not accessible: <path>" and the cause.
+[[noreturn]] void RaiseLaunchFailure(const std::string& launchPath, const std::string& cause);
 
 // ---- Facts about this computer.
 
@@ -81,13 +89,24 @@ class HostInfo {
 
 using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
 
+// Bounds on what a response may bring. A server that sends more fails the request: the
+// transport reports an error, not a response.
+inline constexpr std::size_t kMaxHttpResponseBody = 1024 * 1024;     // bytes of a kept body
+inline constexpr std::size_t kMaxHttpResponseHeaders = 64 * 1024;  // bytes of all header lines
+
 struct HttpRequest {
   std::string method = "GET";
   std::string url;
   HttpHeaders headers;
   std::string body;
+  // Bounds the whole exchange, connecting and a slowly trickling answer included; values
+  // below 1 count as 1.
   int timeoutSeconds = 60;
   bool acceptAnyCertificate = false;  // skip TLS peer and host verification
+  // Largest body kept in HttpResponse::body; a longer one is an error.
+  std::size_t maxResponseBody = kMaxHttpResponseBody;
+  // The body is read and dropped, whatever its size: HttpResponse::body stays empty.
+  bool discardResponseBody = false;
 };
 
 struct HttpResponse {

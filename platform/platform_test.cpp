@@ -1,3 +1,4 @@
+#include "platform/exception/platform_exception.h"
 #include "platform/platform.h"
 
 #include <gtest/gtest.h>
@@ -22,7 +23,8 @@ TEST(PlatformTest, ScopedPlatformInstallsAFakeAndPutsThePreviousOneBack) {
     EXPECT_NE(&CurrentPlatform(), &before);
     ToolRunner& tools = CurrentPlatform().Tools();
     EXPECT_EQ(tools.Run("/usr/bin/sw_vers", {"-productVersion"}, WaitPolicy::kBounded), "14.4.1\n");
-    EXPECT_EQ(tools.Run("/usr/bin/sw_vers", {"-productName"}, WaitPolicy::kBounded), std::nullopt);
+    EXPECT_THROW(tools.Run("/usr/bin/sw_vers", {"-productName"}, WaitPolicy::kBounded),
+                 PlatformException);
     ASSERT_EQ(fake.calls().size(), 2u);
     EXPECT_EQ(fake.calls()[1].arguments, std::vector<std::string>{"-productName"});
     // Parts left out are stand-ins that fail quietly.

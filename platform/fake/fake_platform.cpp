@@ -15,7 +15,10 @@ std::optional<std::string> FakeToolRunner::Run(const std::string& launchPath,
                                                WaitPolicy wait) {
   calls_.push_back(Call{launchPath, arguments, wait, std::nullopt});
   const auto found = answers_.find(Command{launchPath, arguments});
-  return found == answers_.end() ? std::nullopt : found->second;
+  if (found == answers_.end() || !found->second) {
+    RaiseLaunchFailure(launchPath, "no answer set up by the test");
+  }
+  return found->second;
 }
 
 bool FakeToolRunner::RunToFile(const std::string& launchPath,

@@ -11,7 +11,7 @@
 namespace tarn {
 
 // A tool runner for tests: answers from a table set up by the test and records every run.
-// A command without an answer could not be launched.
+// A command without an answer could not be launched (Run raises, RunToFile fails).
 class FakeToolRunner final : public ToolRunner {
  public:
   struct Call {

@@ -4,6 +4,9 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
 
 namespace tarn {
 
@@ -43,6 +46,31 @@ bool WriteAll(int fd, std::string_view bytes) {
     bytes.remove_prefix(static_cast<std::size_t>(written));
   }
   return true;
+}
+
+namespace {
+
+std::string MakePrivateDirectory(const std::string& parent) {
+  std::string pattern = parent + "/tarninventory-XXXXXX";
+  const char* made = ::mkdtemp(pattern.data());
+  return made != nullptr ? std::string(made) : std::string();
+}
+
+}  // namespace
+
+ScratchDirectory::ScratchDirectory(const std::string& parent)
+    : path_(parent.empty() ? std::string() : MakePrivateDirectory(parent)) {
+  if (path_.empty()) {
+    std::error_code error;
+    const std::filesystem::path temporary = std::filesystem::temp_directory_path(error);
+    if (!error) path_ = MakePrivateDirectory(temporary.string());
+  }
+}
+
+ScratchDirectory::~ScratchDirectory() {
+  if (path_.empty()) return;
+  std::error_code ignored;  // remove_all never follows a link planted inside
+  std::filesystem::remove_all(path_, ignored);
 }
 
 }  // namespace tarn

@@ -48,6 +48,25 @@ UniqueFd CreateFreshOutputFile(const std::string& path);
 // its own standard output closed.
 UniqueFd AboveStandardDescriptors(UniqueFd fd);
 
+// A private folder for temporary files: made with mode 0700 (mkdtemp) inside parent, or
+// inside the system's temporary folder when parent is empty or that fails, and removed with everything in it
+// when the object goes. path() is empty when no folder could be made.
+class ScratchDirectory {
+ public:
+  explicit ScratchDirectory(const std::string& parent);
+  ~ScratchDirectory();
+  ScratchDirectory(const ScratchDirectory&) = delete;
+  ScratchDirectory& operator=(const ScratchDirectory&) = delete;
+
+  bool valid() const { return !path_.empty(); }
+  const std::string& path() const { return path_; }
+  // "<folder>/<name>"
+  std::string FilePath(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
 // The whole content of the file; nothing when it cannot be opened or read.
 std::optional<std::string> ReadWholeFile(const std::string& path);
 

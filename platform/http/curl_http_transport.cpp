@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <exception>
 #include <memory>
 #include <string>
@@ -18,9 +19,43 @@ struct SlistFree {
 };
 using SlistPtr = std::unique_ptr<curl_slist, SlistFree>;
 
-size_t AppendBody(char* data, size_t size, size_t count, void* target) {
-  static_cast<std::string*>(target)->append(data, size * count);
-  return size * count;
+// A libcurl option that could not be set: the request is not sent without it.
+struct OptionRefused {
+  CURLcode code;
+};
+
+template <typename Value>
+void SetOption(CURL* curl, CURLoption option, Value value) {
+  const CURLcode code = curl_easy_setopt(curl, option, value);
+  if (code != CURLE_OK) throw OptionRefused{code};
+}
+
+HttpResult Failure(long code, std::string text) {
+  return {std::nullopt, HttpError{code, std::move(text)}};
+}
+
+// What the callbacks fill while the answer arrives, and the bound that stopped it early.
+struct Reception {
+  std::size_t maxBody = kMaxHttpResponseBody;
+  bool discardBody = false;
+  std::size_t headerBytes = 0;
+  HttpResponse response;
+  std::optional<HttpError> exceeded;
+};
+
+// Returning fewer bytes than offered makes libcurl abort the transfer.
+size_t ReceiveBody(char* data, size_t size, size_t count, void* target) {
+  auto& reception = *static_cast<Reception*>(target);
+  const size_t bytes = size * count;
+  if (reception.discardBody) return bytes;
+  if (bytes > reception.maxBody - reception.response.body.size()) {
+    reception.exceeded =
+        HttpError{CURLE_FILESIZE_EXCEEDED,
+                  "response body larger than " + std::to_string(reception.maxBody) + " bytes"};
+    return 0;
+  }
+  reception.response.body.append(data, bytes);
+  return bytes;
 }
 
 std::string_view Trimmed(std::string_view text) {
@@ -33,17 +68,27 @@ std::string_view Trimmed(std::string_view text) {
 }
 
 // Header lines arrive one per call. A status line starts a new header block (after an
-// interim "100 Continue" answer), so only the final answer's fields are kept.
-size_t AppendHeader(char* data, size_t size, size_t count, void* target) {
-  auto& headers = *static_cast<HttpHeaders*>(target);
-  const std::string_view line(data, size * count);
+// interim "100 Continue" answer), so only the final answer's fields are kept; the bound
+// counts the lines of every block.
+size_t ReceiveHeader(char* data, size_t size, size_t count, void* target) {
+  auto& reception = *static_cast<Reception*>(target);
+  const size_t bytes = size * count;
+  reception.headerBytes += bytes;
+  if (reception.headerBytes > kMaxHttpResponseHeaders) {
+    reception.exceeded =
+        HttpError{CURLE_WRITE_ERROR, "response headers larger than " +
+                                         std::to_string(kMaxHttpResponseHeaders) + " bytes"};
+    return 0;
+  }
+  auto& headers = reception.response.headers;
+  const std::string_view line(data, bytes);
   if (line.starts_with("HTTP/")) {
     headers.clear();
   } else if (const auto colon = line.find(':'); colon != std::string_view::npos) {
     headers.emplace_back(std::string(Trimmed(line.substr(0, colon))),
                          std::string(Trimmed(line.substr(colon + 1))));
   }
-  return size * count;
+  return bytes;
 }
 
 SlistPtr HeaderList(const HttpHeaders& headers) {
@@ -59,53 +104,62 @@ SlistPtr HeaderList(const HttpHeaders& headers) {
   return list;
 }
 
-void ConfigureMethodAndBody(CURL* handle, const HttpRequest& request) {
+void ConfigureMethodAndBody(CURL* curl, const HttpRequest& request) {
   if (request.method == "GET" && request.body.empty()) {
-    curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
+    SetOption(curl, CURLOPT_HTTPGET, 1L);
     return;
   }
   if (request.method == "HEAD") {
-    curl_easy_setopt(handle, CURLOPT_NOBODY, 1L);
+    SetOption(curl, CURLOPT_NOBODY, 1L);
     return;
   }
-  curl_easy_setopt(handle, CURLOPT_POST, 1L);
-  curl_easy_setopt(handle, CURLOPT_POSTFIELDS, request.body.data());
-  curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE,
-                   static_cast<curl_off_t>(request.body.size()));
-  if (request.method != "POST")
-    curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, request.method.c_str());
+  SetOption(curl, CURLOPT_POST, 1L);
+  SetOption(curl, CURLOPT_POSTFIELDS, request.body.data());
+  SetOption(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+  if (request.method != "POST") SetOption(curl, CURLOPT_CUSTOMREQUEST, request.method.c_str());
+}
+
+// The transport talks to whatever answers at an address, often with any certificate
+// accepted, so it speaks only HTTP(S), goes nowhere else on the server's word (no redirects)
+// or the environment's (no proxy), and bounds time and the size of what it keeps.
+void ConfigureBounds(CURL* curl, const HttpRequest& request) {
+  SetOption(curl, CURLOPT_NOSIGNAL, 1L);
+  SetOption(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+  SetOption(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  SetOption(curl, CURLOPT_FOLLOWLOCATION, 0L);
+  SetOption(curl, CURLOPT_PROXY, "");
+  SetOption(curl, CURLOPT_TIMEOUT, static_cast<long>(std::max(1, request.timeoutSeconds)));
+  if (request.acceptAnyCertificate) {
+    SetOption(curl, CURLOPT_SSL_VERIFYPEER, 0L);
+    SetOption(curl, CURLOPT_SSL_VERIFYHOST, 0L);
+  }
 }
 
 HttpResult Perform(const HttpRequest& request) {
   const std::unique_ptr<CURL, EasyCleanup> handle(curl_easy_init());
-  if (!handle) return {std::nullopt, HttpError{CURLE_FAILED_INIT, "could not create a request"}};
+  if (!handle) return Failure(CURLE_FAILED_INIT, "could not create a request");
   CURL* curl = handle.get();
-  HttpResponse response;
+  Reception reception{request.maxResponseBody, request.discardResponseBody, 0, {}, std::nullopt};
   char errorText[CURL_ERROR_SIZE] = {};
   const SlistPtr headers = HeaderList(request.headers);
 
-  curl_easy_setopt(curl, CURLOPT_URL, request.url.c_str());
-  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorText);
-  curl_easy_setopt(curl, CURLOPT_TIMEOUT, static_cast<long>(request.timeoutSeconds));
-  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers.get());
-  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &AppendBody);
-  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &response.body);
-  curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, &AppendHeader);
-  curl_easy_setopt(curl, CURLOPT_HEADERDATA, &response.headers);
-  if (request.acceptAnyCertificate) {
-    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
-    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
-  }
+  SetOption(curl, CURLOPT_URL, request.url.c_str());
+  SetOption(curl, CURLOPT_ERRORBUFFER, errorText);
+  ConfigureBounds(curl, request);
+  SetOption(curl, CURLOPT_HTTPHEADER, headers.get());
+  SetOption(curl, CURLOPT_WRITEFUNCTION, &ReceiveBody);
+  SetOption(curl, CURLOPT_WRITEDATA, &reception);
+  SetOption(curl, CURLOPT_HEADERFUNCTION, &ReceiveHeader);
+  SetOption(curl, CURLOPT_HEADERDATA, &reception);
   ConfigureMethodAndBody(curl, request);
 
   const CURLcode code = curl_easy_perform(curl);
+  if (reception.exceeded) return {std::nullopt, std::move(reception.exceeded)};
   if (code != CURLE_OK) {
-    const std::string text = errorText[0] != '\0' ? errorText : curl_easy_strerror(code);
-    return {std::nullopt, HttpError{static_cast<long>(code), text}};
+    return Failure(code, errorText[0] != '\0' ? errorText : curl_easy_strerror(code));
   }
-  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &response.status);
-  return {std::move(response), std::nullopt};
+  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &reception.response.status);
+  return {std::move(reception.response), std::nullopt};
 }
 
 }  // namespace
@@ -113,8 +167,11 @@ HttpResult Perform(const HttpRequest& request) {
 HttpResult CurlHttpTransport::Send(const HttpRequest& request) {
   try {
     return Perform(request);
+  } catch (const OptionRefused& refused) {
+    return Failure(refused.code, std::string("could not configure the request: ") +
+                                     curl_easy_strerror(refused.code));
   } catch (const std::exception& failure) {
-    return {std::nullopt, HttpError{CURLE_OUT_OF_MEMORY, failure.what()}};
+    return Failure(CURLE_OUT_OF_MEMORY, failure.what());
   }
 }
 

@@ -496,4 +496,18 @@ PlistPtr ObjectAtIndex(const PlistPtr& array, std::size_t index) {
 
 std::size_t Count(const PlistPtr& container) { return container ? container->Count() : 0; }
 
+std::optional<std::string> TextOf(const PlistPtr& value) {
+  if (!value) {
+    return std::nullopt;
+  }
+  if (value->IsString()) {
+    return value->String();
+  }
+  if (value->IsInteger()) {
+    return value->IsUnsignedInteger() ? std::to_string(*value->AsUnsigned())
+                                      : std::to_string(*value->AsInteger());
+  }
+  return value->Description();
+}
+
 }  // namespace tarn

@@ -146,6 +146,9 @@ PlistPtr ValueForKey(const PlistPtr& dictionary, std::string_view key);
 PlistPtr ObjectAtIndex(const PlistPtr& array, std::size_t index);
 // Count of a container; 0 for absent.
 std::size_t Count(const PlistPtr& container);
+// The text a value prints as in a message: a text as it is, an integer in decimal (unsigned
+// ones without a sign), anything else in its Description; absent for absent.
+std::optional<std::string> TextOf(const PlistPtr& value);
 
 // Seconds between 1970-01-01 and 2001-01-01 (UTC).
 inline constexpr double kSecondsFrom1970To2001 = 978307200.0;

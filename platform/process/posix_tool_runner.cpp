@@ -11,9 +11,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <exception>
+#include <system_error>
 #include <utility>
 
 #include "platform/console_log.h"
+#include "platform/exception/platform_exception.h"
 #include "platform/file/file_util.h"
 #include "platform/text/utf8.h"
 
@@ -151,6 +153,10 @@ class OutputPipe {
   bool atEnd_ = false;
 };
 
+std::string ErrorText(int error) { return std::system_category().message(error); }
+
+// Launches the tool with its standard output on outputFd; raises PlatformException when it
+// cannot be launched.
 std::optional<pid_t> Spawn(const std::string& launchPath, const std::vector<std::string>& arguments,
                            int outputFd) {
   SpawnFileActions actions;
@@ -163,8 +169,10 @@ std::optional<pid_t> Spawn(const std::string& launchPath, const std::vector<std:
   for (auto& argument : argumentStorage) argv.push_back(argument.data());
   argv.push_back(nullptr);
   pid_t pid = 0;
-  if (posix_spawn(&pid, launchPath.c_str(), actions.get(), nullptr, argv.data(), environ) != 0) {
-    return std::nullopt;
+  const int error =
+      posix_spawn(&pid, launchPath.c_str(), actions.get(), nullptr, argv.data(), environ);
+  if (error != 0) {
+    RaiseLaunchFailure(launchPath, ErrorText(error));
   }
   return pid;
 }
@@ -239,6 +247,8 @@ std::optional<std::string> PosixToolRunner::Run(const std::string& launchPath,
                                                 WaitPolicy wait) {
   try {
     return RunCapturing(launchPath, arguments, wait, timing_);
+  } catch (const PlatformException&) {
+    throw;
   } catch (const std::exception& failure) {
     ConsoleLog("PosixToolRunner: running %s failed: %s", launchPath.c_str(), failure.what());
     return std::nullopt;

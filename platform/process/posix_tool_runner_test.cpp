@@ -1,3 +1,4 @@
+#include "platform/exception/platform_exception.h"
 #include "platform/process/posix_tool_runner.h"
 
 #include <gtest/gtest.h>
@@ -81,12 +82,20 @@ TEST(PosixToolRunnerTest, HangingToolIsTerminatedAfterTheLastStepAndKeepsItsOutp
   EXPECT_TRUE(NoChildLeft());
 }
 
-TEST(PosixToolRunnerTest, InvalidUtf8OrMissingExecutableGivesNothing) {
+TEST(PosixToolRunnerTest, InvalidUtf8GivesNothingAndAMissingExecutableRaises) {
   PosixToolRunner runner;
   EXPECT_EQ(RunScript(runner, "printf 'caf\\351'"), std::nullopt);
   EXPECT_EQ(RunScript(runner, "printf 'caf\\303\\251'"), "caf\xC3\xA9");
-  EXPECT_EQ(runner.Run("/nonexistent/tool", {}, WaitPolicy::kBounded), std::nullopt);
-  EXPECT_EQ(runner.Run("/etc/passwd", {}, WaitPolicy::kBounded), std::nullopt);  // not executable
+  // A tool that cannot be launched raises, with the cause in the reason.
+  try {
+    runner.Run("/nonexistent/tool", {}, WaitPolicy::kBounded);
+    ADD_FAILURE() << "a missing tool ran";
+  } catch (const PlatformException& failure) {
+    EXPECT_EQ(failure.name(), "NSInvalidArgumentException");
+    EXPECT_EQ(failure.reason(),
+              "launch path not accessible: /nonexistent/tool: No such file or directory");
+  }
+  EXPECT_THROW(runner.Run("/etc/passwd", {}, WaitPolicy::kBounded), PlatformException);
   EXPECT_FALSE(runner.RunToFile("/nonexistent/tool", {}, "/dev/null/x"));
   EXPECT_TRUE(NoChildLeft());
 }

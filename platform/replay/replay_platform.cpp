@@ -82,9 +82,10 @@ class ReplayToolRunner final : public ToolRunner {
   std::optional<std::string> Run(const std::string& launchPath,
                                  const std::vector<std::string>& arguments, WaitPolicy) override {
     const RecordedCommand* command = Find(launchPath, arguments);
-    if (command == nullptr) return std::nullopt;
+    if (command == nullptr) RaiseLaunchFailure(launchPath, "not recorded on this machine");
     auto output = ReadWholeFile(command->outputPath);
-    if (!output || !IsValidUtf8(*output)) return std::nullopt;
+    if (!output) RaiseLaunchFailure(launchPath, "recorded output missing");
+    if (!IsValidUtf8(*output)) return std::nullopt;
     return output;
   }
 

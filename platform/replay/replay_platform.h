@@ -16,7 +16,7 @@ namespace tarn {
 //               "vmStatistics" {"pageSize", "free", "active", "inactive", "wired"}}.
 // A tool run is answered with the recorded output of the entry whose launch path and
 // arguments match exactly; a command not recorded, or whose output file is missing, could
-// not be launched. A missing host fact reads as the live platform's failure (empty name, no
+// not be launched (Run raises as the live runner does, RunToFile fails). A missing host fact reads as the live platform's failure (empty name, no
 // addresses, no statistics). The process table and the own process stay live, so the
 // single-instance guard still guards this computer. HTTP goes out live.
 //

@@ -1,3 +1,4 @@
+#include "platform/exception/platform_exception.h"
 #include "platform/replay/replay_platform.h"
 
 #include <gtest/gtest.h>
@@ -49,12 +50,18 @@ TEST_F(ReplayPlatformTest, AnswersRecordedCommandsExactlyAndNothingElse) {
   EXPECT_EQ(item->ValueForKey("serial_number")->String(), "C02TEST0MD6T");
 
   // Different arguments, argument order or launch path: not recorded, so not launched.
-  EXPECT_EQ(tools.Run("/usr/bin/sw_vers", {"-productversion"}, WaitPolicy::kBounded), std::nullopt);
-  EXPECT_EQ(
+  EXPECT_THROW(tools.Run("/usr/bin/sw_vers", {"-productversion"}, WaitPolicy::kBounded),
+               PlatformException);
+  EXPECT_THROW(
       tools.Run("/usr/sbin/system_profiler", {"SPHardwareDataType", "-xml"}, WaitPolicy::kBounded),
-      std::nullopt);
-  EXPECT_EQ(tools.Run("/usr/bin/users", {}, WaitPolicy::kBounded), std::nullopt);
-  EXPECT_EQ(tools.Run("/bin/sh", {"-c", "echo live"}, WaitPolicy::kBounded), std::nullopt);
+      PlatformException);
+  EXPECT_THROW(tools.Run("/usr/bin/users", {}, WaitPolicy::kBounded), PlatformException);
+  try {
+    tools.Run("/bin/sh", {"-c", "echo live"}, WaitPolicy::kBounded);
+    ADD_FAILURE() << "an unrecorded command ran";
+  } catch (const PlatformException& failure) {
+    EXPECT_EQ(failure.reason(), "launch path not accessible: /bin/sh: not recorded on this machine");
+  }
 
   const std::string copy = PathOf("inv-hardware.plist");
   EXPECT_TRUE(tools.RunToFile("/usr/sbin/system_profiler", {"-xml", "SPHardwareDataType"}, copy));
@@ -107,8 +114,8 @@ TEST_F(ReplayPlatformTest, MissingFactsAndDamagedEntriesReadAsFailures) {
   const auto platform = MakeReplayPlatform(directory_.string());
   ASSERT_NE(platform, nullptr);
   ToolRunner& tools = platform->Tools();
-  EXPECT_EQ(tools.Run("/usr/bin/a", {}, WaitPolicy::kBounded), std::nullopt);
-  EXPECT_EQ(tools.Run("/usr/bin/b", {}, WaitPolicy::kBounded), std::nullopt);
+  EXPECT_THROW(tools.Run("/usr/bin/a", {}, WaitPolicy::kBounded), PlatformException);
+  EXPECT_THROW(tools.Run("/usr/bin/b", {}, WaitPolicy::kBounded), PlatformException);
   EXPECT_EQ(tools.Run("/usr/bin/c", {}, WaitPolicy::kBounded), std::nullopt);
   EXPECT_EQ(tools.Run("/usr/bin/d", {}, WaitPolicy::kBounded), "recorded despite failing\n");
   EXPECT_FALSE(tools.RunToFile("/usr/bin/d", {}, PathOf("d-copy.txt")));

@@ -23,8 +23,6 @@ namespace {
 
 using Text = std::optional<std::string>;
 
-Text TextOf(const PlistPtr& value) { return value ? value->AsString() : std::nullopt; }
-
 // One agent data folder. Run() starts a new scanner process: the state store is read back from
 // disk and the data store holds only the settings table's definition.
 class ScanSettingsTest : public ::testing::Test {

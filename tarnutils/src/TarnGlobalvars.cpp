@@ -27,21 +27,6 @@ AgentSettings& Settings() {
   return settings;
 }
 
-// The text of a setting as the agent reads it; absent for a missing key.
-OptText TextOf(const PlistPtr& value) {
-  if (!value) {
-    return std::nullopt;
-  }
-  if (value->IsString()) {
-    return value->String();
-  }
-  if (value->IsInteger()) {
-    return value->IsUnsignedInteger() ? std::to_string(*value->AsUnsigned())
-                                      : std::to_string(*value->AsInteger());
-  }
-  return value->Description();
-}
-
 // The integer reading of a setting: a number's value, or the leading decimal
 // digits of a text (after blanks and a sign); 0 for anything else.
 long long IntegerValueOf(const PlistPtr& value) {
@@ -367,7 +352,5 @@ DWORD InitializeResourceID() {
   }
   return 0;
 }
-
-DWORD GetResourceIDFromServer() { return 1; }
 
 }  // namespace tarn

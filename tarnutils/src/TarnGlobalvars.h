@@ -9,6 +9,7 @@
 #include <string>
 
 #include "tarnutils/src/TarnSystemutil_mac.h"
+#include "tarnutils/src/resourceidentity.h"
 
 namespace tarn {
 
@@ -108,10 +109,10 @@ DWORD InitializeServerDetails();
 // paths; asks the server for the resource id when it is empty. Always 0.
 DWORD InitializeLocalComputerDetails();
 
-// Resource identity (to be completed with the server exchange): reads
-// "RESOURCEID" from the resource store. 0 when the store exists.
+// Opens the resource store on tarnagentStorageFilePath (kept in
+// gv_resourceinfohandler) and copies its "RESOURCEID" into tarnAgentResourceID
+// when present. 0 when the store exists. UpdateResourceID and
+// GetResourceIDFromServer are in resourceidentity.h.
 DWORD InitializeResourceID();
-// Asks the server for this computer's resource id. Not available yet: always 1.
-DWORD GetResourceIDFromServer();
 
 }  // namespace tarn

@@ -33,4 +33,20 @@ std::optional<std::string> alterChars(const char* text) {
   return cleaned;
 }
 
+std::vector<std::string> SplitText(const std::string& text, const std::string& separator) {
+  if (separator.empty()) {
+    return {text};
+  }
+  std::vector<std::string> pieces;
+  std::string::size_type start = 0;
+  for (;;) {
+    const auto at = text.find(separator, start);
+    pieces.push_back(text.substr(start, at - start));
+    if (at == std::string::npos) {
+      return pieces;
+    }
+    start = at + separator.size();
+  }
+}
+
 }  // namespace tarn

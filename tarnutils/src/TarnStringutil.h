@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace tarn {
 
@@ -11,5 +12,10 @@ namespace tarn {
 // everything after it. The apostrophe and bytes of 128 and above are kept.
 // A null text gives nothing.
 std::optional<std::string> alterChars(const char* text);
+
+// The pieces of text between the occurrences of separator, empty pieces kept
+// ("a,,b" gives "a", "", "b"; "" gives one empty piece). An empty separator
+// gives the whole text.
+std::vector<std::string> SplitText(const std::string& text, const std::string& separator);
 
 }  // namespace tarn

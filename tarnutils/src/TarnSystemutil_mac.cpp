@@ -30,19 +30,6 @@ void RemoveAll(std::string& text, const std::string& piece) {
   }
 }
 
-std::vector<std::string> Split(const std::string& text, char separator) {
-  std::vector<std::string> pieces;
-  std::string::size_type start = 0;
-  for (;;) {
-    const auto at = text.find(separator, start);
-    pieces.push_back(text.substr(start, at - start));
-    if (at == std::string::npos) {
-      return pieces;
-    }
-    start = at + 1;
-  }
-}
-
 bool IsLoopback(const std::string& interfaceName) {
   // "lo0" on macOS, "lo" on Linux.
   return interfaceName == "lo0" || interfaceName == "lo";
@@ -211,7 +198,7 @@ std::optional<std::string> GetLoggedOnUsers() {
   ConsoleLog("Users names list: %s\n", output->c_str());
   std::string users;
   bool first = true;
-  for (std::string piece : Split(*output, ' ')) {
+  for (std::string piece : SplitText(*output, " ")) {
     RemoveAll(piece, "\n");
     ConsoleLog("Detected user name: %s", piece.c_str());
     const auto backslash = piece.find('\\');
@@ -265,8 +252,8 @@ std::string GetOS_SPName() {
 }
 
 bool IsVersionAtLeast(const std::string& running, const std::string& minimum) {
-  const auto have = Split(running, '.');
-  const auto need = Split(minimum, '.');
+  const auto have = SplitText(running, ".");
+  const auto need = SplitText(minimum, ".");
   for (std::size_t i = 0;; ++i) {
     if (i == need.size() || i >= have.size()) {
       return true;
@@ -278,8 +265,10 @@ bool IsVersionAtLeast(const std::string& running, const std::string& minimum) {
 }
 
 bool checkOSCompatibility(const std::string& minimum) {
+  // Without a version there are no running components: the walk ends at once
+  // with true, as for a running version shorter than the minimum.
   const auto running = GetOSVersion();
-  return IsVersionAtLeast(running.value_or(""), minimum);
+  return running ? IsVersionAtLeast(*running, minimum) : true;
 }
 
 bool CheckIfCurrentProcessAlreadyRunning() {

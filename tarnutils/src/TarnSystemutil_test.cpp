@@ -87,6 +87,26 @@ TEST(OsTexts, ComponentWiseMinimumVersion) {
   FakePlatform fake;
   fake.tools().Answer("/usr/bin/sw_vers", {"-productVersion"}, "10.14.6\n");
   EXPECT_TRUE(checkOSCompatibility("10.12"));
+  fake.tools().Answer("/usr/bin/sw_vers", {"-productVersion"}, "10.9.5\n");
+  EXPECT_FALSE(checkOSCompatibility("10.12"));
+  // No sw_vers at all: no running components, so the walk answers true at once.
+  fake.tools().Answer("/usr/bin/sw_vers", {"-productVersion"}, std::nullopt);
+  EXPECT_TRUE(checkOSCompatibility("10.12"));
+}
+
+TEST(ToolRunners, ALaunchFailureIsLoggedWithItsReasonAndGivesNothing) {
+  FakePlatform fake;
+  for (const bool bounded : {true, false}) {
+    ::testing::internal::CaptureStderr();
+    const auto output = bounded ? GetOutputForExecution("/usr/sbin/ioreg", {"-l"})
+                                : TarnUtil().GetOutputForExecution("/usr/sbin/ioreg", {"-l"});
+    const std::string console = ::testing::internal::GetCapturedStderr();
+    EXPECT_FALSE(output);
+    EXPECT_NE(console.find("Caught exception in GetOutputForExecution: launch path not "
+                           "accessible: /usr/sbin/ioreg: no answer set up by the test\n"),
+              std::string::npos)
+        << console;
+  }
 }
 
 TEST(SingleInstanceGuard, AnotherProcessOfTheSameName) {

@@ -1,0 +1,27 @@
+// The computer's resource id on the management server: kept in the settings object
+// (tarnAgentResourceID) and in the resource store, a property list at
+// tarnagentStorageFilePath under the key "RESOURCEID"; fetched from the server when unknown.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "tarnutils/src/TarnSystemutil_mac.h"
+
+namespace tarn {
+
+// 1 without doing anything for an absent id. Otherwise sets tarnAgentResourceID and
+// "RESOURCEID" in the resource store (when it is open) and writes the store to
+// tarnagentStorageFilePath; 0.
+DWORD UpdateResourceID(const std::optional<std::string>& resourceId);
+
+// Fetches "client-data/<customer id>/domains/<name space>/resources/<computer name>.xml" from
+// the management server (its identifying header required), loads it into the store table
+// "Agentparams" and takes "param_Value" of the first row with PARAM_NAME 'RESOURCE_ID' through
+// UpdateResourceID. 1 when the document cannot be had or loaded or the table is not there;
+// 0 on success, which includes a document without such a row or without a value (the id then
+// stays as it was). Callers read tarnAgentResourceID afterwards. Needs the data dictionary
+// defining the table.
+DWORD GetResourceIDFromServer();
+
+}  // namespace tarn

@@ -1,0 +1,140 @@
+#include "tarnutils/src/resourceidentity.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "framework/imds/store_testutil.h"
+#include "platform/plist/plist_io.h"
+#include "tarnutils/src/TarnGlobalvars.h"
+#include "tarnutils/src/testutil.h"
+
+namespace tarn {
+namespace {
+
+using testing::ScriptedHttp;
+
+const std::string kPath = "client-data/C1/domains/macosgroup/resources/office-mac.xml";
+
+std::string Document(const std::string& rows) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<TarnWMIData>" + rows + "</TarnWMIData>\n";
+}
+
+HttpResult Served(std::string body) {
+  return ScriptedHttp::Answer(200, {{"X-Tarn-Header", "1"}}, std::move(body));
+}
+
+class ResourceIdentityTest : public ::testing::Test {
+ protected:
+  ResourceIdentityTest() : folder_("resource-id"), storage_(folder_.str() + "//resource.plist") {}
+
+  void SetUp() override {
+    testing::ResetStore();
+    ASSERT_TRUE(LoadDataDictFromXMLFile(TARN_SOURCE_DIR "/data/data-dictionary-framework.xml"));
+    InitSettings();
+    TarnGlobvars& vars = gv_globvars();
+    vars.Set_tarnCustomerID("C1");
+    vars.Set_localNameSpace("macosgroup");
+    vars.Set_localComputerName("office-mac");
+    vars.Set_tarnProtocol("http");
+    vars.Set_tarnServerPort(8020);
+    vars.Set_tarnlastaccessName("10.0.0.1");
+    vars.Set_tarnServerName("srv");
+  }
+  void TearDown() override {
+    DeinitTarnGlobalvars();
+    testing::ResetStore();
+  }
+
+  // Fresh settings on the temporary resource store, opened as at start-up.
+  void InitSettings() {
+    InitTarnGlobalvars().Set_tarnagentStorageFilePath(storage_);
+    InitializeResourceID();
+  }
+  std::optional<std::string> StoredId() const {
+    return TextOf(ValueForKey(ReadPlistFile(storage_), "RESOURCEID"));
+  }
+  ScriptedHttp& http() { return fake_.http(); }
+
+  testing::TempDir folder_;
+  std::string storage_;
+  testing::ScriptedHttpPlatform fake_;
+};
+
+TEST_F(ResourceIdentityTest, FetchedWithValidationStoredAndReadBack) {
+  testing::LogCapture log;
+  const std::string rows =
+      R"(<Agentparams PARAM_TYPE="1" PARAM_NAME="OTHER" PARAM_VALUE="x"/>)"
+      R"(<Agentparams PARAM_TYPE="1" PARAM_NAME="RESOURCE_ID" PARAM_VALUE="4711"/>)";
+  http().Script(
+      {ScriptedHttp::Answer(200, {{"Server", "x"}}, Document(rows)),  // not the server's answer
+       Served(Document(rows) + std::string("\0<trailing", 10))});
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(GetResourceIDFromServer(), 0u);
+  EXPECT_NE(
+      ::testing::internal::GetCapturedStderr().find(
+          "DWORD GetResourceIDFromServer(NSString**) [Line 735] resource xml url: " + kPath + "\n"),
+      std::string::npos);
+  ASSERT_EQ(http().requests.size(), 2u);
+  EXPECT_EQ(http().requests[0].url, "http://10.0.0.1:8020/" + kPath);
+  EXPECT_EQ(http().requests[1].url, "http://srv:8020/" + kPath);
+  EXPECT_EQ(gv_globvars().tarnAgentResourceID(), "4711");
+  EXPECT_EQ(StoredId(), "4711");
+  EXPECT_TRUE(log.Contains(
+      "[INFO] GetResourceIDFromServer : The Resource ID from the server is given  by 4711 \n"))
+      << log.Text();
+
+  EXPECT_EQ(UpdateResourceID(std::nullopt), 1u);  // nothing changes
+  InitSettings();
+  EXPECT_EQ(gv_globvars().tarnAgentResourceID(), "4711");
+  EXPECT_EQ(UpdateResourceID("R-9"), 0u);
+  EXPECT_EQ(gv_globvars().tarnAgentResourceID(), "R-9");
+  EXPECT_EQ(StoredId(), "R-9");
+}
+
+TEST_F(ResourceIdentityTest, NoValueOrNoRowSucceedsWithoutAnId) {
+  testing::LogCapture log;
+  http().Script({Served(Document(R"(<Agentparams PARAM_NAME="RESOURCE_ID"/>)"))});
+  EXPECT_EQ(GetResourceIDFromServer(), 0u);
+  EXPECT_TRUE(log.Contains(
+      "[ERROR] GetResourceIDFromServer : Error while allocating the value of resourceid \n"));
+
+  UnLoadTable("Agentparams");
+  http().Script({Served(Document(R"(<Agentparams PARAM_NAME="OTHER" PARAM_VALUE="x"/>)"))});
+  EXPECT_EQ(GetResourceIDFromServer(), 0u);
+  EXPECT_FALSE(gv_globvars().tarnAgentResourceID());
+  EXPECT_FALSE(std::filesystem::exists(storage_));
+}
+
+TEST_F(ResourceIdentityTest, FailuresGiveOneWithTheirMessages) {
+  const std::string unable =
+      "[ERROR] GetResourceIDFromServer : Unable to get the reource id xml from " + kPath + "\n";
+  const struct {
+    std::vector<HttpResult> script;
+    std::string message;
+  } cases[] = {
+      {{}, unable},  // nothing answers
+      {{Served("")}, unable},
+      {{ScriptedHttp::Answer(404)}, unable},
+      {{Served("<TarnWMIData><Agentparams")},
+       "[ERROR] GetResourceIDFromServer : Error occured  while loading resource id buffer to the "
+       "memory : \n " +
+           kPath + " \n"},
+      {{Served(Document(""))},
+       "[ERROR] GetResourceIDFromServer :No rows found corresponding to the resource id in the "
+       "resource id xml .\n"},
+  };
+  for (const auto& c : cases) {
+    testing::LogCapture log;
+    UnLoadTable("Agentparams");
+    http().Script(c.script);
+    EXPECT_EQ(GetResourceIDFromServer(), 1u);
+    EXPECT_TRUE(log.Contains(c.message)) << log.Text();
+    EXPECT_FALSE(gv_globvars().tarnAgentResourceID());
+  }
+}
+
+}  // namespace
+}  // namespace tarn
