@@ -19,6 +19,7 @@
 #include "platform/text/utf8.h"
 #include "tarninventory/src/InvClassHandler.h"
 #include "tarninventory/src/accesslog.h"
+#include "tarninventory/src/invscanhandler.h"
 #include "tarninventory/src/inventoryupload.h"
 #include "tarninventory/src/scanrun.h"
 #include "tarninventory/src/scansettings.h"
@@ -230,8 +231,20 @@ int CollectInventoryData(const std::string& auditId) {
   }
   UnLoadTable("WMIFetchedValue");
   CreateTable("WMIFetchedValue");
-  // The collectors join this sequence, in their fixed order, as they are built.
-  RunCollectorSequence({});
+  ProplistXMLParser parser;
+  RunCollectorSequence({
+      {"Calling FetchInstalledSoftwareInfo method\n", [&] { parser.FetchInstalledSoftwareInfo(); }},
+      {"Calling FetchOSandProcessorInfo method\n", [&] { parser.FetchOSandProcessorInfo(); }},
+      {"Calling FetchVideoControllerInfo method\n", [&] { parser.FetchVideoControllerInfo(); }},
+      {"Calling FetchCDDriveInfo method\n", [&] { parser.FetchCDDriveInfo(); }},
+      // The line names an older operation; the disk collector is what runs.
+      {"Calling FetchDiskDriveInfo method\n", [&] { parser.FetchHDDDetails(); }},
+      {"Calling FetchComputerInfo method\n", [&] { parser.FetchComputerInfo(); }},
+      {"Calling FetchNetworkAdapterinfo method\n", [&] { parser.FetchNetworkAdapterinfo(); }},
+      {"Calling FetchSystemEnclosure method\n", [&] { parser.FetchSystemEnclosure(); }},
+      {"Calling FetchPrinterInfo method\n", [&] { parser.FetchPrinterInfo(); }},
+      {"Calling FetchPhysicalMemoryInfo method\n", [&] { parser.FetchPhysicalMemoryInfo(); }},
+  });
   return 0;
 }
 

@@ -1,0 +1,97 @@
+#include "tarninventory/src/invscanhandler.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+
+#include "platform/console_log.h"
+#include "platform/exception/platform_exception.h"
+#include "platform/plist/plist_io.h"
+#include "tarnutils/src/TarnStringutil.h"
+#include "tarnutils/src/TarnSystemutil_mac.h"
+
+namespace tarn {
+namespace {
+
+// The single-precision reading of a number, as the platform's floatValue gives it.
+float FloatValueOf(const PlistValue& number) {
+  if (number.IsReal()) return static_cast<float>(*number.AsReal());
+  if (number.IsInteger() && number.IsUnsignedInteger()) {
+    return static_cast<float>(*number.AsUnsigned());
+  }
+  if (number.IsString()) return std::strtof(number.String().c_str(), nullptr);
+  return static_cast<float>(number.AsInteger().value_or(0));
+}
+
+}  // namespace
+
+std::int64_t IntegerValueOf(const PlistPtr& value) {
+  if (!value) return 0;
+  if (value->IsBoolean()) return *value->AsBoolean() ? 1 : 0;
+  if (value->IsString()) return std::strtoll(value->String().c_str(), nullptr, 10);
+  return value->AsInteger().value_or(0);
+}
+
+std::string CurrentDirectory() {
+  std::error_code error;
+  const std::filesystem::path current = std::filesystem::current_path(error);
+  return error ? std::string() : current.string();
+}
+
+std::string adjustBytes(const PlistPtr& number) {
+  if (IntegerValueOf(number) == 0) {
+    return kZero;
+  }
+  // Decimal units to binary units, in single precision on purpose: large counts are first
+  // rounded to 24 significant bits, as the inventory has always reported them.
+  float converted = FloatValueOf(*number) / 1000000000.0f;
+  converted = converted * 1073741824.0f;
+  return std::to_string(static_cast<std::int64_t>(converted));
+}
+
+std::string TextAfterColon(const std::string& output) {
+  const std::vector<std::string> pieces = SplitText(output, ": ");
+  if (pieces.size() < 2) {
+    throw PlatformException(kRangeException,
+                            "index 1 beyond bounds [0 .. 0] of the pieces of \"" + output + "\"");
+  }
+  return pieces[1];
+}
+
+ProplistXMLParser::ProplistXMLParser() : bufferDict(PlistValue::MakeDictionary()) {}
+
+std::optional<std::string> ProplistXMLParser::GetOutputForExecution(
+    const std::string& launchPath, const std::vector<std::string>& arguments) {
+  return tarn::GetOutputForExecution(launchPath, arguments);
+}
+
+PlistPtr ProplistXMLParser::GetItemsArrayfromPropertylist(
+    const std::vector<std::string>& arguments) {
+  const std::optional<std::string> output = GetOutputForExecution(kSystemProfiler, arguments);
+  if (!output) {
+    return nullptr;
+  }
+  return ValueForKey(ObjectAtIndex(ParsePlist(*output), 0), "_items");
+}
+
+PlistPtr ProplistXMLParser::GetArrayObjectFromPlist(const std::string& path) {
+  const PlistPtr report = ReadPlistFile(path);
+  if (!report) {
+    ConsoleLog("Error: %s\n",
+               ("The file \"" + path +
+                "\" couldn't be read because it isn't in the correct format.")
+                   .c_str());
+    return nullptr;
+  }
+  return ValueForKey(ObjectAtIndex(report, 0), "_items");
+}
+
+std::optional<std::string> ProplistXMLParser::BufferText(const char* key) const {
+  return TextOf(bufferDict->ValueForKey(key));
+}
+
+void ProplistXMLParser::SetBufferText(const char* key, const std::optional<std::string>& value) {
+  bufferDict->SetValueForKey(key, value ? PlistValue::MakeString(*value) : nullptr);
+}
+
+}  // namespace tarn

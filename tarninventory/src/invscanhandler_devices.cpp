@@ -1,0 +1,287 @@
+// Network adapters, printers, the optical drive and the video controller.
+#include <cstdlib>
+
+#include "platform/console_log.h"
+#include "platform/exception/platform_exception.h"
+#include "platform/plist/plist_io.h"
+#include "platform/text/utf8.h"
+#include "tarninventory/src/invscanhandler.h"
+#include "tarninventory/src/tarninventoryutil.h"
+#include "tarnutils/src/TarnDiagnostics.h"
+#include "tarnutils/src/TarnStringutil.h"
+
+namespace tarn {
+namespace {
+
+constexpr std::int32_t kVideoClass = 7;
+constexpr std::int32_t kOpticalClass = 12;
+constexpr std::int32_t kNetworkClass = 22;
+constexpr std::int32_t kPrinterClass = 25;
+
+constexpr const char* kNetworkSignature = "-[ProplistXMLParser FetchNetworkAdapterinfo]";
+constexpr const char* kPrinterSignature = "-[ProplistXMLParser FetchPrinterInfo]";
+constexpr const char* kCDSignature = "-[ProplistXMLParser FetchCDDriveInfo]";
+constexpr const char* kVideoSignature = "-[ProplistXMLParser FetchVideoControllerInfo]";
+
+using OptText = std::optional<std::string>;
+
+void Record(std::int32_t propertyId, std::int32_t classId, std::int32_t instance,
+            const OptText& value) {
+  AddRowWMIFetchValueTable(propertyId, classId, instance, 0, value);
+}
+
+void RecordFillers(std::int32_t classId, std::int32_t instance,
+                   std::initializer_list<std::int32_t> propertyIds) {
+  for (const std::int32_t propertyId : propertyIds) Record(propertyId, classId, instance, kFiller);
+}
+
+OptText Text(const PlistPtr& dictionary, std::string_view key) {
+  return TextOf(ValueForKey(dictionary, key));
+}
+
+// The addresses joined with ",": a comma goes before an address only when the text built
+// so far is longer than one character.
+std::string JoinAddresses(const PlistPtr& addresses) {
+  std::string joined;
+  for (std::size_t i = 0; i < Count(addresses); ++i) {
+    if (joined.size() > 1) joined += ",";
+    joined += TextOf(ObjectAtIndex(addresses, i)).value_or("");
+  }
+  return joined;
+}
+
+int HexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// The text with its percent-escapes decoded; absent when an escape is malformed or the
+// decoded bytes are not UTF-8.
+OptText RemovingPercentEncoding(const std::string& text) {
+  std::string decoded;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '%') {
+      decoded += text[i];
+      continue;
+    }
+    if (i + 2 >= text.size()) return std::nullopt;
+    const int high = HexDigit(text[i + 1]);
+    const int low = HexDigit(text[i + 2]);
+    if (high < 0 || low < 0) return std::nullopt;
+    decoded += static_cast<char>(high * 16 + low);
+    i += 2;
+  }
+  if (!IsValidUtf8(decoded)) return std::nullopt;
+  return decoded;
+}
+
+}  // namespace
+
+// ---- Network adapters.
+
+void ProplistXMLParser::FetchNetworkAdapterinfo() {
+  try {
+    RecordNetworkAdapters(GetItemsArrayfromPropertylist({"-xml", "SPNetworkDataType"}));
+  } catch (const PlatformException& failure) {
+    ConsoleWhere(kNetworkSignature, __LINE__, "Caught exception ----:%s",
+                 failure.description().c_str());
+  }
+}
+
+void ProplistXMLParser::RecordNetworkAdapters(const PlistPtr& items) {
+  std::int32_t instance = 1;
+  for (std::size_t i = 0; i < Count(items); ++i) {
+    const PlistPtr service = ObjectAtIndex(items, i);
+    const PlistPtr ipv4 = ValueForKey(service, "IPv4");
+    const PlistPtr addresses = ValueForKey(ipv4, "Addresses");
+    if (Count(addresses) == 0) continue;
+    ConsoleWhere(kNetworkSignature, __LINE__, "Fetch ethernet card information\n");
+
+    const OptText name = Text(service, "_name");
+    ConsoleWhere(kNetworkSignature, __LINE__, "Network adaptor name: %s\n", Describe(name));
+    Record(2201, kNetworkClass, instance, name);
+    const OptText mac = Text(ValueForKey(service, "Ethernet"), "MAC Address");
+    ConsoleWhere(kNetworkSignature, __LINE__, "Network adaptor MAC Addr: %s\n", Describe(mac));
+    Record(2202, kNetworkClass, instance, mac);
+
+    const OptText domain = Text(ValueForKey(service, "DNS"), "DomainName");
+    if (domain) {
+      ConsoleWhere(kNetworkSignature, __LINE__, "DNS domain name: %s\n", domain->c_str());
+    } else {
+      ConsoleWhere(kNetworkSignature, __LINE__, "DNS domain name is not found\n");
+    }
+    Record(2203, kNetworkClass, instance, domain ? *domain : kFiller);
+
+    // The tool's line end stays on the host name; recording ends the value there.
+    const OptText hostOutput = GetOutputForExecution(kSysctl, {"kern.hostname"});
+    const OptText hostName = hostOutput ? OptText(TextAfterColon(*hostOutput)) : std::nullopt;
+    ConsoleWhere(kNetworkSignature, __LINE__, "DNS host name: %s\n", Describe(hostName));
+    Record(2204, kNetworkClass, instance, hostName);
+
+    const std::string joined = JoinAddresses(addresses);
+    ConsoleWhere(kNetworkSignature, __LINE__, "Network adaptor ip Addr: %s\n", joined.c_str());
+    Record(2209, kNetworkClass, instance, joined);
+
+    const OptText method = Text(ipv4, "ConfigMethod");
+    ConsoleWhere(kNetworkSignature, __LINE__, "IP addr config method: %s\n", Describe(method));
+    const bool dhcp = method == "DHCP";
+    Record(2205, kNetworkClass, instance, dhcp ? "TRUE" : "FALSE");
+
+    const OptText router = Text(ipv4, "Router");
+    if (router) {
+      ConsoleWhere(kNetworkSignature, __LINE__, "default gate way: %s\n", router->c_str());
+    } else {
+      ConsoleWhere(kNetworkSignature, __LINE__, "default gate way is found\n");
+    }
+    Record(2210, kNetworkClass, instance, router ? *router : kFiller);
+
+    const PlistPtr masks = ValueForKey(ipv4, "SubnetMasks");
+    const OptText mask = Count(masks) > 0 ? TextOf(ObjectAtIndex(masks, 0)) : OptText(kFiller);
+    ConsoleWhere(kNetworkSignature, __LINE__, "subnet mask: %s\n", Describe(mask));
+    Record(2212, kNetworkClass, instance, mask);
+
+    if (dhcp) {
+      const OptText server = Text(ValueForKey(service, "dhcp"), "dhcp_server_identifier");
+      ConsoleWhere(kNetworkSignature, __LINE__, "DHCP Server: %s\n", Describe(server));
+      Record(2208, kNetworkClass, instance, server);
+    } else {
+      ConsoleWhere(kNetworkSignature, __LINE__, "DHCP Server: -\n");
+      Record(2208, kNetworkClass, instance, kFiller);
+    }
+    RecordFillers(kNetworkClass, instance, {2206, 2207, 2211, 2213, 2214, 2215, 2216, 2217, 2218});
+    ++instance;
+  }
+}
+
+// ---- Printers.
+
+void ProplistXMLParser::FetchPrinterInfo() {
+  try {
+    RecordPrinters(GetItemsArrayfromPropertylist({"-xml", "SPPrintersDataType"}));
+  } catch (const PlatformException& failure) {
+    ConsoleWhere(kPrinterSignature, __LINE__, "Caught exception***************:%s",
+                 failure.description().c_str());
+  }
+}
+
+void ProplistXMLParser::RecordPrinters(const PlistPtr& items) {
+  std::int32_t instance = 1;
+  for (std::size_t i = 0; i < Count(items); ++i) {
+    const PlistPtr printer = ObjectAtIndex(items, i);
+    if (Count(printer) < 3) continue;  // placeholders such as "no printers" have fewer keys
+    const OptText name = Text(printer, "_name");
+    ConsoleWhere(kPrinterSignature, __LINE__, "Printer name: %s\n", Describe(name));
+    Record(2501, kPrinterClass, instance, name);
+    const OptText status = Text(printer, "status");
+    ConsoleWhere(kPrinterSignature, __LINE__, "Printer status: %s\n", Describe(status));
+    Record(2511, kPrinterClass, instance, status);
+    const OptText uri = Text(printer, "uri");
+    Record(2510, kPrinterClass, instance, uri ? RemovingPercentEncoding(*uri) : OptText(kFiller));
+    RecordFillers(kPrinterClass, instance,
+                  {2502, 2503, 2504, 2505, 2506, 2507, 2508, 2509, 2512, 2513, 2514, 2515, 2516});
+    ++instance;
+  }
+}
+
+// ---- Optical drive.
+
+void ProplistXMLParser::FetchCDDriveInfo() {
+  try {
+    const OptText output = GetOutputForExecution(kSystemProfiler, {"-xml", "SPDiscBurningDataType"});
+    if (!output) {
+      ConsoleLog("Command execution output for cddevice information: %s\n", "(null)");
+      return;
+    }
+    RecordCDDrive(ParsePlist(*output));
+  } catch (const PlatformException& failure) {
+    ConsoleWhere(kCDSignature, __LINE__, "Caught exception ----:%s", failure.description().c_str());
+  }
+}
+
+void ProplistXMLParser::RecordCDDrive(const PlistPtr& report) {
+  if (Count(report) == 0) {
+    ConsoleWhere(kCDSignature, __LINE__, "CD/DVD information is not available\n");
+    return;
+  }
+  const PlistPtr items = ValueForKey(ObjectAtIndex(report, 0), "_items");
+  if (Count(items) == 0) {
+    ConsoleWhere(kCDSignature, __LINE__, "CD or DVD information is not available\n");
+    return;
+  }
+  const OptText name = Text(ObjectAtIndex(items, 0), "_name");
+  ConsoleLog("CD Device name: %s\n", Describe(name));
+  Record(1201, kOpticalClass, 1, name);
+  RecordFillers(kOpticalClass, 1, {1202, 1203, 1204, 1205, 1206});
+}
+
+// ---- Video controller.
+
+void ProplistXMLParser::FetchVideoControllerInfo() {
+  try {
+    const OptText output = GetOutputForExecution(kSystemProfiler, {"-xml", "SPDisplaysDataType"});
+    if (!output) {
+      ConsoleLog("Command execution output for videocontrollerinfo: %s\n", "(null)");
+      return;
+    }
+    RecordVideoController(ValueForKey(ObjectAtIndex(ParsePlist(*output), 0), "_items"));
+  } catch (const PlatformException& failure) {
+    ConsoleWhere(kVideoSignature, __LINE__, "Caught exception ----:%s",
+                 failure.description().c_str());
+  }
+}
+
+void ProplistXMLParser::RecordVideoController(const PlistPtr& items) {
+  const PlistPtr card = ObjectAtIndex(items, 0);
+  const OptText model = Text(card, "sppci_model");
+  ConsoleLog("Video card model name: %s\n", Describe(model));
+  Record(701, kVideoClass, 1, model);
+
+  // "1024 MB" in bytes, kept in 32 bits: 4096 MB wraps to 0.
+  const OptText vram = Text(card, "spdisplays_vram");
+  std::optional<std::vector<std::string>> vramPieces;
+  if (vram) {
+    vramPieces = SplitText(*vram, " ");
+    if (vramPieces->size() < 2) {
+      throw PlatformException(kRangeException, "index 1 beyond bounds [0 .. 0] of \"" + *vram + "\"");
+    }
+  }
+  if (vramPieces && (*vramPieces)[1] == "MB") {
+    const auto megabytes = static_cast<std::uint32_t>(std::atoi((*vramPieces)[0].c_str()));
+    const std::string bytes = std::to_string(static_cast<std::uint32_t>(megabytes << 20));
+    ConsoleLog("Video card RAM size: %s\n", bytes.c_str());
+    Record(703, kVideoClass, 1, bytes);
+  } else {
+    ConsoleLog("Video card RAM size: -\n");
+    Record(703, kVideoClass, 1, kFiller);
+  }
+
+  // The second card drives the screens when the first has none.
+  PlistPtr displays = ValueForKey(card, "spdisplays_ndrvs");
+  if (Count(displays) == 0 && Count(items) >= 2) {
+    displays = ValueForKey(ObjectAtIndex(items, 1), "spdisplays_ndrvs");
+  }
+  OptText horizontal = kZero;
+  OptText vertical = kZero;
+  if (displays) {
+    const OptText resolution = Text(ObjectAtIndex(displays, 0), "spdisplays_resolution");
+    const std::vector<std::string> pieces =
+        resolution ? SplitText(*resolution, " x ") : std::vector<std::string>{};
+    if (pieces.size() == 2) {
+      horizontal = pieces[0];
+      vertical = SplitText(pieces[1], " ")[0];
+      ConsoleLog("Video card hz resolution: %s\n", horizontal->c_str());
+      ConsoleLog("Video card vt resolution: %s\n", vertical->c_str());
+    } else {
+      StderrWhere(kVideoSignature, __LINE__, "Cound n't video card resolution information \n");
+    }
+  } else {
+    StderrWhere(kVideoSignature, __LINE__, "Cound n't video card resolution information1 \n");
+  }
+  Record(704, kVideoClass, 1, horizontal);
+  Record(705, kVideoClass, 1, vertical);
+  RecordFillers(kVideoClass, 1, {702, 706, 707, 708, 709, 710});
+}
+
+}  // namespace tarn

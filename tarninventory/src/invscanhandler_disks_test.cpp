@@ -1,0 +1,317 @@
+#include <filesystem>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "platform/plist/plist_io.h"
+#include "tarninventory/src/collector_testutil.h"
+
+namespace tarn::testing {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string S(const std::string& key, const std::string& value) {
+  return "<key>" + key + "</key><string>" + value + "</string>";
+}
+std::string I(const std::string& key, long long value) {
+  return "<key>" + key + "</key><integer>" + std::to_string(value) + "</integer>";
+}
+std::string Dict(const std::string& body) { return "<dict>" + body + "</dict>"; }
+std::string Items(const std::string& items) {
+  return "<key>_items</key><array>" + items + "</array>";
+}
+const std::string kVolumes = "<key>volumes</key><array><dict/></array>";
+const std::string kEmptyRoot = "<plist version=\"1.0\"><array/></plist>";
+
+// A Serial-ATA device; an empty medium leaves "spsata_medium_type" out.
+std::string Sata(const std::string& bsd, const std::string& medium, long long size,
+                 bool volumes = true) {
+  return Dict(S("_name", "Name-" + bsd) + S("bsd_name", bsd) + S("device_model", "Model-" + bsd) +
+              S("device_serial", "S-" + bsd) + I("size_in_bytes", size) +
+              (medium.empty() ? "" : S("spsata_medium_type", medium)) + (volumes ? kVolumes : ""));
+}
+
+std::string DictPlist(const std::string& body) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\">" + Dict(body) +
+         "</plist>";
+}
+
+// One instance's values joined by "|" in its own key order.
+std::string Values(const PlistPtr& instance) {
+  if (!instance) return "left out";
+  std::string text;
+  for (const auto& [property, value] : instance->Entries()) {
+    text += (text.empty() ? "" : "|") + value->String();
+  }
+  return text;
+}
+
+// Each instance as "key:values;".
+std::string Render(const PlistPtr& instances) {
+  if (!instances) return "nothing";
+  std::string text;
+  for (const auto& [key, instance] : instances->Entries())
+    text += key + ":" + Values(instance) + ";";
+  return text;
+}
+
+// Each disk as "key=description/capacity;".
+std::string Summary(const PlistPtr& disks) {
+  if (!disks) return "nothing";
+  std::string text;
+  for (const auto& [key, disk] : disks->Entries()) {
+    text += key + "=" + disk->ValueForKey("1303")->String() + "/" +
+            disk->ValueForKey("1306")->String() + ";";
+  }
+  return text;
+}
+
+bool Contains(const std::string& text, const std::string& piece) {
+  return text.find(piece) != std::string::npos;
+}
+
+class DiskCollectorTest : public CollectorTest {
+ protected:
+  void AnswerProfiler(const char* dataType, const std::string& output) {
+    platform_.tools().Answer(kSystemProfiler, {"-xml", dataType}, output);
+  }
+  void AnswerDiskutil(const std::vector<std::string>& arguments, const std::string& body) {
+    platform_.tools().Answer(kDiskutil, arguments, DictPlist(body));
+  }
+  void AnswerVolumeList(const std::string& names) {
+    AnswerDiskutil({"list", "-plist"}, "<key>VolumesFromDisks</key><array>" + names + "</array>");
+  }
+  // The recorded rows of the class for the given properties, "property|instance|value;".
+  static std::string Picked(std::int32_t classId, std::initializer_list<std::string> properties) {
+    const std::string rows = RowsOfClass(classId);
+    std::string picked;
+    for (std::size_t at = 0, end; (end = rows.find(';', at)) != std::string::npos; at = end + 1) {
+      const std::string row = rows.substr(at, end - at + 1);
+      for (const std::string& property : properties) {
+        if (row.rfind(property + "|", 0) == 0) picked += row;
+      }
+    }
+    return picked;
+  }
+};
+
+TEST_F(DiskCollectorTest, DiskDrivesClassifyTheMachineAndRecordOneDiskPerController) {
+  const auto sata = [](const std::string& controllers) {
+    return Report("SPSerialATADataType", controllers);
+  };
+  const auto sas = [](const std::string& controllers) {
+    return Report("SPSASDataType", Dict(Items(controllers)));
+  };
+  const std::string gaveUp =
+      "Could n't get HDD info even from SPSASDataType, hence return from function";
+  const struct {
+    bool serialAta;
+    std::string report;
+    std::string expected;
+    std::string logged;
+  } cases[] = {
+      // Fusion: the solid-state size is added before the conversion, also across controllers.
+      {true,
+       sata(Dict(Items(Sata("disk0", "Solid State", 121332826112) +
+                       Sata("disk1", "rotational", 500107862016)))),
+       "disk1=Fusion Drive/667266842624;", "solidStateSize: 121332826112\n"},
+      {true,
+       sata(Dict(Items(Sata("disk0", "Solid State", 121332826112))) +
+            Dict(Items(Sata("disk1", "Rotational", 500107862016)))),
+       "disk1=Fusion Drive/667266842624;", "FetchDiskDrives : size in bytes: 621440688128\n"},
+      // Only the first recorded disk is an SSD; one disk per controller.
+      {true,
+       sata(Dict(Items(Sata("disk0", "Solid State", 121332826112))) +
+            Dict(Items(Sata("disk1", "SOLID STATE", 500107862016)))),
+       "disk0=SSD/130280128512;disk1=Disk drive/536986746880;", ""},
+      {true,
+       sata(Dict(Items(Sata("disk0", "Rotational", 1000000000) + Sata("disk1", "Rotational", 5)))),
+       "disk0=Disk drive/1073741824;", ""},
+      // No medium type sets both flags, and such a disk is no fusion half.
+      {true, sata(Dict(Items(Sata("disk0", "", 121332826112)))), "disk0=SSD/130280128512;", ""},
+      // Devices without volumes and controllers without devices are passed.
+      {true,
+       sata(Dict(S("_name", "empty")) +
+            Dict(Items(Sata("disk0", "Solid State", 7, false) + Sata("disk1", "Rotational", 0)))),
+       "disk1=Disk drive/0;", ""},
+      // A recorded disk without bsd_name empties the builder.
+      {true,
+       sata(Dict(Items(Sata("disk0", "Rotational", 1))) +
+            Dict(Items(Dict(S("device_model", "M") + S("device_serial", "S") + kVolumes)))),
+       "nothing", "-[ProplistXMLParser FetchDiskDrives:] [Line "},
+      {true, sata(""), "nothing", ""},
+      // The SAS report: controllers one level deeper.
+      {false, sas(Dict(Items(Sata("disk3", "Rotational", 1000000000)))),
+       "disk3=Disk drive/1073741824;",
+       "] Could n't get HDD info from SPSerialATADataType, trying with SPSASDataType\n"},
+      {false, Report("SPSASDataType", Dict(S("_name", "no controllers"))), "nothing",
+       gaveUp + "\n"},
+      {false, Report("SPSASDataType", ""), "nothing", gaveUp + "----\n"},
+      {false, kEmptyRoot, "nothing", "] FetchDiskDrives : Caught exception: "},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.report);
+    AnswerProfiler(c.serialAta ? "SPSerialATADataType" : "SPSASDataType", c.report);
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(Summary(parser_.FetchDiskDrives(c.serialAta)), c.expected);
+    EXPECT_TRUE(Contains(::testing::internal::GetCapturedStderr(), c.logged));
+  }
+
+  // The whole instance, and what the walk logs.
+  LogCapture log(3);
+  const PlistPtr report = ParsePlist(
+      sata(Dict(S("_name", "empty")) + Dict(Items(Sata("disk2", "Rotational", 9, false) +
+                                                  Sata("disk0", "Solid State", 121332826112) +
+                                                  Sata("disk1", "Rotational", 500107862016)))));
+  EXPECT_EQ(
+      Render(parser_.DiskDrivesFromControllers(ValueForKey(ObjectAtIndex(report, 0), "_items"))),
+      "disk1:Model-disk1|-|Fusion Drive|-|disk1|667266842624|-|-|-|Name-disk1|S-disk1;");
+  EXPECT_TRUE(log.Contains("[ERROR] FetchDiskDrives: no arrays found \n"));
+  EXPECT_TRUE(log.Contains("[ERROR] FetchDiskDrives: this device Name-disk2 is not hdd \n"));
+  EXPECT_TRUE(log.Contains("[INFO] getDiskType:devicename : Name-disk0 is ssd\n"));
+  EXPECT_TRUE(
+      log.Contains("[INFO] getDiskType:devicename : Name-disk1 is rotational disk drive\n"));
+  EXPECT_FALSE(log.Contains("Name-disk2 is rotational"));
+}
+
+TEST_F(DiskCollectorTest, RemovableMediaSitUnderUsbDevices) {
+  LogCapture log(3);
+  const PlistPtr report = ParsePlist(Report(
+      "SPUSBDataType",
+      Dict(Items(
+          Dict(Items(Dict(S("_name", "Stick") + S("bsd_name", "disk4") + S("manufacturer", "Acme") +
+                          S("f_manufacturer", "Other") + S("b_vendor_id", "0x1") +
+                          S("removable_media", "yes") + I("size_in_bytes", 4000000000) +
+                          S("d_serial_num", "SN") + kVolumes) +
+                     Dict(S("bsd_name", "disk5") + S("f_manufacturer", "Fallback") + kVolumes) +
+                     Dict(S("bsd_name", "disk6") + S("removable_media", "Yes") + kVolumes) +
+                     Dict(S("bsd_name", "disk7")) + Dict(S("_name", "no bsd") + kVolumes))))) +
+          Dict(S("_name", "bus without devices"))));
+  EXPECT_EQ(Render(parser_.RemovableDisksFromReport(report)),
+            "disk4:Stick|Acme|removable - Stick 0x1|-|disk4|4294967296|-|-|-|Stick|SN;"
+            "disk5:-|Fallback|- -|-|disk5|0|-|-|-|-|-;"
+            "disk6:-|-|- -|-|disk6|0|-|-|-|-|-;");
+  EXPECT_TRUE(log.Contains("[ERROR] FetchDiskDriveInfo: this is not hdd \n"));
+  EXPECT_TRUE(log.Contains("[ERROR] FetchDiskDriveInfo: no arrays found \n"));
+
+  // No output, or an empty list: empty. A root that is no list: nothing.
+  EXPECT_EQ(Render(parser_.FetchRemovableDiskDrives()), "");
+  AnswerProfiler("SPUSBDataType", kEmptyRoot);
+  EXPECT_EQ(Render(parser_.FetchRemovableDiskDrives()), "");
+  AnswerProfiler("SPUSBDataType", DictPlist(S("a", "b")));
+  EXPECT_EQ(Render(parser_.FetchRemovableDiskDrives()), "nothing");
+}
+
+TEST_F(DiskCollectorTest, VolumesAreFixedOrRemovable) {
+  const PlistPtr internal = PlistValue::MakeDictionary();
+  internal->SetValueForKey("disk1", PlistValue::MakeDictionary());
+  internal->SetValueForKey("disk0", PlistValue::MakeDictionary());
+  const PlistPtr removable = PlistValue::MakeDictionary();
+  removable->SetValueForKey("disk4", PlistValue::MakeDictionary());
+  const std::string mounted = S("MountPoint", "/");
+  const std::string ejectable = "<key>Ejectable</key><true/>";
+  const struct {
+    std::string info;
+    PlistPtr internal;
+    std::string expected;
+  } cases[] = {
+      {mounted + S("VolumeName", "HD") + S("FilesystemName", "APFS") + I("TotalSize", 1000000000) +
+           I("FreeSpace", 4000000000) + S("VolumeUUID", "U") + S("DeviceIdentifier", "disk1s1"),
+       internal, "/|Local Fixed Disk : HD|3|12|APFS|1073741824|4294967296|U|-|disk1s1|disk1"},
+      {mounted + I("TotalSize", 0) + "<key>Ejectable</key><false/>", nullptr,
+       "/|Local Fixed Disk|3|12|-|0|-|-|-|-|-"},
+      {mounted + ejectable + S("ParentWholeDisk", "disk4") + S("VolumeName", "Stick"), internal,
+       "/|Removable Disk : Stick|2|11|-|-|-|-|-|-|disk4"},
+      {mounted + I("Ejectable", 1) + S("ParentWholeDisk", "disk0"), internal, "left out"},
+      {mounted + ejectable, internal, "left out"},
+  };
+  LogCapture log(3);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.info);
+    EXPECT_EQ(
+        Values(parser_.VolumeInstance("v", ParsePlist(DictPlist(c.info)), c.internal, removable)),
+        c.expected);
+  }
+  EXPECT_TRUE(log.Contains("[ERROR] This volume v is not a hdd\n"));
+  EXPECT_THROW(parser_.VolumeInstance("v", ParsePlist(DictPlist("")), internal, removable),
+               PlatformException);
+}
+
+TEST_F(DiskCollectorTest, HddDetailsRecordsDisksThenVolumes) {
+  // Serial-ATA raises (no element 0): the builder ends, the SAS report takes over.
+  AnswerProfiler("SPSerialATADataType", kEmptyRoot);
+  AnswerProfiler("SPSASDataType",
+                 Report("SPSASDataType", Dict(Items(Dict(Items(Sata("disk1", "Rotational", 1)))))));
+  AnswerProfiler(
+      "SPUSBDataType",
+      Report(
+          "SPUSBDataType",
+          Dict(Items(Dict(Items(Dict(S("_name", "Stick") + S("bsd_name", "disk4") + kVolumes)))))));
+  AnswerVolumeList("<string>HD</string><string>Stick</string><string>Other</string>");
+  AnswerDiskutil({"info", "-plist", "HD"}, S("MountPoint", "/") + S("VolumeName", "HD"));
+  AnswerDiskutil({"info", "-plist", "Stick"}, S("MountPoint", "/Volumes/Stick") +
+                                                  "<key>Ejectable</key><true/>" +
+                                                  S("ParentWholeDisk", "disk4"));
+  AnswerDiskutil(
+      {"info", "-plist", "Other"},
+      S("MountPoint", "/Volumes/Other") + I("Ejectable", 1) + S("ParentWholeDisk", "disk9"));
+  LogCapture log(3);
+  ::testing::internal::CaptureStderr();
+  parser_.FetchHDDDetails();
+  const std::string console = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(Picked(13, {"1303", "1305"}),
+            "1303|1|Disk drive;1305|1|disk1;1303|2|Stick -;1305|2|disk4;");
+  EXPECT_EQ(Picked(4, {"401", "402", "411"}),
+            "401|1|/;402|1|Local Fixed Disk : HD;411|1|disk1;"
+            "401|2|/Volumes/Stick;402|2|Removable Disk;411|2|disk4;");
+  EXPECT_TRUE(Contains(console, "] FetchDiskDrives : Caught exception: "));
+  EXPECT_TRUE(Contains(console, "-[ProplistXMLParser FetchMountedVolumes:removableDisks:] [Line "));
+  EXPECT_TRUE(log.Contains("[ERROR] This volume Other is not a hdd\n"));
+
+  // A Serial-ATA report without a recordable disk gives an empty internal dictionary (no SAS
+  // fallback): the fixed volume has no parent, though the removable disk is merged in later.
+  AnswerProfiler("SPSerialATADataType",
+                 Report("SPSerialATADataType", Dict(Items(Sata("disk0", "Rotational", 1, false)))));
+  parser_.FetchHDDDetails();
+  EXPECT_EQ(Picked(13, {"1305"}), "1305|1|disk1;1305|2|disk4;1305|1|disk4;");
+  EXPECT_EQ(Picked(4, {"411"}), "411|1|disk1;411|2|disk4;411|1|-;411|2|disk4;");
+}
+
+TEST_F(DiskCollectorTest, VolumeFilesStayInAPrivateFolderNamedByPosition) {
+  TempDir root("disks");
+  const fs::path work = root.path() / "work";
+  fs::create_directories(work);
+  struct WorkingDirectory {
+    fs::path previous = fs::current_path();
+    explicit WorkingDirectory(const fs::path& path) { fs::current_path(path); }
+    ~WorkingDirectory() { fs::current_path(previous); }
+  } inWork(work);
+
+  AnswerVolumeList("<string>../evil</string><string>a/b</string>");
+  AnswerDiskutil({"info", "-plist", "../evil"},
+                 S("MountPoint", "/Volumes/x") + S("VolumeName", "../evil"));
+  AnswerDiskutil({"info", "-plist", "a/b"}, S("MountPoint", "/Volumes/a/b"));
+  EXPECT_EQ(Render(parser_.FetchMountedVolumes(nullptr, nullptr)),
+            "../evil:/Volumes/x|Local Fixed Disk : ../evil|3|12|-|-|-|-|-|-|-;"
+            "a/b:/Volumes/a/b|Local Fixed Disk|3|12|-|-|-|-|-|-|-;");
+  std::vector<std::string> names;
+  for (const auto& call : platform_.tools().calls()) {
+    ASSERT_TRUE(call.outputPath);
+    const fs::path output(*call.outputPath);
+    EXPECT_TRUE(fs::equivalent(output.parent_path().parent_path(), work)) << *call.outputPath;
+    names.push_back(output.filename().string());
+  }
+  EXPECT_EQ(names, (std::vector<std::string>{"volumes.plist", "volume-0.plist", "volume-1.plist"}));
+  EXPECT_TRUE(fs::is_empty(work));
+  EXPECT_EQ(std::distance(fs::directory_iterator(root.path()), fs::directory_iterator()), 1);
+
+  // A failure after the files were written leaves nothing either.
+  AnswerDiskutil({"info", "-plist", "a/b"}, S("VolumeName", "b"));
+  EXPECT_EQ(Render(parser_.FetchMountedVolumes(nullptr, nullptr)), "nothing");
+  EXPECT_TRUE(fs::is_empty(work));
+  EXPECT_EQ(std::distance(fs::directory_iterator(root.path()), fs::directory_iterator()), 1);
+}
+
+}  // namespace
+}  // namespace tarn::testing

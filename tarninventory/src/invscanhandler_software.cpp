@@ -1,0 +1,102 @@
+// Installed applications.
+#include <filesystem>
+#include <system_error>
+
+#include "framework/logging/logger.h"
+#include "platform/exception/platform_exception.h"
+#include "platform/file/file_util.h"
+#include "platform/platform.h"
+#include "tarninventory/src/invscanhandler.h"
+#include "tarninventory/src/scanrun.h"
+#include "tarninventory/src/tarninventoryutil.h"
+#include "tarnutils/src/TarnDiagnostics.h"
+#include "tarnutils/src/TarnGlobalvars.h"
+#include "tarnutils/src/TarnSystemutil_mac.h"
+
+namespace tarn {
+namespace {
+
+constexpr std::int32_t kSoftwareClass = 18;
+constexpr const char* kSoftwareSignature = "-[ProplistXMLParser FetchInstalledSoftwareInfo]";
+
+// The agent's own names: the helper is never reported, the agent only as its installed copy.
+constexpr const char* kAgentHelperName = "TarnwellAgent";
+constexpr const char* kAgentName = "Orvane Tarnwell - Agent";
+
+using OptText = std::optional<std::string>;
+
+// The path without its last component, as the platform's path functions give it: trailing
+// slashes go first; "/X.app" gives "/", "X.app" gives "".
+std::string DeletingLastPathComponent(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  const auto slash = path.rfind('/');
+  if (slash == std::string::npos) return "";
+  if (slash == 0) return "/";
+  return path.substr(0, slash);
+}
+
+// Only the copy of the agent installed in the agent's own folder is reported.
+bool IsInstalledAgentCopy(const OptText& path) {
+  const OptText basePath = gv_globvars().tarnagentBasePath();
+  return path && basePath && DeletingLastPathComponent(*path) == *basePath;
+}
+
+}  // namespace
+
+void ProplistXMLParser::FetchInstalledSoftwareInfo() {
+  try {
+    // The report goes to a private folder made for this run, written by the tool runner
+    // itself (no shell); the folder goes with everything in it however this ends.
+    const ScratchDirectory scratch(CurrentDirectory());
+    const std::string reportPath = scratch.FilePath("inv-apps.plist");
+    const bool ran = scratch.valid() && CurrentPlatform().Tools().RunToFile(
+                                            kSystemProfiler, {"SPApplicationsDataType", "-xml"},
+                                            reportPath);
+    if (!scratch.valid() || !isFileExists(reportPath)) {
+      ConsoleWhere(kSoftwareSignature, __LINE__, "Could n't fetch installed applications %d\n",
+                   ran ? 0 : 1);
+      return;
+    }
+    RecordInstalledSoftware(GetArrayObjectFromPlist(reportPath));
+    RemoveFile(reportPath);
+  } catch (const PlatformException& failure) {
+    ConsoleWhere(kSoftwareSignature, __LINE__, "Caught exception***************:%s",
+                 failure.description().c_str());
+  }
+}
+
+void ProplistXMLParser::RecordInstalledSoftware(const PlistPtr& items) {
+  std::int32_t recorded = 0;
+  for (std::size_t i = 0; i < Count(items); ++i) {
+    const PlistPtr item = ObjectAtIndex(items, i);
+    const OptText name = TextOf(ValueForKey(item, "_name"));
+    const OptText version = TextOf(ValueForKey(item, "version"));
+    const OptText path = TextOf(ValueForKey(item, "path"));
+    if (name == kAgentHelperName) continue;
+    if (name == kAgentName && !IsInstalledAgentCopy(path)) continue;
+    if (!name) {
+      throw PlatformException(kInvalidArgumentException,
+                              "*** setObjectForKey: key cannot be nil (an application without "
+                              "\"_name\")");
+    }
+    // Same name and version: one application, however often it is installed.
+    if (!swSet.emplace(*name, version.value_or(kFiller)).second) continue;
+    ++recorded;
+    const auto add = [recorded](std::int32_t propertyId, const OptText& value) {
+      AddRowWMIFetchValueTable(propertyId, kSoftwareClass, recorded, 0, value);
+    };
+    add(1801, name);
+    add(1802, version ? *version : kFiller);
+    add(1803, TextOf(ValueForKey(item, "info")).value_or(kFiller));
+    add(1812, path ? *path : kFiller);
+    for (const std::int32_t filler : {1804, 1805, 1806}) add(filler, kFiller);
+    add(1807, kNotAvailable);
+    for (const std::int32_t filler : {1808, 1809}) add(filler, kFiller);
+    add(1810, kNotAvailable);
+    for (const std::int32_t filler : {1811, 1813, 1814, 1815}) add(filler, kFiller);
+  }
+  UserLogMessage("FetchInstalledSoftwareInfo : %d Softwares found \n", recorded);
+  CurrentScanRun().osIndex = static_cast<std::uint32_t>(recorded) + 1;
+}
+
+}  // namespace tarn

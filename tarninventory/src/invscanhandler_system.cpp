@@ -1,0 +1,346 @@
+// Operating system, processor, computer system, enclosure and memory.
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+
+#include "framework/logging/logger.h"
+#include "platform/console_log.h"
+#include "platform/exception/platform_exception.h"
+#include "platform/platform.h"
+#include "tarninventory/src/invscanhandler.h"
+#include "tarninventory/src/scanrun.h"
+#include "tarninventory/src/tarninventoryutil.h"
+#include "tarnutils/src/TarnDiagnostics.h"
+#include "tarnutils/src/TarnGlobalvars.h"
+#include "tarnutils/src/TarnStringutil.h"
+#include "tarnutils/src/TarnSystemutil_mac.h"
+
+namespace tarn {
+namespace {
+
+constexpr std::int32_t kOsClass = 1;
+constexpr std::int32_t kProcessorClass = 3;
+constexpr std::int32_t kSoftwareClass = 18;
+constexpr std::int32_t kComputerClass = 20;
+constexpr std::int32_t kEnclosureClass = 24;
+constexpr std::int32_t kMemoryDeviceClass = 27;
+constexpr std::int32_t kMemoryArrayClass = 28;
+
+constexpr const char* kOsSignature = "-[ProplistXMLParser FetchOSandProcessorInfo]";
+constexpr const char* kSendOsSignature = "-[ProplistXMLParser SendOSINFO]";
+constexpr const char* kComputerSignature = "-[ProplistXMLParser FetchComputerInfo]";
+constexpr const char* kEnclosureSignature = "-[ProplistXMLParser FetchSystemEnclosure]";
+constexpr const char* kMemorySignature = "-[ProplistXMLParser FetchPhysicalMemoryInfo]";
+constexpr const char* kVirtualMemorySignature = "void GetVirtualMemInfo(uint64_t*, uint64_t*)";
+
+using OptText = std::optional<std::string>;
+
+void Record(std::int32_t propertyId, std::int32_t classId, std::int32_t instance,
+            const OptText& value) {
+  AddRowWMIFetchValueTable(propertyId, classId, instance, 0, value);
+}
+
+// Records the filler "-" for each property id.
+void RecordFillers(std::int32_t classId, std::int32_t instance,
+                   std::initializer_list<std::int32_t> propertyIds) {
+  for (const std::int32_t propertyId : propertyIds) Record(propertyId, classId, instance, kFiller);
+}
+
+OptText Text(const PlistPtr& dictionary, std::string_view key) {
+  return TextOf(ValueForKey(dictionary, key));
+}
+
+const char* Shown(const OptText& text) { return Describe(text); }
+
+// Piece i of the text split at separator, as the platform reads it: an absent text gives
+// absent pieces, a present one raises past its last piece.
+OptText PieceOf(const OptText& text, const std::string& separator, std::size_t index) {
+  if (!text) return std::nullopt;
+  const std::vector<std::string> pieces = SplitText(*text, separator);
+  if (index >= pieces.size()) {
+    throw PlatformException(kRangeException, "index " + std::to_string(index) +
+                                                 " beyond bounds of the pieces of \"" + *text +
+                                                 "\"");
+  }
+  return pieces[index];
+}
+
+// The family code of the processor name: the first of these found, case-sensitively.
+const char* ProcessorFamily(const OptText& cpuType) {
+  struct Family {
+    const char* marker;
+    const char* code;
+  };
+  static constexpr Family kFamilies[] = {{"i7", "198"}, {"i5", "205"}, {"i3", "206"},
+                                         {"Xeon", "179"}};
+  if (cpuType) {
+    for (const Family& family : kFamilies) {
+      if (cpuType->find(family.marker) != std::string::npos) return family.code;
+    }
+  }
+  return "2";
+}
+
+// The shortest decimal text that reads back as the same double ("2300", "2200.0000000000005").
+std::string ShortestDecimal(double value) {
+  char text[64];
+  const auto end = std::to_chars(text, text + sizeof text, value).ptr;
+  return std::string(text, end);
+}
+
+// "2.3 GHz" gives 2300; any other unit gives "-". A text without a blank raises.
+std::string ProcessorSpeed(const OptText& speed) {
+  if (!speed) return kFiller;
+  const OptText unit = PieceOf(speed, " ", 1);
+  if (*unit != "GHz") return kFiller;
+  return ShortestDecimal(std::strtod(PieceOf(speed, " ", 0)->c_str(), nullptr) * 1000.0);
+}
+
+// Chassis type of the machine name.
+const char* ChassisType(const OptText& model) {
+  struct Chassis {
+    const char* model;
+    const char* type;
+  };
+  static constexpr Chassis kChassis[] = {{"iMac", "1001"},        {"Mac Pro", "1002"},
+                                         {"MacBook Air", "1003"}, {"MacBook Pro", "1004"},
+                                         {"Mac Mini", "1005"}};
+  if (model) {
+    for (const Chassis& chassis : kChassis) {
+      if (*model == chassis.model) return chassis.type;
+    }
+  }
+  return "2";
+}
+
+// "8 GB" in bytes: the count shifted in 32 bits by 10, sign-extended, then by the rest of
+// the unit's shift. Fewer than two pieces gives nothing to record; an unknown unit an
+// absent value.
+std::optional<OptText> MemorySizeInBytes(const OptText& size) {
+  if (!size) return std::nullopt;
+  const std::vector<std::string> pieces = SplitText(*size, " ");
+  if (pieces.size() < 2) return std::nullopt;
+  int rest = 0;
+  if (pieces[1] == "GB") {
+    rest = 20;
+  } else if (pieces[1] == "MB") {
+    rest = 10;
+  } else {
+    return OptText();
+  }
+  const auto count = static_cast<std::int32_t>(std::atoi(pieces[0].c_str()));
+  const auto kibi = static_cast<std::int32_t>(static_cast<std::uint32_t>(count) << 10);
+  const auto bytes = static_cast<std::int64_t>(static_cast<std::uint64_t>(
+      static_cast<std::int64_t>(kibi)) << rest);
+  return OptText(std::to_string(bytes));
+}
+
+}  // namespace
+
+void GetVirtualMemInfo(std::uint64_t& total, std::uint64_t& free) {
+  UserLogMessage("@@@@@@@ Inside GetVirtualMemInfo method @@@@@\n");
+  std::optional<VmStatistics> statistics = CurrentPlatform().Host().VirtualMemoryStatistics();
+  if (!statistics) {
+    ConsoleLog("Failed to fetch vm statistics");
+    statistics = VmStatistics{};
+  }
+  const auto busyPages = static_cast<std::uint32_t>(
+      statistics->activeCount + statistics->inactiveCount + statistics->wireCount);
+  const std::uint64_t used = busyPages * statistics->pageSize;
+  free = statistics->freeCount * statistics->pageSize;
+  // Only the low 32 bits of the used bytes count towards the total, as always reported.
+  total = static_cast<std::uint32_t>(used) + free;
+  if (free != 0) free >>= 10;
+  if (total != 0) total >>= 10;
+  ConsoleWhere(kVirtualMemorySignature, __LINE__, "used: %u free: %lu total: %lu",
+               static_cast<unsigned>(static_cast<std::uint32_t>(used)),
+               static_cast<unsigned long>(free), static_cast<unsigned long>(total));
+  UserLogMessage("@@@@@@@ End of GetVirtualMemInfo method @@@@@\n");
+}
+
+void ProplistXMLParser::FetchOSandProcessorInfo() {
+  std::uint64_t total = 0;
+  std::uint64_t free = 0;
+  GetVirtualMemInfo(total, free);
+  Record(105, kOsClass, 1, std::to_string(total));
+  Record(106, kOsClass, 1, std::to_string(free));
+  Record(107, kOsClass, 1, kFiller);
+
+  if (const OptText memsize = GetOutputForExecution(kSysctl, {"hw.memsize"})) {
+    const std::string physical = TextAfterColon(*memsize);
+    ConsoleLog("Physical mem: %s\n", physical.c_str());
+    Record(108, kOsClass, 1, physical);
+    SetBufferText("hw.memsize", physical);
+  } else {
+    Record(108, kOsClass, 1, kFiller);
+  }
+
+  if (const OptText name = GetOutputForExecution(kSwVers, {"-productName"})) {
+    ConsoleLog("Product name: %s\n", name->c_str());
+    SetBufferText("productName", name);
+  }
+  if (const OptText version = GetOutputForExecution(kSwVers, {"-productVersion"})) {
+    ConsoleLog("Product version: %s\n", version->c_str());
+    Record(102, kOsClass, 1, version);
+    SetBufferText("productVersion", version);
+  } else {
+    ConsoleLog("Can't get productVersion");
+    Record(102, kOsClass, 1, kZero);
+  }
+  if (const OptText build = GetOutputForExecution(kSwVers, {"-buildVersion"})) {
+    ConsoleLog("Build number: %s\n", build->c_str());
+    Record(113, kOsClass, 1, build);
+  } else {
+    // The version property is written again here, not the build number.
+    ConsoleLog("Can't get BuildNumber");
+    Record(102, kOsClass, 1, kZero);
+  }
+
+  Record(101, kOsClass, 1, GetOSNameString());
+  Record(103, kOsClass, 1, GetOS_SPName());
+  Record(104, kOsClass, 1, kAppleInc);
+  RecordFillers(kOsClass, 1, {110, 111, 112});
+  Record(114, kOsClass, 1, kZero);
+  Record(115, kOsClass, 1, kZero);
+  const std::uint32_t osIndex = CurrentScanRun().osIndex;
+  Record(117, kOsClass, static_cast<std::int32_t>(osIndex + 1), std::to_string(osIndex));
+  Record(118, kOsClass, 1, kFiller);
+
+  const PlistPtr items = GetItemsArrayfromPropertylist({"-xml", "SPHardwareDataType"});
+  if (!items) {
+    ConsoleLog("Command execution output: %s\n", "(null)");
+  } else {
+    RecordHardwareReport(ObjectAtIndex(items, 0));
+  }
+  RecordFillers(kProcessorClass, 1, {304, 305, 307, 308, 309, 310, 311, 312});
+  SendOSINFO();
+}
+
+void ProplistXMLParser::RecordHardwareReport(const PlistPtr& hardware) {
+  const OptText serial = Text(hardware, "serial_number");
+  ConsoleWhere(kOsSignature, __LINE__, "Serial number: %s\n", Shown(serial));
+  SetBufferText("serial_number", serial);
+  Record(109, kOsClass, 1, serial);
+
+  const OptText cpuType = Text(hardware, "cpu_type");
+  ConsoleWhere(kOsSignature, __LINE__, "Processor Name(cpu-type): %s\n", Shown(cpuType));
+  Record(301, kProcessorClass, 1, cpuType);
+  Record(306, kProcessorClass, 1, ProcessorFamily(cpuType));
+  Record(302, kProcessorClass, 1, "3");
+
+  const std::string speed = ProcessorSpeed(Text(hardware, "current_processor_speed"));
+  if (speed == kFiller) {
+    ConsoleWhere(kOsSignature, __LINE__, "Cpu speed: -\n");
+  } else {
+    ConsoleWhere(kOsSignature, __LINE__, "Cpu speed: %s\n", speed.c_str());
+  }
+  Record(303, kProcessorClass, 1, speed);
+  Record(313, kProcessorClass, 1, Text(hardware, "number_processors"));
+
+  const OptText model = Text(hardware, "machine_name");
+  SetBufferText("Model", model);
+  ConsoleLog("Machine model name added in buffer: %s\n", Shown(model));
+}
+
+void ProplistXMLParser::SendOSINFO() {
+  ConsoleLog("Inside SendOSINFO method \n");
+  const auto instance = static_cast<std::int32_t>(CurrentScanRun().osIndex);
+  const std::string osName = GetOSNameString();
+  const OptText version = BufferText("productVersion");
+  const OptText serial = BufferText("serial_number");
+  ConsoleWhere(kSendOsSignature, __LINE__, "OsName : %s", osName.c_str());
+  ConsoleWhere(kSendOsSignature, __LINE__, "Osversion : %s", Shown(version));
+  ConsoleWhere(kSendOsSignature, __LINE__, "serialnum : %s", Shown(serial));
+  Record(1801, kSoftwareClass, instance, osName);
+  Record(1802, kSoftwareClass, instance, version);
+  Record(1803, kSoftwareClass, instance, kAppleInc);
+  RecordFillers(kSoftwareClass, instance, {1804, 1805, 1806});
+  Record(1807, kSoftwareClass, instance, kNotAvailable);
+  RecordFillers(kSoftwareClass, instance, {1808, 1809});
+  Record(1810, kSoftwareClass, instance, serial);
+  RecordFillers(kSoftwareClass, instance, {1811, 1812, 1813});
+  // Tells the server that this software row is the operating system.
+  Record(1814, kSoftwareClass, instance, "OS_EXT");
+  Record(1815, kSoftwareClass, instance, kFiller);
+  ConsoleLog("End of SendOSINFO method \n");
+}
+
+void ProplistXMLParser::FetchComputerInfo() {
+  try {
+    const TarnGlobvars& vars = gv_globvars();
+    Record(2002, kComputerClass, 1, vars.localComputerName());
+    Record(2004, kComputerClass, 1, vars.localNameSpace());
+    Record(2007, kComputerClass, 1, kAppleInc);
+    const OptText model = BufferText("Model");
+    ConsoleLog("Machine model name: %s\n", Shown(model));
+    Record(2008, kComputerClass, 1, model);
+    Record(2009, kComputerClass, 1, vars.localComputerName());
+    if (const OptText processors = GetOutputForExecution(kSysctl, {"hw.ncpu"})) {
+      const std::string count = TextAfterColon(*processors);
+      ConsoleLog("Physical mem: %s\n", count.c_str());  // the label is an old mislabel, kept
+      Record(2010, kComputerClass, 1, count);
+    }
+    const OptText memsize = BufferText("hw.memsize");
+    ConsoleLog("Computer total memory size: %s\n", Shown(memsize));
+    Record(2012, kComputerClass, 1, memsize);
+    const OptText users = GetLoggedOnUsers();
+    ConsoleLog("Logged on user name: %s\n", Shown(users));
+    Record(2014, kComputerClass, 1, users ? *users : kFiller);
+  } catch (const PlatformException& failure) {
+    ConsoleWhere(kComputerSignature, __LINE__, "FetchComputerInfo : Caught exception: %s",
+                 failure.description().c_str());
+  }
+  RecordFillers(kComputerClass, 1, {2001, 2003, 2005, 2006, 2011, 2013, 2015, 2016, 2017});
+}
+
+void ProplistXMLParser::FetchSystemEnclosure() {
+  try {
+    Record(2401, kEnclosureClass, 1, ChassisType(BufferText("Model")));
+    Record(2402, kEnclosureClass, 1, kFiller);
+  } catch (const PlatformException& failure) {
+    ConsoleWhere(kEnclosureSignature, __LINE__, "Caught exception -----:%s",
+                 failure.description().c_str());
+  }
+}
+
+void ProplistXMLParser::FetchPhysicalMemoryInfo() {
+  try {
+    RecordPhysicalMemory(GetItemsArrayfromPropertylist({"-xml", "SPMemoryDataType"}));
+  } catch (const PlatformException& failure) {
+    ConsoleWhere(kMemorySignature, __LINE__, "Caught exception**************:%s",
+                 failure.description().c_str());
+  }
+}
+
+void ProplistXMLParser::RecordPhysicalMemory(const PlistPtr& items) {
+  const PlistPtr slots = ValueForKey(ObjectAtIndex(items, 0), "_items");
+  std::int32_t populated = 0;
+  for (std::size_t i = 0; i < Count(slots); ++i) {
+    const PlistPtr slot = ObjectAtIndex(slots, i);
+    if (Text(slot, "dimm_status") == "empty") continue;
+    ++populated;
+    ConsoleWhere(kMemorySignature, __LINE__, "Device Name : Physical Memory\n");
+    Record(2701, kMemoryDeviceClass, populated, "Physical Memory");
+    if (const std::optional<OptText> bytes = MemorySizeInBytes(Text(slot, "dimm_size"))) {
+      ConsoleWhere(kMemorySignature, __LINE__, "Memory size in bytes: %s\n", Shown(*bytes));
+      Record(2702, kMemoryDeviceClass, populated, *bytes);
+    }
+    ConsoleWhere(kMemorySignature, __LINE__, "Memory type: 0\n");
+    Record(2703, kMemoryDeviceClass, populated, kZero);
+    Record(2705, kMemoryDeviceClass, populated, PieceOf(Text(slot, "dimm_speed"), " ", 0));
+    const OptText bank = Text(slot, "_name");
+    ConsoleWhere(kMemorySignature, __LINE__, "Memory bank lable name: %s\n", Shown(bank));
+    Record(2704, kMemoryDeviceClass, populated, bank);
+    // Tagged by the slot's position among all slots, empty ones included.
+    Record(2708, kMemoryDeviceClass, populated, "Physical Memory " + std::to_string(i));
+    RecordFillers(kMemoryDeviceClass, populated, {2706, 2707, 2709, 2710});
+  }
+  Record(2801, kMemoryArrayClass, populated, "Physical Memory Array");
+  Record(2802, kMemoryArrayClass, populated, "3");
+  Record(2803, kMemoryArrayClass, populated, BufferText("hw.memsize"));
+  Record(2804, kMemoryArrayClass, populated, std::to_string(populated));
+  RecordFillers(kMemoryArrayClass, populated, {2805, 2806, 2807});
+  Record(2808, kMemoryArrayClass, populated, "3");
+}
+
+}  // namespace tarn
