@@ -44,11 +44,17 @@ class AgentFolder {
     std::filesystem::create_directories(base_ / "data");
     for (const char* file :
          {"data-dictionary.xml", "data-dictionary-inv.xml", "data-dictionary-framework.xml",
-          "data-dictionary-onpremise.xml", "Mac_InvClasses.xml", "serverinfo.plist",
-          "agent-conf.plist"}) {
+          "data-dictionary-onpremise.xml", "Mac_InvClasses.xml", "agent-conf.plist"}) {
       std::filesystem::copy_file(std::filesystem::path(TARN_SOURCE_DIR) / "data" / file,
                                  data() / file);
     }
+    // The scanner runs under a name of its own, so that no other scan on this computer trips
+    // its single-instance guard (process names are cut to 15 characters).
+    static int runs = 0;
+    scannerName_ = "tn" + std::to_string(::getpid() % 100000) + "_" + std::to_string(++runs);
+    std::filesystem::create_symlink(TARN_SCANNER_BINARY, base_ / "bin" / scannerName_);
+    // Until a test names its server: one loopback address where nothing listens.
+    ServeAt(1);
   }
   ~AgentFolder() { std::filesystem::remove_all(base_); }
   AgentFolder(const AgentFolder&) = delete;
@@ -79,6 +85,32 @@ class AgentFolder {
     WritePlist(data() / "agent-conf.plist",
                "\t<key>Loglevel</key><integer>3</integer>\n"
                "\t<key>TOOL_REPLAY_DIRECTORY</key><string>machine</string>\n");
+  }
+
+  // Points the agent at a management server on loopback, known under the single address
+  // 127.0.0.1 (as the address that worked last; no IP, so the list ends there).
+  void ServeAt(int port, const std::string& protocol = "http",
+               const std::string& customerName = "Example Customer") const {
+    WritePlist(data() / "serverinfo.plist",
+               "\t<key>tarnlastaccessname</key>\n\t<string>127.0.0.1</string>\n"
+               "\t<key>SERVERPROTOCOL</key>\n\t<string>" + protocol + "</string>\n"
+               "\t<key>SERVERPORT</key>\n\t<string>" + std::to_string(port) + "</string>\n"
+               "\t<key>SERVERSECUREPORT</key>\n\t<string>" + std::to_string(port) +
+               "</string>\n"
+               "\t<key>CUSTOMERID</key>\n\t<string>1</string>\n"
+               "\t<key>CUSTOMERNAME</key>\n\t<string>" + customerName + "</string>\n"
+               "\t<key>MSPNAME</key>\n\t<string>Example MSP</string>\n"
+               "\t<key>REMOTEOFFICEID</key>\n\t<string>301</string>\n"
+               "\t<key>MAC_DOMAIN</key>\n\t<string>macosgroup</string>\n");
+    std::filesystem::remove(data() / "dupserverinfo.plist");
+  }
+
+  // Replays the recorded machine testdata/machines/NAME.
+  void UseMachine(const std::string& name) const {
+    WritePlist(data() / "agent-conf.plist",
+               "\t<key>Loglevel</key><integer>3</integer>\n"
+               "\t<key>TOOL_REPLAY_DIRECTORY</key><string>" + std::string(TARN_SOURCE_DIR) +
+                   "/testdata/machines/" + name + "</string>\n");
   }
 
   static void WritePlist(const std::filesystem::path& path, const std::string& dictionaryBody) {
@@ -113,7 +145,7 @@ class AgentFolder {
       ::_exit(127);
     }
     std::vector<char*> argv;
-    std::string program = TARN_SCANNER_BINARY;
+    std::string program = (base_ / "bin" / scannerName_).string();
     argv.push_back(program.data());
     std::vector<std::string> copies = arguments;
     for (std::string& argument : copies) argv.push_back(argument.data());
@@ -137,6 +169,7 @@ class AgentFolder {
   }
 
   std::filesystem::path base_;
+  std::string scannerName_;
 };
 
 }  // namespace tarn::testing

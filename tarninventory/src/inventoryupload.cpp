@@ -1,22 +1,159 @@
 #include "tarninventory/src/inventoryupload.h"
 
+#include <cctype>
+#include <cstdint>
+#include <optional>
+
+#include "framework/imds/dotoxml.h"
 #include "framework/logging/logger.h"
+#include "platform/console_log.h"
+#include "tarninventory/src/FullScanHandler.h"
 #include "tarninventory/src/accesslog.h"
+#include "tarninventory/src/fileattributes.h"
 #include "tarninventory/src/scanrun.h"
+#include "tarninventory/src/scansettings.h"
 #include "tarninventory/src/tarninventory.h"
+#include "tarninventory/src/tarninventoryutil.h"
+#include "tarnutils/src/HttpHandler_mac.h"
+#include "tarnutils/src/JsonEncoder.h"
 #include "tarnutils/src/TarnDiagnostics.h"
 #include "tarnutils/src/TarnGlobalvars.h"
+#include "tarnutils/src/proplisthandler.h"
 
 namespace tarn {
 namespace {
 
+using OptText = std::optional<std::string>;
+
 constexpr const char* kSendSignature = "DWORD SendInventoryData(const char*, NSString*)";
+constexpr const char* kFullDocumentRoot = "TarnWMIData";
+constexpr const char* const kFullDocumentTables[] = {"WMIData", "WMIFetchedValue", "AgentParams",
+                                                     "Resource", "InvAuditEntry"};
 
 bool HaveResourceId() {
   return gv_globvars().tarnAgentResourceID().has_value() || GetResourceIDFromServer() == 0;
 }
 
+Proplisthandler& StateStore() { return *CurrentScanRun().tarninventory_datalist; }
+
+OptText StoredText(const char* key) {
+  return TextOf(StateStore().GetValueForKey(key));
+}
+
+void StoreText(const char* key, const OptText& value) {
+  StateStore().SetValueForKey(key, value ? PlistValue::MakeString(*value) : nullptr);
+}
+
+std::string SnapshotPath() {
+  return gv_globvars().tarnagentDataDictPath().value_or("") + "/" + kSnapshotFileName;
+}
+
+// Pieces 1 to 4 of the upload address: who sends, for which audit and customer.
+std::string AddressStart(const std::string& auditId) {
+  const TarnGlobvars& vars = gv_globvars();
+  std::string address = "/inventory?computer=" + vars.localComputerName().value_or("(null)") +
+                        "&domain=" + vars.localNameSpace().value_or("(null)") +
+                        "&customerId=" + vars.tarnCustomerID().value_or("(null)") +
+                        "&auditid=" + auditId;
+  if (vars.tarnAgentResourceID()) {
+    address += "&resourceid=" + *vars.tarnAgentResourceID();
+  }
+  // An absent remote-office id is sent as the platform's text for a null object.
+  address += "&remoffId=" + std::string(Describe(vars.tarnRemoteOffID()));
+  address += CurrentScanRun().isOndemandScan ? "&isOnDemand=true" : "&isOnDemand=false";
+  return address;
+}
+
+// The previous difference-scan time as sent: "0" when none was stored.
+std::string PreviousTimeOrZero(const OptText& previous) {
+  return previous && !previous->empty() ? *previous : "0";
+}
+
+// The body of a full upload: the five tables as one document.
+std::string FullScanBody(const std::string& auditId, const std::string& currentTime,
+                         const OptText& previousTime) {
+  CreateWMIParentTablevalues(0, std::nullopt);
+  createComputerInfoRow();
+  const std::uint32_t auditNumber = AuditNumber(auditId);
+  StderrWhere(kSendSignature, 252, "Converted audit id is: %ul\n", auditNumber);
+  createInvAuditEntryRow(auditNumber);
+  AddAgentParamsforInvinXML(currentTime, previousTime);
+  const OptText document = ConvertDOtoXMLBuffer(kFullDocumentTables, kFullDocumentRoot);
+  UserLogMessage("SendInventoryData : Sending full data in xml \n");
+  UserLogMessage("INVENTORY data buffer: %s\n", document.value_or("").c_str());
+  return document.value_or("");
+}
+
+// The body of a difference upload: what changed since the snapshot, as pretty JSON. A
+// document that cannot be written as JSON is sent without a body.
+std::string DiffScanBody(const std::string& auditId, const std::string& currentTime,
+                         const std::string& previousTime) {
+  ScanRun& run = CurrentScanRun();
+  if (run.fullScanobj) {
+    run.fullScanobj->WritetoDiffData();
+  }
+  AddUserinDict(run.invDiffData);
+  AddAgentParamsinDict(run.invDiffData, auditId, currentTime, previousTime);
+  JsonEncoderError error;
+  const OptText json = EncodeJson(run.invDiffData, kJsonPrettyPrint, &error);
+  if (!json) {
+    ConsoleLog("SendInventoryData :Error on converting diff data to json :: %s",
+               error.localizedDescription.c_str());
+    return "";
+  }
+  UserLogMessage("SendInventoryData : Sending json diff data \n");
+  ConsoleWhere(kSendSignature, 233, "Jsonstr :: success  %s", json->c_str());
+  return *json;
+}
+
+// After an accepted upload: the new snapshot, the scan times and the latch.
+void RecordAcceptedScan(const std::string& currentTime) {
+  ScanRun& run = CurrentScanRun();
+  const std::string snapshot = SnapshotPath();
+  FullScanHandler::SaveCurrentScanData(run.invScanData, snapshot);
+  StoreText(kInvScanTime, currentTime);
+  if (IsDiffScan()) {
+    StoreText(kInvDiffScanTime, currentTime);
+  }
+  StateStore().WriteToProplist();
+
+  // A snapshot whose modification time did not move was not written: the stored "0" makes
+  // the next run a full scan, so no difference is ever computed from a stale snapshot.
+  const OptText modified = FileLastModifiedTime(snapshot);
+  const OptText previous = StoredText(kInvFullDataLastModified);
+  if (!modified || modified == previous) {
+    UserLogMessage(
+        "PreviousScanDataLastModified time : %s & CurrentLastModified : %s time of FullScan "
+        "data is same . Hence assuming as \" FullScan data Save Failed\" \n",
+        Describe(previous), Describe(modified));
+    StoreText(kInvFullDataLastModified, "0");
+  } else {
+    UserLogMessage("PreviousLastModified time : %s & CurrentLastModified : %s\n",
+                   Describe(previous), modified->c_str());
+    StoreText(kInvFullDataLastModified, modified);
+  }
+  if (StoredText(kEnableOneTimeFullscan) == "1") {
+    StoreText(kEnableOneTimeFullscan, "0");
+  }
+  StateStore().WriteToProplist();
+}
+
 }  // namespace
+
+std::uint32_t AuditNumber(const std::optional<std::string>& auditId) {
+  if (!auditId) return 12345;
+  // atol: leading blanks, an optional sign, then digits up to the first other character.
+  const std::string& text = *auditId;
+  std::size_t at = 0;
+  while (at < text.size() && std::isspace(static_cast<unsigned char>(text[at]))) ++at;
+  bool negative = false;
+  if (at < text.size() && (text[at] == '+' || text[at] == '-')) negative = text[at++] == '-';
+  std::uint64_t value = 0;
+  for (; at < text.size() && std::isdigit(static_cast<unsigned char>(text[at])); ++at) {
+    value = value * 10 + static_cast<std::uint64_t>(text[at] - '0');  // wraps like the C type
+  }
+  return static_cast<std::uint32_t>(negative ? 0 - value : value);
+}
 
 DWORD SendInventoryData(const std::string& auditId, const std::string& accessLogPath) {
   if (!HaveResourceId()) {
@@ -26,13 +163,35 @@ DWORD SendInventoryData(const std::string& auditId, const std::string& accessLog
     PrintAccessLogFailure(accessLogPath, kResIDNotfound);
     return 1;
   }
+  std::string address = AddressStart(auditId);
   CollectInventoryData(auditId);
-  PrintAccessLogColumn(accessLogPath, IsDiffScan() ? kDiffData : kFullData);
-  // This build collects and records but has no upload to the server yet: the
-  // run is reported as not accepted, so no snapshot or scan time moves.
-  ErrorLogMessage("SendInventoryData : no upload in this build, nothing was sent\n");
-  PrintAccessLogColumn(accessLogPath, kFailure);
-  return 1;
+
+  const std::string currentTime = GetLocalTimeInLongStr();
+  const OptText previousTime = StoredText(kInvDiffScanTime);
+  std::string body;
+  if (!IsDiffScan()) {
+    address += "&scanType=1&jsonFormat=0&currScanTime=" + currentTime;
+    PrintAccessLogColumn(accessLogPath, kFullData);
+    body = FullScanBody(auditId, currentTime, previousTime);
+  } else {
+    const std::string previous = PreviousTimeOrZero(previousTime);
+    address += "&scanType=0&prevScanTime=" + previous + "&jsonFormat=1&currScanTime=" + currentTime;
+    PrintAccessLogColumn(accessLogPath, kDiffData);
+    body = DiffScanBody(auditId, currentTime, previous);
+  }
+
+  UserLogMessage("SendInventoryData:urltosend: %s\n", address.c_str());
+  HttpHandlermac client = HttpHandlermac::initWithTarnServerInfo();
+  const DWORD result = client.TarnSendData(address, body);
+  if (result != 0) {
+    // The state store and the snapshot stay as they were: the next difference scan compares
+    // against the same snapshot and sends these changes again.
+    PrintAccessLogColumn(accessLogPath, kFailure);
+    return result;
+  }
+  PrintAccessLogColumn(accessLogPath, kSuccess);
+  RecordAcceptedScan(currentTime);
+  return 0;
 }
 
 }  // namespace tarn
