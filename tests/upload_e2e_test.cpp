@@ -39,14 +39,10 @@ RunState StateOf(const AgentFolder& agent) {
           ReadFileText(agent.data() / "invFullData")};
 }
 
-std::string Query(const ReceivedRequest& request) {
-  return request.target.substr(request.target.find('?'));
-}
-
 // Removes the parts of a difference document that change from run to run (the scan times).
 std::string WithoutScanTimes(std::string body) {
-  return std::regex_replace(body, std::regex("\"(currScanTime|prevScanTime)\" : \"\\d+\""),
-                            "\"$1\" : \"T\"");
+  return std::regex_replace(body, std::regex("\"(currScanTime|prevScanTime)\": \"\\d+\""),
+                            "\"$1\": \"T\"");
 }
 
 class UploadTest : public ::testing::Test {
@@ -172,6 +168,57 @@ TEST_F(UploadTest, HttpsWithACertificateMadeNowIsAccepted) {
                                              0),
             0u)
       << server.Uploads()[0].target;
+}
+
+}  // namespace
+}  // namespace tarn::testing
+
+namespace tarn::testing {
+namespace {
+
+TEST_F(UploadTest, AnUnchangedMachineSendsOnlyTheUserAndTheParameters) {
+  AgentFolder agent("unchanged");
+  agent.UseMachine("macbook-sample");
+  agent.WriteResourceId("42");
+  InventoryServer server;
+  AcceptedFullScan(agent, server);
+  const std::string firstStore = StateOf(agent).store;
+  ASSERT_EQ(agent.Run({"scheduled", "x", "A-77"}).exitCode, 0);
+  EXPECT_TRUE(LastLineIs(agent, "Scheduled", {"DiffData", "Success"})) << agent.AccessLog();
+  ASSERT_EQ(server.Uploads().size(), 2u);
+  const ReceivedRequest upload = server.Uploads()[1];
+  EXPECT_EQ(upload.body.substr(0, 4), "{\n  ");
+  // The first difference upload has no previous difference time: "0" is sent.
+  EXPECT_NE(upload.target.find("&scanType=0&prevScanTime=0&jsonFormat=1&currScanTime="),
+            std::string::npos)
+      << upload.target;
+  EXPECT_EQ(WithoutScanTimes(upload.body),
+            "{\n"
+            "  \"AgentParams\": {\n"
+            "    \"AUDIT_ID\": \"A-77\",\n"
+            "    \"COMPUTER_NAME\": \"office-mac\",\n"
+            "    \"CUSTOMER_ID\": \"1\",\n"
+            "    \"CUSTOMER_NAME\": \"Example Customer\",\n"
+            "    \"DOMAIN_NETBIOS_NAME\": \"macosgroup\",\n"
+            "    \"MSP_NAME\": \"Example MSP\",\n"
+            "    \"RESOURCE_ID\": \"42\",\n"
+            "    \"currScanTime\": \"T\",\n"
+            "    \"prevScanTime\": \"T\",\n"
+            "    \"scanType\": \"0\"\n"
+            "  },\n"
+            "  \"USER\": {\n"
+            "    \"IS_LOCAL_ACCOUNT\": \"false\",\n"
+            "    \"TYPE\": \"0\",\n"
+            "    \"USER_ID\": \"0\",\n"
+            "    \"USER_NAME\": \"office-mac\",\n"
+            "    \"USID\": \"S-1-1-0\"\n"
+            "  }\n"
+            "}");
+  // Only a difference upload moves the difference time.
+  const std::string store = StateOf(agent).store;
+  EXPECT_EQ(firstStore.find("INV_DIFF_SCAN_TIME"), std::string::npos);
+  EXPECT_NE(store.find("<key>INV_DIFF_SCAN_TIME</key>"), std::string::npos) << store;
+  EXPECT_EQ(upload.headers.find("Content-type")->second, "application/xml");
 }
 
 }  // namespace
