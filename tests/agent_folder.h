@@ -71,6 +71,42 @@ class AgentFolder {
     WritePlist(data() / "resource.plist", "\t<key>RESOURCEID</key>\n\t<string>" + id + "</string>\n");
   }
 
+  struct RecordedOutput {
+    std::string launchPath;
+    std::vector<std::string> arguments;
+    std::string output;
+  };
+
+  // Replays a machine recorded here: the given tool outputs, the host name
+  // "test-mac.local" and fixed memory statistics (folder BASE/data/machine).
+  void ReplayMachine(const std::vector<RecordedOutput>& outputs) const {
+    const auto folder = data() / "machine";
+    std::filesystem::remove_all(folder);
+    std::filesystem::create_directories(folder);
+    std::string commands;
+    for (std::size_t i = 0; i < outputs.size(); ++i) {
+      const std::string file = "output-" + std::to_string(i);
+      WriteFileText(folder / file, outputs[i].output);
+      commands += "\t\t<dict><key>launchPath</key><string>" + outputs[i].launchPath +
+                  "</string><key>arguments</key><array>";
+      for (const std::string& argument : outputs[i].arguments) {
+        commands += "<string>" + argument + "</string>";
+      }
+      commands += "</array><key>output</key><string>" + file + "</string></dict>\n";
+    }
+    WritePlist(folder / "manifest.plist",
+               "\t<key>commands</key>\n\t<array>\n" + commands +
+                   "\t</array>\n\t<key>host</key>\n\t<dict><key>hostName</key>"
+                   "<string>test-mac.local</string><key>vmStatistics</key><dict>"
+                   "<key>pageSize</key><integer>4096</integer><key>free</key><integer>1000"
+                   "</integer><key>active</key><integer>2000</integer><key>inactive</key>"
+                   "<integer>3000</integer><key>wired</key><integer>4000</integer></dict>"
+                   "</dict>\n");
+    WritePlist(data() / "agent-conf.plist",
+               "\t<key>Loglevel</key><integer>3</integer>\n"
+               "\t<key>TOOL_REPLAY_DIRECTORY</key><string>machine</string>\n");
+  }
+
   // Replays a recorded machine that knows only its OS version, through
   // "TOOL_REPLAY_DIRECTORY" of agent-conf.plist (a folder relative to BASE/data).
   void ReplayMachineWithOsVersion(const std::string& version) const {
