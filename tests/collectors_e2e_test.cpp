@@ -160,5 +160,26 @@ TEST_F(CollectorRunTest, LongAndNonAsciiNamesKeepTheFullDocumentWellFormed) {
   }
 }
 
+TEST_F(CollectorRunTest, WithoutSwVersADifferenceRequestBecomesAFullScan) {
+  std::vector<AgentFolder::RecordedOutput> machine;
+  for (auto& output : SmallMachine(kOneSlot, "hw.memsize: 8589934592\n")) {
+    if (output.launchPath != "/usr/bin/sw_vers") machine.push_back(output);
+  }
+  FullUpload(machine);
+  ASSERT_NE(agent_.AccessLog().find("Success"), std::string::npos);
+  ASSERT_EQ(agent_.Run({"scheduled"}).exitCode, 0);
+  // No version: no running components, so the minimum-version test passes and the OS rule
+  // turns the request into a full scan.
+  EXPECT_NE(agent_.ScanLog().find("In macOS Sierra 10.12 json encoder crashes , so proceeding to "
+                                  "full scan \n"),
+            std::string::npos);
+  ASSERT_EQ(server_.Uploads().size(), 2u);
+  EXPECT_NE(server_.Uploads()[1].target.find("&scanType=1&jsonFormat=0&"), std::string::npos);
+  // The OS values that had no source.
+  EXPECT_NE(RowsOfClass(server_.Uploads()[1].body, 1).find("102|1|0;102|1|0;101|1|(null) - Unknown;103|1|(null) - Unknown;"),
+            std::string::npos)
+      << RowsOfClass(server_.Uploads()[1].body, 1);
+}
+
 }  // namespace
 }  // namespace tarn::testing
