@@ -1,0 +1,220 @@
+#!/bin/bash
+# Records this Mac as a replayable machine for the inventory scanner.
+#
+# Runs every reporting tool the scanner runs, with exactly the scanner's arguments, keeps
+# each tool's standard output in its own file and writes manifest.plist, which maps each
+# command (launch path + argument array) to its output file and exit status and holds the
+# host facts (host name, computer name, IPv4 interface addresses, virtual-memory page
+# counts). The folder can then be copied under testdata/machines/ and replayed anywhere.
+#
+# Usage: tools/record-mac.sh OUTPUT_FOLDER
+#
+# Run it on the Mac itself, best as an administrator (sudo), from a Terminal session of the
+# logged-in user. A tool that is not installed is left out of the manifest, which is how a
+# replay models "could not be launched". Written for the bash 3.2 that macOS ships.
+set -u
+set -o pipefail
+
+SP=/usr/sbin/system_profiler
+SYSCTL=/usr/sbin/sysctl
+SW_VERS=/usr/bin/sw_vers
+USERS=/usr/bin/users
+DISKUTIL=/usr/sbin/diskutil
+PLISTBUDDY=/usr/libexec/PlistBuddy
+PLUTIL=/usr/bin/plutil
+
+usage() {
+	echo "usage: $0 OUTPUT_FOLDER" >&2
+	exit 2
+}
+
+[ $# -eq 1 ] || usage
+out=$1
+[ -n "$out" ] || usage
+
+if [ "$(uname -s)" != Darwin ]; then
+	echo "record-mac.sh: this records the Mac it runs on; run it on macOS" >&2
+	exit 2
+fi
+if [ -e "$out" ] && [ ! -d "$out" ]; then
+	echo "record-mac.sh: $out exists and is not a folder" >&2
+	exit 2
+fi
+if [ -d "$out" ] && [ -n "$(ls -A "$out" 2>/dev/null)" ]; then
+	echo "record-mac.sh: $out is not empty; give a new or empty folder" >&2
+	exit 2
+fi
+mkdir -p "$out" || exit 1
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/record-mac.XXXXXX") || exit 1
+trap 'rm -rf "$work"' EXIT
+commands_xml=$work/commands.xml
+host_xml=$work/host.xml
+: >"$commands_xml"
+: >"$host_xml"
+
+# Text as XML character data: & < > escaped, control characters other than tab and line
+# end dropped.
+xml_escape() {
+	printf '%s' "$1" | LC_ALL=C tr -d '\000-\010\013-\037\177' |
+		LC_ALL=C sed -e 's/&/\&amp;/g' -e 's/</\&lt;/g' -e 's/>/\&gt;/g'
+}
+
+# add_command OUTPUT_NAME EXIT_STATUS LAUNCH_PATH [ARGUMENT...]
+add_command() {
+	local name=$1 status=$2 launch=$3 argument
+	shift 3
+	{
+		printf '\t\t<dict>\n'
+		printf '\t\t\t<key>launchPath</key>\n\t\t\t<string>%s</string>\n' "$(xml_escape "$launch")"
+		printf '\t\t\t<key>arguments</key>\n'
+		if [ $# -eq 0 ]; then
+			printf '\t\t\t<array/>\n'
+		else
+			printf '\t\t\t<array>\n'
+			for argument in "$@"; do
+				printf '\t\t\t\t<string>%s</string>\n' "$(xml_escape "$argument")"
+			done
+			printf '\t\t\t</array>\n'
+		fi
+		printf '\t\t\t<key>output</key>\n\t\t\t<string>%s</string>\n' "$(xml_escape "$name")"
+		printf '\t\t\t<key>exitCode</key>\n\t\t\t<integer>%d</integer>\n' "$status"
+		printf '\t\t</dict>\n'
+	} >>"$commands_xml"
+}
+
+# record OUTPUT_NAME LAUNCH_PATH [ARGUMENT...]
+# Runs the tool directly (no shell in between), its standard output into OUTPUT_NAME.
+record() {
+	local name=$1 launch=$2 status=0
+	shift 2
+	if [ ! -x "$launch" ]; then
+		echo "  not installed, left out: $launch" >&2
+		return 1
+	fi
+	"$launch" "$@" >"$out/$name" || status=$?
+	add_command "$name" "$status" "$launch" "$@"
+	printf '  %s -> %s (exit %d)\n' "$launch $*" "$name" "$status"
+	return 0
+}
+
+# The volume name at INDEX of "VolumesFromDisks" in a diskutil list property list; fails
+# past the end of the array.
+volume_at() {
+	local list=$1 index=$2
+	if [ -x "$PLISTBUDDY" ]; then
+		"$PLISTBUDDY" -c "Print :VolumesFromDisks:$index" "$list" 2>/dev/null
+	else
+		"$PLUTIL" -extract "VolumesFromDisks.$index" raw -o - "$list" 2>/dev/null
+	fi
+}
+
+echo "Recording this Mac into $out"
+
+# The installed-applications report (the scanner puts the type name before -xml here).
+record system_profiler-SPApplicationsDataType.xml "$SP" SPApplicationsDataType -xml
+
+record sysctl-hw.memsize.txt "$SYSCTL" hw.memsize
+record sysctl-hw.ncpu.txt "$SYSCTL" hw.ncpu
+record sysctl-kern.hostname.txt "$SYSCTL" kern.hostname
+
+record sw_vers.txt "$SW_VERS"
+record sw_vers-productName.txt "$SW_VERS" -productName
+record sw_vers-productVersion.txt "$SW_VERS" -productVersion
+record sw_vers-buildVersion.txt "$SW_VERS" -buildVersion
+
+for type in SPHardwareDataType SPDisplaysDataType SPDiscBurningDataType SPSerialATADataType \
+	SPSASDataType SPUSBDataType SPNetworkDataType SPPrintersDataType SPMemoryDataType; do
+	record "system_profiler-$type.xml" "$SP" -xml "$type"
+done
+# Not read by the scanner: kept so that a replay shows where NVMe disks are.
+record system_profiler-SPNVMeDataType.xml "$SP" -xml SPNVMeDataType
+
+# The logged-on users: the scanner passes one argument that is a single blank.
+record users.txt "$USERS" " "
+
+# Disks: the list, then one info per entry of VolumesFromDisks (volume names on macOS).
+# Info files are numbered by position; a volume name never becomes part of a file name.
+if record diskutil-list.plist "$DISKUTIL" list -plist && [ -s "$out/diskutil-list.plist" ]; then
+	index=0
+	while volume=$(volume_at "$out/diskutil-list.plist" "$index"); do
+		index=$((index + 1))
+		record "diskutil-info-$index.plist" "$DISKUTIL" info -plist "$volume"
+	done
+fi
+
+# Host facts. A fact that cannot be read is left out, as the live platform reports failure.
+add_host_text() {
+	printf '\t\t<key>%s</key>\n\t\t<string>%s</string>\n' "$1" "$(xml_escape "$2")" >>"$host_xml"
+}
+
+host_name=$(/bin/hostname 2>/dev/null) && [ -n "$host_name" ] && add_host_text hostName "$host_name"
+computer_name=$(/usr/sbin/scutil --get ComputerName 2>/dev/null) && [ -n "$computer_name" ] &&
+	add_host_text localizedName "$computer_name"
+
+# IPv4 addresses (family 2) in the order ifconfig lists the interfaces.
+addresses=$work/addresses.txt
+/sbin/ifconfig 2>/dev/null | awk '
+	/^[^ \t]/ { name = $1; sub(/:$/, "", name) }
+	$1 == "inet" { print name "\t" $2 }' >"$addresses"
+if [ -s "$addresses" ]; then
+	{
+		printf '\t\t<key>interfaces</key>\n\t\t<array>\n'
+		while IFS="$(printf '\t')" read -r interface address; do
+			printf '\t\t\t<dict>\n'
+			printf '\t\t\t\t<key>name</key>\n\t\t\t\t<string>%s</string>\n' "$(xml_escape "$interface")"
+			printf '\t\t\t\t<key>family</key>\n\t\t\t\t<integer>2</integer>\n'
+			printf '\t\t\t\t<key>address</key>\n\t\t\t\t<string>%s</string>\n' "$(xml_escape "$address")"
+			printf '\t\t\t</dict>\n'
+		done <"$addresses"
+		printf '\t\t</array>\n'
+	} >>"$host_xml"
+fi
+
+# Page counts as the host statistics call gives them. vm_stat prints "Pages free" without
+# the speculative pages, which the statistics record counts as free, so they are added back.
+statistics=$(/usr/bin/vm_stat 2>/dev/null | awk '
+	function count(text) { sub(/\.$/, "", text); return text + 0 }
+	/page size of/ { for (i = 1; i <= NF; i++) if ($i == "of") size = $(i + 1) }
+	/^Pages free:/ { free = count($3) }
+	/^Pages speculative:/ { speculative = count($3) }
+	/^Pages active:/ { active = count($3) }
+	/^Pages inactive:/ { inactive = count($3) }
+	/^Pages wired down:/ { wired = count($4) }
+	END {
+		if (size != "" && free != "" && active != "" && inactive != "" && wired != "")
+			printf "%d %d %d %d %d\n", size, free + speculative, active, inactive, wired
+	}')
+if [ -n "$statistics" ]; then
+	# shellcheck disable=SC2086 # five numbers, split on purpose
+	set -- $statistics
+	{
+		printf '\t\t<key>vmStatistics</key>\n\t\t<dict>\n'
+		printf '\t\t\t<key>pageSize</key>\n\t\t\t<integer>%s</integer>\n' "$1"
+		printf '\t\t\t<key>free</key>\n\t\t\t<integer>%s</integer>\n' "$2"
+		printf '\t\t\t<key>active</key>\n\t\t\t<integer>%s</integer>\n' "$3"
+		printf '\t\t\t<key>inactive</key>\n\t\t\t<integer>%s</integer>\n' "$4"
+		printf '\t\t\t<key>wired</key>\n\t\t\t<integer>%s</integer>\n' "$5"
+		printf '\t\t</dict>\n'
+	} >>"$host_xml"
+fi
+
+manifest=$out/manifest.plist
+{
+	printf '<?xml version="1.0" encoding="UTF-8"?>\n'
+	printf '<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">\n'
+	printf '<plist version="1.0">\n<dict>\n'
+	printf '\t<key>commands</key>\n\t<array>\n'
+	cat "$commands_xml"
+	printf '\t</array>\n'
+	printf '\t<key>host</key>\n\t<dict>\n'
+	cat "$host_xml"
+	printf '\t</dict>\n'
+	printf '</dict>\n</plist>\n'
+} >"$manifest"
+
+if [ -x "$PLUTIL" ] && ! "$PLUTIL" -lint -s "$manifest"; then
+	echo "record-mac.sh: the manifest written is not a valid property list: $manifest" >&2
+	exit 1
+fi
+echo "Done: $manifest"
