@@ -8,6 +8,7 @@
 
 #include "tests/agent_folder.h"
 #include "tests/inventory_server.h"
+#include "tests/scan_checks.h"
 
 namespace tarn::testing {
 namespace {
@@ -50,23 +51,6 @@ const std::string kOneSlot = Report(
     "</key><string>BANK 0/DIMM0</string><key>dimm_size</key><string>8 GB</string><key>"
     "dimm_speed</key><string>1867 MHz</string><key>dimm_status</key><string>ok</string>"
     "</dict></array></dict>");
-
-// The rows of one class in the full upload, as "property|instance|value;".
-std::string RowsOfClass(const std::string& body, int classId) {
-  const std::regex row("<WMIFetchedValue VALUE_ID=\"\\d+\" PROPERTY_ID=\"(\\d+)\" CLASS_ID=\"" +
-                       std::to_string(classId) + "\" INSTANCE_ID=\"(\\d+)\" VALUE=\"([^\"]*)\"");
-  std::string rows;
-  for (auto it = std::sregex_iterator(body.begin(), body.end(), row); it != std::sregex_iterator();
-       ++it) {
-    rows += (*it)[1].str() + "|" + (*it)[2].str() + "|" + (*it)[3].str() + ";";
-  }
-  return rows;
-}
-
-bool SnapshotHasClass(const AgentFolder& agent, int classId) {
-  return ReadFileText(agent.data() / "invFullData")
-             .find("<key>" + std::to_string(classId) + "</key>") != std::string::npos;
-}
 
 class CollectorRunTest : public ::testing::Test {
  protected:

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "tests/agent_folder.h"
+#include "tests/scan_checks.h"
 
 namespace tarn::testing {
 namespace {
@@ -20,10 +21,6 @@ std::regex AccessLine(const std::string& modeWord, const std::string& middle) {
   const std::string time = "\\d\\d:\\d\\d:\\d\\d";
   return std::regex("\n\\d\\d-\\d\\d-\\d{4}\t *" + modeWord + "\t   " + time + "\t" + middle +
                     "       " + time + "$");
-}
-
-std::string Padded(const std::string& word, std::size_t width = 15) {
-  return std::string(width > word.size() ? width - word.size() : 0, ' ') + word;
 }
 
 constexpr const char* kStopLine = "int main(int, const char**) [Line 57] main : stopping inventory scan\n";

@@ -8,24 +8,10 @@
 
 #include "tests/agent_folder.h"
 #include "tests/inventory_server.h"
+#include "tests/scan_checks.h"
 
 namespace tarn::testing {
 namespace {
-
-std::string Padded(const std::string& word, std::size_t width = 15) {
-  return std::string(width > word.size() ? width - word.size() : 0, ' ') + word;
-}
-
-// The last access-log line: date, mode, start time, the middle columns, end time.
-bool LastLineIs(const AgentFolder& agent, const std::string& modeWord,
-                const std::vector<std::string>& columns) {
-  std::string middle;
-  for (const std::string& column : columns) middle += "\t" + Padded(column);
-  const std::string time = "\\d\\d:\\d\\d:\\d\\d";
-  const std::regex line("\n\\d\\d-\\d\\d-\\d{4}\t *" + modeWord + "\t   " + time + "\t" + middle +
-                        "       " + time + "$");
-  return std::regex_search(agent.AccessLog(), line);
-}
 
 // The files a failed upload must leave as they were.
 struct RunState {
@@ -37,12 +23,6 @@ struct RunState {
 RunState StateOf(const AgentFolder& agent) {
   return {ReadFileText(agent.data() / "tarninventory_data.plist"),
           ReadFileText(agent.data() / "invFullData")};
-}
-
-// Removes the parts of a difference document that change from run to run (the scan times).
-std::string WithoutScanTimes(std::string body) {
-  return std::regex_replace(body, std::regex("\"(currScanTime|prevScanTime)\": \"\\d+\""),
-                            "\"$1\": \"T\"");
 }
 
 class UploadTest : public ::testing::Test {
