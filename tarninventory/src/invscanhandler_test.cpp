@@ -447,3 +447,47 @@ TEST_F(SystemCollectorTest, ApplicationsReportFailures) {
 
 }  // namespace
 }  // namespace tarn::testing
+
+namespace tarn::testing {
+namespace {
+
+// Damaged reports end the collector that reads them, never the caller (the OS collector
+// excepted: its failures end the run's collection, as its own test shows).
+TEST_F(SystemCollectorTest, DamagedReportsEndOnlyTheirCollector) {
+  const std::string damaged[] = {
+      "",
+      "not a property list",
+      "\xFF\xFE<plist/>",  // not UTF-8
+      "<plist version=\"1.0\"><array/></plist>",
+      "<plist version=\"1.0\"><dict/></plist>",
+      "<plist version=\"1.0\"><array><string>x</string></array></plist>",
+      "<plist version=\"1.0\"><array><dict><key>_items</key><string>x</string></dict></array>"
+      "</plist>",
+      Report("SPAny", "<string>not a dictionary</string>"),
+      Report("SPAny", "<dict><key>_items</key><array><integer>7</integer></array>"
+                      "<key>spdisplays_ndrvs</key><string>x</string><key>IPv4</key>"
+                      "<string>x</string><key>volumes</key><integer>1</integer></dict>"),
+  };
+  const char* const dataTypes[] = {"SPDisplaysDataType",  "SPDiscBurningDataType",
+                                   "SPSerialATADataType", "SPSASDataType",
+                                   "SPUSBDataType",       "SPNetworkDataType",
+                                   "SPPrintersDataType",  "SPMemoryDataType"};
+  for (const std::string& output : damaged) {
+    SCOPED_TRACE(output);
+    for (const char* dataType : dataTypes) Answer(kSystemProfiler, {"-xml", dataType}, output);
+    Answer(kSystemProfiler, kApplications, output);
+    Answer(kDiskutil, {"list", "-plist"}, output);
+    EXPECT_NO_THROW(parser_.FetchInstalledSoftwareInfo());
+    EXPECT_NO_THROW(parser_.FetchVideoControllerInfo());
+    EXPECT_NO_THROW(parser_.FetchCDDriveInfo());
+    EXPECT_NO_THROW(parser_.FetchHDDDetails());
+    EXPECT_NO_THROW(parser_.FetchComputerInfo());
+    EXPECT_NO_THROW(parser_.FetchNetworkAdapterinfo());
+    EXPECT_NO_THROW(parser_.FetchSystemEnclosure());
+    EXPECT_NO_THROW(parser_.FetchPrinterInfo());
+    EXPECT_NO_THROW(parser_.FetchPhysicalMemoryInfo());
+  }
+}
+
+}  // namespace
+}  // namespace tarn::testing
