@@ -68,7 +68,8 @@ class AgentFolder {
 
   // Gives the computer a resource id, so a run does not need the server for one.
   void WriteResourceId(const std::string& id) const {
-    WritePlist(data() / "resource.plist", "\t<key>RESOURCEID</key>\n\t<string>" + id + "</string>\n");
+    WritePlist(data() / "resource.plist",
+               "\t<key>RESOURCEID</key>\n\t<string>" + id + "</string>\n");
   }
 
   struct RecordedOutput {
@@ -129,15 +130,22 @@ class AgentFolder {
                const std::string& customerName = "Example Customer") const {
     WritePlist(data() / "serverinfo.plist",
                "\t<key>tarnlastaccessname</key>\n\t<string>127.0.0.1</string>\n"
-               "\t<key>SERVERPROTOCOL</key>\n\t<string>" + protocol + "</string>\n"
-               "\t<key>SERVERPORT</key>\n\t<string>" + std::to_string(port) + "</string>\n"
-               "\t<key>SERVERSECUREPORT</key>\n\t<string>" + std::to_string(port) +
-               "</string>\n"
-               "\t<key>CUSTOMERID</key>\n\t<string>1</string>\n"
-               "\t<key>CUSTOMERNAME</key>\n\t<string>" + customerName + "</string>\n"
-               "\t<key>MSPNAME</key>\n\t<string>Example MSP</string>\n"
-               "\t<key>REMOTEOFFICEID</key>\n\t<string>301</string>\n"
-               "\t<key>MAC_DOMAIN</key>\n\t<string>macosgroup</string>\n");
+               "\t<key>SERVERPROTOCOL</key>\n\t<string>" +
+                   protocol +
+                   "</string>\n"
+                   "\t<key>SERVERPORT</key>\n\t<string>" +
+                   std::to_string(port) +
+                   "</string>\n"
+                   "\t<key>SERVERSECUREPORT</key>\n\t<string>" +
+                   std::to_string(port) +
+                   "</string>\n"
+                   "\t<key>CUSTOMERID</key>\n\t<string>1</string>\n"
+                   "\t<key>CUSTOMERNAME</key>\n\t<string>" +
+                   customerName +
+                   "</string>\n"
+                   "\t<key>MSPNAME</key>\n\t<string>Example MSP</string>\n"
+                   "\t<key>REMOTEOFFICEID</key>\n\t<string>301</string>\n"
+                   "\t<key>MAC_DOMAIN</key>\n\t<string>macosgroup</string>\n");
     std::filesystem::remove(data() / "dupserverinfo.plist");
   }
 
@@ -145,8 +153,8 @@ class AgentFolder {
   void UseMachine(const std::string& name) const {
     WritePlist(data() / "agent-conf.plist",
                "\t<key>Loglevel</key><integer>3</integer>\n"
-               "\t<key>TOOL_REPLAY_DIRECTORY</key><string>" + std::string(TARN_SOURCE_DIR) +
-                   "/testdata/machines/" + name + "</string>\n");
+               "\t<key>TOOL_REPLAY_DIRECTORY</key><string>" +
+                   std::string(TARN_SOURCE_DIR) + "/testdata/machines/" + name + "</string>\n");
   }
 
   static void WritePlist(const std::filesystem::path& path, const std::string& dictionaryBody) {

@@ -45,12 +45,12 @@ std::vector<AgentFolder::RecordedOutput> SmallMachine(const std::string& memoryR
   };
 }
 
-const std::string kOneSlot = Report(
-    "SPMemoryDataType",
-    "<dict><key>_name</key><string>memory</string><key>_items</key><array><dict><key>_name"
-    "</key><string>BANK 0/DIMM0</string><key>dimm_size</key><string>8 GB</string><key>"
-    "dimm_speed</key><string>1867 MHz</string><key>dimm_status</key><string>ok</string>"
-    "</dict></array></dict>");
+const std::string kOneSlot =
+    Report("SPMemoryDataType",
+           "<dict><key>_name</key><string>memory</string><key>_items</key><array><dict><key>_name"
+           "</key><string>BANK 0/DIMM0</string><key>dimm_size</key><string>8 GB</string><key>"
+           "dimm_speed</key><string>1867 MHz</string><key>dimm_status</key><string>ok</string>"
+           "</dict></array></dict>");
 
 class CollectorRunTest : public ::testing::Test {
  protected:
@@ -85,8 +85,8 @@ TEST_F(CollectorRunTest, TheMemoryArrayIsTheLastValueAndFilesEveryInstance) {
 }
 
 TEST_F(CollectorRunTest, AMemoryCollectorThatEndsLeavesTheLastInstanceUnfiled) {
-  const std::string body = FullUpload(
-      SmallMachine(kPlistHead + "<array/>\n</plist>\n", "hw.memsize: 8589934592\n"));
+  const std::string body =
+      FullUpload(SmallMachine(kPlistHead + "<array/>\n</plist>\n", "hw.memsize: 8589934592\n"));
   // Uploaded as recorded, but the enclosure, gathered last, never reached the snapshot.
   EXPECT_EQ(RowsOfClass(body, 24), "2401|1|2;2402|1|-;");
   EXPECT_EQ(RowsOfClass(body, 27) + RowsOfClass(body, 28), "");
@@ -119,7 +119,9 @@ TEST_F(CollectorRunTest, LongAndNonAsciiNamesKeepTheFullDocumentWellFormed) {
   // "Büro-Mäc" as the host name: the computer name keeps its non-ASCII letters.
   const auto manifest = agent_.data() / "machine" / "manifest.plist";
   std::string text = ReadFileText(manifest);
-  text.replace(text.find("test-mac.local"), 14, "B\xC3\xBCro-M\xC3\xA4" "c.local");
+  text.replace(text.find("test-mac.local"), 14,
+               "B\xC3\xBCro-M\xC3\xA4"
+               "c.local");
   WriteFileText(manifest, text);
   agent_.ServeAt(server_.port(), "http", customer);
   ASSERT_EQ(agent_.Run({"assetscan"}).exitCode, 0);
@@ -129,7 +131,8 @@ TEST_F(CollectorRunTest, LongAndNonAsciiNamesKeepTheFullDocumentWellFormed) {
                       customer + "\" />\n"),
             std::string::npos);
   EXPECT_NE(body.find("<WMIData OWNER_SID=\"S-1-1-0\" DATA_STATUS=\"0\" CLASS_FILTER=\"0\" "
-                      "COMPUTER_NAME=\"b\xC3\xBCro-m\xC3\xA4" "c\" NAME_SPACE=\"macosgroup\" "
+                      "COMPUTER_NAME=\"b\xC3\xBCro-m\xC3\xA4"
+                      "c\" NAME_SPACE=\"macosgroup\" "
                       "IS_LOCAL=\"0\" />\n"),
             std::string::npos)
       << body.substr(0, 400);
@@ -160,7 +163,8 @@ TEST_F(CollectorRunTest, WithoutSwVersADifferenceRequestBecomesAFullScan) {
   ASSERT_EQ(server_.Uploads().size(), 2u);
   EXPECT_NE(server_.Uploads()[1].target.find("&scanType=1&jsonFormat=0&"), std::string::npos);
   // The OS values that had no source.
-  EXPECT_NE(RowsOfClass(server_.Uploads()[1].body, 1).find("102|1|0;102|1|0;101|1|(null) - Unknown;103|1|(null) - Unknown;"),
+  EXPECT_NE(RowsOfClass(server_.Uploads()[1].body, 1)
+                .find("102|1|0;102|1|0;101|1|(null) - Unknown;103|1|(null) - Unknown;"),
             std::string::npos)
       << RowsOfClass(server_.Uploads()[1].body, 1);
 }

@@ -28,11 +28,11 @@ struct ReceivedRequest {
 
 // What the server does with an upload or a resource request.
 enum class Answer {
-  kAccept,            // 200 with the server's header
-  kWithoutHeader,     // 200 without the server's header
-  kServerError,       // 500
-  kSlow,              // waits longer than the client's 30-second limit
-  kCloseMidAnswer,    // announces a body and closes the connection in its middle
+  kAccept,          // 200 with the server's header
+  kWithoutHeader,   // 200 without the server's header
+  kServerError,     // 500
+  kSlow,            // waits longer than the client's 30-second limit
+  kCloseMidAnswer,  // announces a body and closes the connection in its middle
 };
 
 // A self-signed certificate and key for 127.0.0.1, made with the openssl command.
@@ -40,9 +40,10 @@ class SelfSignedCertificate {
  public:
   explicit SelfSignedCertificate(const std::filesystem::path& folder)
       : certificate_(folder / "server.crt"), key_(folder / "server.key") {
-    const std::string command = "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj "
-                                "/CN=127.0.0.1 -keyout '" + key_.string() + "' -out '" +
-                                certificate_.string() + "' >/dev/null 2>&1";
+    const std::string command =
+        "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj "
+        "/CN=127.0.0.1 -keyout '" +
+        key_.string() + "' -out '" + certificate_.string() + "' >/dev/null 2>&1";
     made_ = std::system(command.c_str()) == 0;
   }
   bool made() const { return made_; }

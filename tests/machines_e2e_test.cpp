@@ -36,8 +36,9 @@ std::string Repeat(const std::string& pattern, int instance) {
 
 const std::string kNetworkFillers =
     "2206|%|-;2207|%|-;2211|%|-;2213|%|-;2214|%|-;2215|%|-;2216|%|-;2217|%|-;2218|%|-;";
-const std::string kPrinterFillers = "2502|%|-;2503|%|-;2504|%|-;2505|%|-;2506|%|-;2507|%|-;"
-                                    "2508|%|-;2509|%|-;2512|%|-;2513|%|-;2514|%|-;2515|%|-;2516|%|-;";
+const std::string kPrinterFillers =
+    "2502|%|-;2503|%|-;2504|%|-;2505|%|-;2506|%|-;2507|%|-;"
+    "2508|%|-;2509|%|-;2512|%|-;2513|%|-;2514|%|-;2515|%|-;2516|%|-;";
 const std::string kVideoFillers = "702|1|-;706|1|-;707|1|-;708|1|-;709|1|-;710|1|-;";
 const std::string kDiskFillers = "1307|%|-;1308|%|-;1309|%|-;";
 
@@ -69,32 +70,35 @@ const Machine kMachines[] = {
     {"imac-fusion",
      327,  // 326 applications: the installed agent copy is outside this test's base path
      {
-         {1, "105|1|3505968;106|1|3249380;107|1|-;108|1|17179869184;102|1|10.11.6;113|1|15G31;"
-             "101|1|Mac OS X - El Capitan;103|1|Mac OS X - El Capitan 10.11.6;104|1|Apple Inc.;"
-             "110|1|-;111|1|-;112|1|-;114|1|0;115|1|0;117|328|327;118|1|-;109|1|C02VK4FXJ1GJ;"},
+         {1,
+          "105|1|3505968;106|1|3249380;107|1|-;108|1|17179869184;102|1|10.11.6;113|1|15G31;"
+          "101|1|Mac OS X - El Capitan;103|1|Mac OS X - El Capitan 10.11.6;104|1|Apple Inc.;"
+          "110|1|-;111|1|-;112|1|-;114|1|0;115|1|0;117|328|327;118|1|-;109|1|C02VK4FXJ1GJ;"},
          {3, "301|1|Quad-Core Intel Core i7;306|1|198;302|1|3;303|1|4200;313|1|4;", true},
          {13, "1301|1|APPLE HDD ST1000DM003" + std::string(19, ' ') +
                   ";1302|1|-;1303|1|Fusion Drive;1304|1|-;1305|1|disk1;1306|1|1204241956864;" +
                   Repeat(kDiskFillers, 1) + "1310|1|APPLE HDD ST1000DM003;1311|1|Z1D9K3QW;"},
-         {4, FixedVolume(1, "/Volumes/BOOTCAMP", "BOOTCAMP", "NTFS", "129448861696",
-                         "76260810752", "56CFED81-2124-4EE6-A759-76E4A8560D8E", "disk1s4",
-                         "disk1") +
-                 FixedVolume(2, "/", "Macintosh HD", "Journaled HFS+", "1073038622720",
-                             "658083414016", "35FB34CF-13D4-350B-9274-3E25DAEB7B7F", "disk2",
-                             "disk1")},
+         {4,
+          FixedVolume(1, "/Volumes/BOOTCAMP", "BOOTCAMP", "NTFS", "129448861696", "76260810752",
+                      "56CFED81-2124-4EE6-A759-76E4A8560D8E", "disk1s4", "disk1") +
+              FixedVolume(2, "/", "Macintosh HD", "Journaled HFS+", "1073038622720", "658083414016",
+                          "35FB34CF-13D4-350B-9274-3E25DAEB7B7F", "disk2", "disk1")},
          {7, "701|1|AMD Radeon Pro 580;703|1|0;704|1|5120;705|1|2880;" + kVideoFillers},
          {12, "1201|1|HL-DT-ST DVDRW  GA32N;1202|1|-;1203|1|-;1204|1|-;1205|1|-;1206|1|-;"},
-         {20, "2002|1|studio-imac;2004|1|macosgroup;2007|1|Apple Inc.;2008|1|iMac;"
-              "2009|1|studio-imac;2010|1|8;2012|1|17179869184;2014|1|alice,alice;",
+         {20,
+          "2002|1|studio-imac;2004|1|macosgroup;2007|1|Apple Inc.;2008|1|iMac;"
+          "2009|1|studio-imac;2010|1|8;2012|1|17179869184;2014|1|alice,alice;",
           true},
-         {22, "2201|1|Ethernet;2202|1|38:c9:86:1f:4c:e2;2203|1|corp.example;"
-              "2204|1|Studio-iMac.local;2209|1|10.40.12.57;2205|1|TRUE;2210|1|10.40.12.1;"
-              "2212|1|255.255.255.0;2208|1|10.40.0.5;" +
-                  Repeat(kNetworkFillers, 1)},
+         {22,
+          "2201|1|Ethernet;2202|1|38:c9:86:1f:4c:e2;2203|1|corp.example;"
+          "2204|1|Studio-iMac.local;2209|1|10.40.12.57;2205|1|TRUE;2210|1|10.40.12.1;"
+          "2212|1|255.255.255.0;2208|1|10.40.0.5;" +
+              Repeat(kNetworkFillers, 1)},
          {24, "2401|1|1001;2402|1|-;"},
-         {25, "2501|1|Imprimante \xC3\xA9tage 2;2511|1|idle;2510|1|dnssd://Imprimante "
-              "\xC3\xA9tage 2._ipp._tcp.local./?uuid=6b1e0a3c-2f4d-4c8e-9a7b-1d2e3f405162;" +
-                  Repeat(kPrinterFillers, 1)},
+         {25,
+          "2501|1|Imprimante \xC3\xA9tage 2;2511|1|idle;2510|1|dnssd://Imprimante "
+          "\xC3\xA9tage 2._ipp._tcp.local./?uuid=6b1e0a3c-2f4d-4c8e-9a7b-1d2e3f405162;" +
+              Repeat(kPrinterFillers, 1)},
          {27, MemorySlot(1, "8589934592", "1867", "BANK 0/DIMM0", 0) +
                   MemorySlot(2, "8589934592", "1867", "BANK 0/DIMM1", 2)},
          {28, MemoryArray(2, "17179869184")},
@@ -102,20 +106,23 @@ const Machine kMachines[] = {
     {"macbook-m1",
      41,
      {
-         {1, "105|1|3867184;106|1|979744;107|1|-;108|1|17179869184;102|1|14.4.1;113|1|23E224;"
-             "101|1|macOS - Unknown;103|1|14.4.1 - Unknown;",
+         {1,
+          "105|1|3867184;106|1|979744;107|1|-;108|1|17179869184;102|1|14.4.1;113|1|23E224;"
+          "101|1|macOS - Unknown;103|1|14.4.1 - Unknown;",
           true},
          {3, "301|1|-;306|1|2;302|1|3;303|1|-;313|1|proc 10:8:2;", true},
          {13, ""},  // no Serial-ATA report and an empty SAS report: no internal disk
-         {4, FixedVolume(1, "/System/Volumes/iSCPreboot", "iSCPreboot", "APFS", "562949952",
-                         "541012480", "82EE92A2-5277-4E53-AB72-5CB921B49AA8", "disk1s1", "-"),
+         {4,
+          FixedVolume(1, "/System/Volumes/iSCPreboot", "iSCPreboot", "APFS", "562949952",
+                      "541012480", "82EE92A2-5277-4E53-AB72-5CB921B49AA8", "disk1s1", "-"),
           true},
          {7, "701|1|Apple M1 Pro;703|1|-;704|1|1512;705|1|982;" + kVideoFillers},
          {12, ""},
-         {22, "2201|1|Wi-Fi;2202|1|3c:a6:f6:52:0e:9b;2203|1|-;2204|1|Alices-MacBook-Pro.local;"
-              "2209|1|192.168.178.34;2205|1|TRUE;2210|1|192.168.178.1;2212|1|255.255.255.0;"
-              "2208|1|192.168.178.1;" +
-                  Repeat(kNetworkFillers, 1)},
+         {22,
+          "2201|1|Wi-Fi;2202|1|3c:a6:f6:52:0e:9b;2203|1|-;2204|1|Alices-MacBook-Pro.local;"
+          "2209|1|192.168.178.34;2205|1|TRUE;2210|1|192.168.178.1;2212|1|255.255.255.0;"
+          "2208|1|192.168.178.1;" +
+              Repeat(kNetworkFillers, 1)},
          {24, "2401|1|1004;2402|1|-;"},
          {25, ""},
          {27, ""},
@@ -125,46 +132,48 @@ const Machine kMachines[] = {
      80,
      {
          {3, "301|1|Quad-Core Intel Xeon E5;306|1|179;302|1|3;303|1|3700;313|1|4;", true},
-         {13, "1301|1|ST2000NM0023;1302|1|-;1303|1|Disk drive;1304|1|-;1305|1|disk0;"
-              "1306|1|2147911991296;" +
-                  Repeat(kDiskFillers, 1) +
-                  "1310|1|SEAGATE ST2000NM0023;1311|1|Z1X4K7PQ;"
-                  "1301|2|HUS724040ALS640;1302|2|-;1303|2|Disk drive;1304|2|-;1305|2|disk1;"
-                  "1306|2|4295812186112;" +
-                  Repeat(kDiskFillers, 2) +
-                  "1310|2|HGST HUS724040ALS640;1311|2|PCJ9R2LX;"
-                  "1301|3|DataTraveler 3.0;1302|3|Kingston;1303|3|removable - DataTraveler 3.0 "
-                  "0x0951  (Kingston Technology Company);1304|3|-;1305|3|disk2;1306|3|0;" +
-                  Repeat(kDiskFillers, 3) + "1310|3|DataTraveler 3.0;1311|3|08606E6B6446BFA1C7E4AA12;"},
-         {4, FixedVolume(1, "/", "Macintosh HD", "Journaled HFS+", "2146957393920",
-                         "1383422361600", "BD6099A1-BEF5-33C5-BA3D-C8BBBB3CCAC5", "disk0s2",
-                         "disk0") +
-                 FixedVolume(2, "/Volumes/Projects", "Projects", "Journaled HFS+",
-                             "4295424999424", "985947897856",
-                             "4E96C517-6C6C-32A9-818A-34BC13CD02B0", "disk1s2", "disk0") +
+         {13,
+          "1301|1|ST2000NM0023;1302|1|-;1303|1|Disk drive;1304|1|-;1305|1|disk0;"
+          "1306|1|2147911991296;" +
+              Repeat(kDiskFillers, 1) +
+              "1310|1|SEAGATE ST2000NM0023;1311|1|Z1X4K7PQ;"
+              "1301|2|HUS724040ALS640;1302|2|-;1303|2|Disk drive;1304|2|-;1305|2|disk1;"
+              "1306|2|4295812186112;" +
+              Repeat(kDiskFillers, 2) +
+              "1310|2|HGST HUS724040ALS640;1311|2|PCJ9R2LX;"
+              "1301|3|DataTraveler 3.0;1302|3|Kingston;1303|3|removable - DataTraveler 3.0 "
+              "0x0951  (Kingston Technology Company);1304|3|-;1305|3|disk2;1306|3|0;" +
+              Repeat(kDiskFillers, 3) + "1310|3|DataTraveler 3.0;1311|3|08606E6B6446BFA1C7E4AA12;"},
+         {4, FixedVolume(1, "/", "Macintosh HD", "Journaled HFS+", "2146957393920", "1383422361600",
+                         "BD6099A1-BEF5-33C5-BA3D-C8BBBB3CCAC5", "disk0s2", "disk0") +
+                 FixedVolume(2, "/Volumes/Projects", "Projects", "Journaled HFS+", "4295424999424",
+                             "985947897856", "4E96C517-6C6C-32A9-818A-34BC13CD02B0", "disk1s2",
+                             "disk0") +
                  "401|3|/Volumes/TRANSFER;402|3|Removable Disk : TRANSFER;403|3|2;404|3|11;"
                  "405|3|MS-DOS FAT32;406|3|16631169024;407|3|10600664064;"
                  "408|3|7D8AEA0D-0F6F-327C-9E3F-716CEFD9E1A9;409|3|-;410|3|disk2s1;411|3|disk2;"},
          {7, "701|1|AMD FirePro D300;703|1|2147483648;704|1|1920;705|1|1200;" + kVideoFillers},
          {20, "2002|1|lab-macpro;2004|1|macosgroup;2007|1|Apple Inc.;2008|1|Mac Pro;", true},
-         {22, "2201|1|Ethernet 1;2202|1|68:5b:35:a1:0c:4e;2203|1|lab.example;"
-              "2204|1|lab-macpro.lab.example;2209|1|172.16.20.31;2205|1|TRUE;2210|1|172.16.20.1;"
-              "2212|1|255.255.255.0;2208|1|172.16.20.2;" +
-                  Repeat(kNetworkFillers, 1) +
-                  "2201|2|Ethernet 2;2202|2|68:5b:35:a1:0c:4f;2203|2|-;"
-                  "2204|2|lab-macpro.lab.example;2209|2|10.20.30.40,10.20.30.41;2205|2|FALSE;"
-                  "2210|2|10.20.30.1;2212|2|255.255.255.0;2208|2|-;" +
-                  Repeat(kNetworkFillers, 2) +
-                  "2201|3|Lab VPN (L2TP);2202|3|-;2203|3|-;2204|3|lab-macpro.lab.example;"
-                  "2209|3|10.8.0.12;2205|3|FALSE;2210|3|10.8.0.1;2212|3|-;2208|3|-;" +
-                  Repeat(kNetworkFillers, 3)},
+         {22,
+          "2201|1|Ethernet 1;2202|1|68:5b:35:a1:0c:4e;2203|1|lab.example;"
+          "2204|1|lab-macpro.lab.example;2209|1|172.16.20.31;2205|1|TRUE;2210|1|172.16.20.1;"
+          "2212|1|255.255.255.0;2208|1|172.16.20.2;" +
+              Repeat(kNetworkFillers, 1) +
+              "2201|2|Ethernet 2;2202|2|68:5b:35:a1:0c:4f;2203|2|-;"
+              "2204|2|lab-macpro.lab.example;2209|2|10.20.30.40,10.20.30.41;2205|2|FALSE;"
+              "2210|2|10.20.30.1;2212|2|255.255.255.0;2208|2|-;" +
+              Repeat(kNetworkFillers, 2) +
+              "2201|3|Lab VPN (L2TP);2202|3|-;2203|3|-;2204|3|lab-macpro.lab.example;"
+              "2209|3|10.8.0.12;2205|3|FALSE;2210|3|10.8.0.1;2212|3|-;2208|3|-;" +
+              Repeat(kNetworkFillers, 3)},
          {24, "2401|1|1002;2402|1|-;"},
-         {25, "2501|1|HP LaserJet Pro M402dn;2511|1|idle;2510|1|ipp://printer.lab.example/ipp/"
-              "print;" +
-                  Repeat(kPrinterFillers, 1) +
-                  "2501|2|Plotter 3rd Floor;2511|2|stopped;2510|2|smb://filesrv.lab.example/"
-                  "Plotter 3rd Floor;" +
-                  Repeat(kPrinterFillers, 2)},
+         {25,
+          "2501|1|HP LaserJet Pro M402dn;2511|1|idle;2510|1|ipp://printer.lab.example/ipp/"
+          "print;" +
+              Repeat(kPrinterFillers, 1) +
+              "2501|2|Plotter 3rd Floor;2511|2|stopped;2510|2|smb://filesrv.lab.example/"
+              "Plotter 3rd Floor;" +
+              Repeat(kPrinterFillers, 2)},
          {27, MemorySlot(1, "17179869184", "1866", "DIMM 1", 0) +
                   MemorySlot(2, "8589934592", "1866", "DIMM 3", 2) +
                   MemorySlot(3, "8589934592", "1866", "DIMM 5", 4) +
@@ -174,15 +183,17 @@ const Machine kMachines[] = {
     {"sparse",
      1,
      {
-         {1, "105|1|0;106|1|0;107|1|-;108|1|8589934592;102|1|0;102|1|0;"
-             "101|1|(null) - Unknown;103|1|(null) - Unknown;104|1|Apple Inc.;110|1|-;111|1|-;"
-             "112|1|-;114|1|0;115|1|0;117|2|1;118|1|-;"},
+         {1,
+          "105|1|0;106|1|0;107|1|-;108|1|8589934592;102|1|0;102|1|0;"
+          "101|1|(null) - Unknown;103|1|(null) - Unknown;104|1|Apple Inc.;110|1|-;111|1|-;"
+          "112|1|-;114|1|0;115|1|0;117|2|1;118|1|-;"},
          {3, "304|1|-;305|1|-;307|1|-;308|1|-;309|1|-;310|1|-;311|1|-;312|1|-;"},
          {4, ""},
          {7, ""},
          {13, ""},
-         {20, "2002|1|build-vm-07;2004|1|macosgroup;2007|1|Apple Inc.;2008|1|-;"
-              "2009|1|build-vm-07;2010|1|2;2012|1|8589934592;2014|1|-;",
+         {20,
+          "2002|1|build-vm-07;2004|1|macosgroup;2007|1|Apple Inc.;2008|1|-;"
+          "2009|1|build-vm-07;2010|1|2;2012|1|8589934592;2014|1|-;",
           true},
          {22, ""},
          {24, "2401|1|2;2402|1|-;"},
@@ -253,9 +264,14 @@ TEST(MachineScan, ApplicationsKeepTheirNamesAndLeaveOutTheAgentAndDuplicates) {
   EXPECT_EQ(count("|Orvane Tarnwell - Agent;"), 0u);  // neither copy is in this base path
   EXPECT_EQ(count("|Brother iPrint&amp;Scan;"), 1u);
   // Decomposed accents as the tool printed them.
-  EXPECT_EQ(count("|Pre\xCC\x81" "fe\xCC\x81" "rences Syste\xCC\x80" "me;"), 1u);
+  EXPECT_EQ(count("|Pre\xCC\x81"
+                  "fe\xCC\x81"
+                  "rences Syste\xCC\x80"
+                  "me;"),
+            1u);
   // An application without a version is recorded with "-".
-  EXPECT_TRUE(std::regex_search(rows, std::regex("1801\\|(\\d+)\\|Sauvegarde projets;1802\\|\\1\\|-;")));
+  EXPECT_TRUE(
+      std::regex_search(rows, std::regex("1801\\|(\\d+)\\|Sauvegarde projets;1802\\|\\1\\|-;")));
 }
 
 TEST(MachineScan, TheChangedMachineSendsItsDifference) {
@@ -272,9 +288,15 @@ TEST(MachineScan, TheChangedMachineSendsItsDifference) {
   auto application = [](const std::string& name, const std::string& version,
                         const std::string& info, const std::string& path) {
     return "        {\n"
-           "          \"1801\": \"" + name + "\",\n"
-           "          \"1802\": \"" + version + "\",\n"
-           "          \"1803\": \"" + info + "\",\n"
+           "          \"1801\": \"" +
+           name +
+           "\",\n"
+           "          \"1802\": \"" +
+           version +
+           "\",\n"
+           "          \"1803\": \"" +
+           info +
+           "\",\n"
            "          \"1804\": \"-\",\n"
            "          \"1805\": \"-\",\n"
            "          \"1806\": \"-\",\n"
@@ -283,7 +305,9 @@ TEST(MachineScan, TheChangedMachineSendsItsDifference) {
            "          \"1809\": \"-\",\n"
            "          \"1810\": \"Not available\",\n"
            "          \"1811\": \"-\",\n"
-           "          \"1812\": \"" + path + "\",\n"
+           "          \"1812\": \"" +
+           path +
+           "\",\n"
            "          \"1813\": \"-\",\n"
            "          \"1814\": \"-\",\n"
            "          \"1815\": \"-\"\n"

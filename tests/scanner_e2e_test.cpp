@@ -23,7 +23,8 @@ std::regex AccessLine(const std::string& modeWord, const std::string& middle) {
                     "       " + time + "$");
 }
 
-constexpr const char* kStopLine = "int main(int, const char**) [Line 57] main : stopping inventory scan\n";
+constexpr const char* kStopLine =
+    "int main(int, const char**) [Line 57] main : stopping inventory scan\n";
 
 TEST(ScannerRun, WrongOrMissingArgumentsStopWithACompleteInvalidArgsLine) {
   AgentFolder agent("args");
@@ -41,8 +42,9 @@ TEST(ScannerRun, WrongOrMissingArgumentsStopWithACompleteInvalidArgsLine) {
   const std::string access = agent.AccessLog();
   ASSERT_EQ(access.rfind(kHeader, 0), 0u) << access;
   const std::string lines = access.substr(kHeader.size());
-  const std::string line = "\n\\d\\d-\\d\\d-\\d{4}\tInvalidArgs\t   \\d\\d:\\d\\d:\\d\\d\t"
-                           "       \\d\\d:\\d\\d:\\d\\d";
+  const std::string line =
+      "\n\\d\\d-\\d\\d-\\d{4}\tInvalidArgs\t   \\d\\d:\\d\\d:\\d\\d\t"
+      "       \\d\\d:\\d\\d:\\d\\d";
   EXPECT_TRUE(std::regex_match(lines, std::regex(line + line))) << lines;
 
   const std::string scanLog = agent.ScanLog();
@@ -153,8 +155,9 @@ TEST(ScannerRun, WithoutAResourceIdNothingIsCollected) {
       << agent.AccessLog();
   // The collectors' own load of the inventory dictionary never happened.
   const std::string scanLog = agent.ScanLog();
-  const auto refused = scanLog.find("ResourceID is not present, hence inventory data will be "
-                                    "posted in next refresh cycle\n");
+  const auto refused = scanLog.find(
+      "ResourceID is not present, hence inventory data will be "
+      "posted in next refresh cycle\n");
   ASSERT_NE(refused, std::string::npos) << scanLog;
   EXPECT_EQ(scanLog.find("/data-dictionary-inv.xml\n", refused), std::string::npos);
 }

@@ -120,8 +120,7 @@ TEST_F(UploadTest, WithoutAResourceIdTheServerIsAskedAndARefusalStopsTheRun) {
     EXPECT_TRUE(LastLineIs(agent, "Scheduled", {"ResIDNotfound", "---"})) << agent.AccessLog();
     EXPECT_TRUE(server.Uploads().empty());
     // No collector ran.
-    EXPECT_EQ(agent.ScanLog().find("Calling FetchInstalledSoftwareInfo method"),
-              std::string::npos);
+    EXPECT_EQ(agent.ScanLog().find("Calling FetchInstalledSoftwareInfo method"), std::string::npos);
   }
   AgentFolder agent("resid-down");
   agent.UseMachine("macbook-sample");

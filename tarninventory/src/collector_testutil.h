@@ -91,8 +91,8 @@ class CollectorTest : public ::testing::Test {
     for (const auto& row : table->rows) {
       if (row->values[2]->Read<std::int32_t>() != classId) continue;
       text += std::to_string(row->values[1]->Read<std::int32_t>()) + "|" +
-              std::to_string(row->values[3]->Read<std::int32_t>()) + "|" +
-              row->values[4]->c_str() + ";";
+              std::to_string(row->values[3]->Read<std::int32_t>()) + "|" + row->values[4]->c_str() +
+              ";";
     }
     return text;
   }

@@ -7,6 +7,7 @@
 #include "platform/console_log.h"
 #include "platform/exception/platform_exception.h"
 #include "platform/plist/plist_io.h"
+#include "tarninventory/src/tarninventoryutil.h"
 #include "tarnutils/src/TarnStringutil.h"
 #include "tarnutils/src/TarnSystemutil_mac.h"
 
@@ -36,6 +37,22 @@ std::string CurrentDirectory() {
   std::error_code error;
   const std::filesystem::path current = std::filesystem::current_path(error);
   return error ? std::string() : current.string();
+}
+
+void RecordValue(std::int32_t propertyId, std::int32_t classId, std::int32_t instance,
+                 const std::optional<std::string>& value) {
+  AddRowWMIFetchValueTable(propertyId, classId, instance, 0, value);
+}
+
+void RecordFillers(std::int32_t classId, std::int32_t instance,
+                   std::initializer_list<std::int32_t> propertyIds) {
+  for (const std::int32_t propertyId : propertyIds) {
+    RecordValue(propertyId, classId, instance, kFiller);
+  }
+}
+
+std::optional<std::string> TextAt(const PlistPtr& dictionary, std::string_view key) {
+  return TextOf(ValueForKey(dictionary, key));
 }
 
 std::string adjustBytes(const PlistPtr& number) {
@@ -77,10 +94,9 @@ PlistPtr ProplistXMLParser::GetItemsArrayfromPropertylist(
 PlistPtr ProplistXMLParser::GetArrayObjectFromPlist(const std::string& path) {
   const PlistPtr report = ReadPlistFile(path);
   if (!report) {
-    ConsoleLog("Error: %s\n",
-               ("The file \"" + path +
-                "\" couldn't be read because it isn't in the correct format.")
-                   .c_str());
+    ConsoleLog("Error: %s\n", ("The file \"" + path +
+                               "\" couldn't be read because it isn't in the correct format.")
+                                  .c_str());
     return nullptr;
   }
   return ValueForKey(ObjectAtIndex(report, 0), "_items");

@@ -14,9 +14,11 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -46,6 +48,15 @@ std::int64_t IntegerValueOf(const PlistPtr& value);
 // The process's current directory, the parent of the collectors' private
 // folders; empty when it cannot be had.
 std::string CurrentDirectory();
+
+// Records one value of an instance (flag 0, as every collector records).
+void RecordValue(std::int32_t propertyId, std::int32_t classId, std::int32_t instance,
+                 const std::optional<std::string>& value);
+// Records the filler "-" for each property id, in the order given.
+void RecordFillers(std::int32_t classId, std::int32_t instance,
+                   std::initializer_list<std::int32_t> propertyIds);
+// The text of a report dictionary's value for the key; absent when missing.
+std::optional<std::string> TextAt(const PlistPtr& dictionary, std::string_view key);
 
 // The piece after the first ": " of a tool's output line. Raises
 // PlatformException (index past the end) when there is none.

@@ -25,20 +25,6 @@ constexpr const char* kVideoSignature = "-[ProplistXMLParser FetchVideoControlle
 
 using OptText = std::optional<std::string>;
 
-void Record(std::int32_t propertyId, std::int32_t classId, std::int32_t instance,
-            const OptText& value) {
-  AddRowWMIFetchValueTable(propertyId, classId, instance, 0, value);
-}
-
-void RecordFillers(std::int32_t classId, std::int32_t instance,
-                   std::initializer_list<std::int32_t> propertyIds) {
-  for (const std::int32_t propertyId : propertyIds) Record(propertyId, classId, instance, kFiller);
-}
-
-OptText Text(const PlistPtr& dictionary, std::string_view key) {
-  return TextOf(ValueForKey(dictionary, key));
-}
-
 // The addresses joined with ",": a comma goes before an address only when the text built
 // so far is longer than one character.
 std::string JoinAddresses(const PlistPtr& addresses) {
@@ -99,56 +85,56 @@ void ProplistXMLParser::RecordNetworkAdapters(const PlistPtr& items) {
     if (Count(addresses) == 0) continue;
     ConsoleWhere(kNetworkSignature, __LINE__, "Fetch ethernet card information\n");
 
-    const OptText name = Text(service, "_name");
+    const OptText name = TextAt(service, "_name");
     ConsoleWhere(kNetworkSignature, __LINE__, "Network adaptor name: %s\n", Describe(name));
-    Record(2201, kNetworkClass, instance, name);
-    const OptText mac = Text(ValueForKey(service, "Ethernet"), "MAC Address");
+    RecordValue(2201, kNetworkClass, instance, name);
+    const OptText mac = TextAt(ValueForKey(service, "Ethernet"), "MAC Address");
     ConsoleWhere(kNetworkSignature, __LINE__, "Network adaptor MAC Addr: %s\n", Describe(mac));
-    Record(2202, kNetworkClass, instance, mac);
+    RecordValue(2202, kNetworkClass, instance, mac);
 
-    const OptText domain = Text(ValueForKey(service, "DNS"), "DomainName");
+    const OptText domain = TextAt(ValueForKey(service, "DNS"), "DomainName");
     if (domain) {
       ConsoleWhere(kNetworkSignature, __LINE__, "DNS domain name: %s\n", domain->c_str());
     } else {
       ConsoleWhere(kNetworkSignature, __LINE__, "DNS domain name is not found\n");
     }
-    Record(2203, kNetworkClass, instance, domain ? *domain : kFiller);
+    RecordValue(2203, kNetworkClass, instance, domain ? *domain : kFiller);
 
     // The tool's line end stays on the host name; recording ends the value there.
     const OptText hostOutput = GetOutputForExecution(kSysctl, {"kern.hostname"});
     const OptText hostName = hostOutput ? OptText(TextAfterColon(*hostOutput)) : std::nullopt;
     ConsoleWhere(kNetworkSignature, __LINE__, "DNS host name: %s\n", Describe(hostName));
-    Record(2204, kNetworkClass, instance, hostName);
+    RecordValue(2204, kNetworkClass, instance, hostName);
 
     const std::string joined = JoinAddresses(addresses);
     ConsoleWhere(kNetworkSignature, __LINE__, "Network adaptor ip Addr: %s\n", joined.c_str());
-    Record(2209, kNetworkClass, instance, joined);
+    RecordValue(2209, kNetworkClass, instance, joined);
 
-    const OptText method = Text(ipv4, "ConfigMethod");
+    const OptText method = TextAt(ipv4, "ConfigMethod");
     ConsoleWhere(kNetworkSignature, __LINE__, "IP addr config method: %s\n", Describe(method));
     const bool dhcp = method == "DHCP";
-    Record(2205, kNetworkClass, instance, dhcp ? "TRUE" : "FALSE");
+    RecordValue(2205, kNetworkClass, instance, dhcp ? "TRUE" : "FALSE");
 
-    const OptText router = Text(ipv4, "Router");
+    const OptText router = TextAt(ipv4, "Router");
     if (router) {
       ConsoleWhere(kNetworkSignature, __LINE__, "default gate way: %s\n", router->c_str());
     } else {
       ConsoleWhere(kNetworkSignature, __LINE__, "default gate way is found\n");
     }
-    Record(2210, kNetworkClass, instance, router ? *router : kFiller);
+    RecordValue(2210, kNetworkClass, instance, router ? *router : kFiller);
 
     const PlistPtr masks = ValueForKey(ipv4, "SubnetMasks");
     const OptText mask = Count(masks) > 0 ? TextOf(ObjectAtIndex(masks, 0)) : OptText(kFiller);
     ConsoleWhere(kNetworkSignature, __LINE__, "subnet mask: %s\n", Describe(mask));
-    Record(2212, kNetworkClass, instance, mask);
+    RecordValue(2212, kNetworkClass, instance, mask);
 
     if (dhcp) {
-      const OptText server = Text(ValueForKey(service, "dhcp"), "dhcp_server_identifier");
+      const OptText server = TextAt(ValueForKey(service, "dhcp"), "dhcp_server_identifier");
       ConsoleWhere(kNetworkSignature, __LINE__, "DHCP Server: %s\n", Describe(server));
-      Record(2208, kNetworkClass, instance, server);
+      RecordValue(2208, kNetworkClass, instance, server);
     } else {
       ConsoleWhere(kNetworkSignature, __LINE__, "DHCP Server: -\n");
-      Record(2208, kNetworkClass, instance, kFiller);
+      RecordValue(2208, kNetworkClass, instance, kFiller);
     }
     RecordFillers(kNetworkClass, instance, {2206, 2207, 2211, 2213, 2214, 2215, 2216, 2217, 2218});
     ++instance;
@@ -171,14 +157,15 @@ void ProplistXMLParser::RecordPrinters(const PlistPtr& items) {
   for (std::size_t i = 0; i < Count(items); ++i) {
     const PlistPtr printer = ObjectAtIndex(items, i);
     if (Count(printer) < 3) continue;  // placeholders such as "no printers" have fewer keys
-    const OptText name = Text(printer, "_name");
+    const OptText name = TextAt(printer, "_name");
     ConsoleWhere(kPrinterSignature, __LINE__, "Printer name: %s\n", Describe(name));
-    Record(2501, kPrinterClass, instance, name);
-    const OptText status = Text(printer, "status");
+    RecordValue(2501, kPrinterClass, instance, name);
+    const OptText status = TextAt(printer, "status");
     ConsoleWhere(kPrinterSignature, __LINE__, "Printer status: %s\n", Describe(status));
-    Record(2511, kPrinterClass, instance, status);
-    const OptText uri = Text(printer, "uri");
-    Record(2510, kPrinterClass, instance, uri ? RemovingPercentEncoding(*uri) : OptText(kFiller));
+    RecordValue(2511, kPrinterClass, instance, status);
+    const OptText uri = TextAt(printer, "uri");
+    RecordValue(2510, kPrinterClass, instance,
+                uri ? RemovingPercentEncoding(*uri) : OptText(kFiller));
     RecordFillers(kPrinterClass, instance,
                   {2502, 2503, 2504, 2505, 2506, 2507, 2508, 2509, 2512, 2513, 2514, 2515, 2516});
     ++instance;
@@ -189,7 +176,8 @@ void ProplistXMLParser::RecordPrinters(const PlistPtr& items) {
 
 void ProplistXMLParser::FetchCDDriveInfo() {
   try {
-    const OptText output = GetOutputForExecution(kSystemProfiler, {"-xml", "SPDiscBurningDataType"});
+    const OptText output =
+        GetOutputForExecution(kSystemProfiler, {"-xml", "SPDiscBurningDataType"});
     if (!output) {
       ConsoleLog("Command execution output for cddevice information: %s\n", "(null)");
       return;
@@ -210,9 +198,9 @@ void ProplistXMLParser::RecordCDDrive(const PlistPtr& report) {
     ConsoleWhere(kCDSignature, __LINE__, "CD or DVD information is not available\n");
     return;
   }
-  const OptText name = Text(ObjectAtIndex(items, 0), "_name");
+  const OptText name = TextAt(ObjectAtIndex(items, 0), "_name");
   ConsoleLog("CD Device name: %s\n", Describe(name));
-  Record(1201, kOpticalClass, 1, name);
+  RecordValue(1201, kOpticalClass, 1, name);
   RecordFillers(kOpticalClass, 1, {1202, 1203, 1204, 1205, 1206});
 }
 
@@ -234,27 +222,28 @@ void ProplistXMLParser::FetchVideoControllerInfo() {
 
 void ProplistXMLParser::RecordVideoController(const PlistPtr& items) {
   const PlistPtr card = ObjectAtIndex(items, 0);
-  const OptText model = Text(card, "sppci_model");
+  const OptText model = TextAt(card, "sppci_model");
   ConsoleLog("Video card model name: %s\n", Describe(model));
-  Record(701, kVideoClass, 1, model);
+  RecordValue(701, kVideoClass, 1, model);
 
   // "1024 MB" in bytes, kept in 32 bits: 4096 MB wraps to 0.
-  const OptText vram = Text(card, "spdisplays_vram");
+  const OptText vram = TextAt(card, "spdisplays_vram");
   std::optional<std::vector<std::string>> vramPieces;
   if (vram) {
     vramPieces = SplitText(*vram, " ");
     if (vramPieces->size() < 2) {
-      throw PlatformException(kRangeException, "index 1 beyond bounds [0 .. 0] of \"" + *vram + "\"");
+      throw PlatformException(kRangeException,
+                              "index 1 beyond bounds [0 .. 0] of \"" + *vram + "\"");
     }
   }
   if (vramPieces && (*vramPieces)[1] == "MB") {
     const auto megabytes = static_cast<std::uint32_t>(std::atoi((*vramPieces)[0].c_str()));
     const std::string bytes = std::to_string(static_cast<std::uint32_t>(megabytes << 20));
     ConsoleLog("Video card RAM size: %s\n", bytes.c_str());
-    Record(703, kVideoClass, 1, bytes);
+    RecordValue(703, kVideoClass, 1, bytes);
   } else {
     ConsoleLog("Video card RAM size: -\n");
-    Record(703, kVideoClass, 1, kFiller);
+    RecordValue(703, kVideoClass, 1, kFiller);
   }
 
   // The second card drives the screens when the first has none.
@@ -265,7 +254,7 @@ void ProplistXMLParser::RecordVideoController(const PlistPtr& items) {
   OptText horizontal = kZero;
   OptText vertical = kZero;
   if (displays) {
-    const OptText resolution = Text(ObjectAtIndex(displays, 0), "spdisplays_resolution");
+    const OptText resolution = TextAt(ObjectAtIndex(displays, 0), "spdisplays_resolution");
     const std::vector<std::string> pieces =
         resolution ? SplitText(*resolution, " x ") : std::vector<std::string>{};
     if (pieces.size() == 2) {
@@ -279,8 +268,8 @@ void ProplistXMLParser::RecordVideoController(const PlistPtr& items) {
   } else {
     StderrWhere(kVideoSignature, __LINE__, "Cound n't video card resolution information1 \n");
   }
-  Record(704, kVideoClass, 1, horizontal);
-  Record(705, kVideoClass, 1, vertical);
+  RecordValue(704, kVideoClass, 1, horizontal);
+  RecordValue(705, kVideoClass, 1, vertical);
   RecordFillers(kVideoClass, 1, {702, 706, 707, 708, 709, 710});
 }
 

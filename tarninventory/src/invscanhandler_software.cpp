@@ -49,9 +49,9 @@ void ProplistXMLParser::FetchInstalledSoftwareInfo() {
     // itself (no shell); the folder goes with everything in it however this ends.
     const ScratchDirectory scratch(CurrentDirectory());
     const std::string reportPath = scratch.FilePath("inv-apps.plist");
-    const bool ran = scratch.valid() && CurrentPlatform().Tools().RunToFile(
-                                            kSystemProfiler, {"SPApplicationsDataType", "-xml"},
-                                            reportPath);
+    const bool ran =
+        scratch.valid() && CurrentPlatform().Tools().RunToFile(
+                               kSystemProfiler, {"SPApplicationsDataType", "-xml"}, reportPath);
     if (!scratch.valid() || !isFileExists(reportPath)) {
       ConsoleWhere(kSoftwareSignature, __LINE__, "Could n't fetch installed applications %d\n",
                    ran ? 0 : 1);
@@ -69,9 +69,9 @@ void ProplistXMLParser::RecordInstalledSoftware(const PlistPtr& items) {
   std::int32_t recorded = 0;
   for (std::size_t i = 0; i < Count(items); ++i) {
     const PlistPtr item = ObjectAtIndex(items, i);
-    const OptText name = TextOf(ValueForKey(item, "_name"));
-    const OptText version = TextOf(ValueForKey(item, "version"));
-    const OptText path = TextOf(ValueForKey(item, "path"));
+    const OptText name = TextAt(item, "_name");
+    const OptText version = TextAt(item, "version");
+    const OptText path = TextAt(item, "path");
     if (name == kAgentHelperName) continue;
     if (name == kAgentName && !IsInstalledAgentCopy(path)) continue;
     if (!name) {
@@ -82,18 +82,15 @@ void ProplistXMLParser::RecordInstalledSoftware(const PlistPtr& items) {
     // Same name and version: one application, however often it is installed.
     if (!swSet.emplace(*name, version.value_or(kFiller)).second) continue;
     ++recorded;
-    const auto add = [recorded](std::int32_t propertyId, const OptText& value) {
-      AddRowWMIFetchValueTable(propertyId, kSoftwareClass, recorded, 0, value);
-    };
-    add(1801, name);
-    add(1802, version ? *version : kFiller);
-    add(1803, TextOf(ValueForKey(item, "info")).value_or(kFiller));
-    add(1812, path ? *path : kFiller);
-    for (const std::int32_t filler : {1804, 1805, 1806}) add(filler, kFiller);
-    add(1807, kNotAvailable);
-    for (const std::int32_t filler : {1808, 1809}) add(filler, kFiller);
-    add(1810, kNotAvailable);
-    for (const std::int32_t filler : {1811, 1813, 1814, 1815}) add(filler, kFiller);
+    RecordValue(1801, kSoftwareClass, recorded, name);
+    RecordValue(1802, kSoftwareClass, recorded, version ? *version : kFiller);
+    RecordValue(1803, kSoftwareClass, recorded, TextAt(item, "info").value_or(kFiller));
+    RecordValue(1812, kSoftwareClass, recorded, path ? *path : kFiller);
+    RecordFillers(kSoftwareClass, recorded, {1804, 1805, 1806});
+    RecordValue(1807, kSoftwareClass, recorded, kNotAvailable);
+    RecordFillers(kSoftwareClass, recorded, {1808, 1809});
+    RecordValue(1810, kSoftwareClass, recorded, kNotAvailable);
+    RecordFillers(kSoftwareClass, recorded, {1811, 1813, 1814, 1815});
   }
   UserLogMessage("FetchInstalledSoftwareInfo : %d Softwares found \n", recorded);
   CurrentScanRun().osIndex = static_cast<std::uint32_t>(recorded) + 1;

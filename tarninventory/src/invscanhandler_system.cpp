@@ -35,21 +35,6 @@ constexpr const char* kVirtualMemorySignature = "void GetVirtualMemInfo(uint64_t
 
 using OptText = std::optional<std::string>;
 
-void Record(std::int32_t propertyId, std::int32_t classId, std::int32_t instance,
-            const OptText& value) {
-  AddRowWMIFetchValueTable(propertyId, classId, instance, 0, value);
-}
-
-// Records the filler "-" for each property id.
-void RecordFillers(std::int32_t classId, std::int32_t instance,
-                   std::initializer_list<std::int32_t> propertyIds) {
-  for (const std::int32_t propertyId : propertyIds) Record(propertyId, classId, instance, kFiller);
-}
-
-OptText Text(const PlistPtr& dictionary, std::string_view key) {
-  return TextOf(ValueForKey(dictionary, key));
-}
-
 const char* Shown(const OptText& text) { return Describe(text); }
 
 // Piece i of the text split at separator, as the platform reads it: an absent text gives
@@ -58,9 +43,9 @@ OptText PieceOf(const OptText& text, const std::string& separator, std::size_t i
   if (!text) return std::nullopt;
   const std::vector<std::string> pieces = SplitText(*text, separator);
   if (index >= pieces.size()) {
-    throw PlatformException(kRangeException, "index " + std::to_string(index) +
-                                                 " beyond bounds of the pieces of \"" + *text +
-                                                 "\"");
+    throw PlatformException(
+        kRangeException,
+        "index " + std::to_string(index) + " beyond bounds of the pieces of \"" + *text + "\"");
   }
   return pieces[index];
 }
@@ -71,8 +56,8 @@ const char* ProcessorFamily(const OptText& cpuType) {
     const char* marker;
     const char* code;
   };
-  static constexpr Family kFamilies[] = {{"i7", "198"}, {"i5", "205"}, {"i3", "206"},
-                                         {"Xeon", "179"}};
+  static constexpr Family kFamilies[] = {
+      {"i7", "198"}, {"i5", "205"}, {"i3", "206"}, {"Xeon", "179"}};
   if (cpuType) {
     for (const Family& family : kFamilies) {
       if (cpuType->find(family.marker) != std::string::npos) return family.code;
@@ -102,8 +87,10 @@ const char* ChassisType(const OptText& model) {
     const char* model;
     const char* type;
   };
-  static constexpr Chassis kChassis[] = {{"iMac", "1001"},        {"Mac Pro", "1002"},
-                                         {"MacBook Air", "1003"}, {"MacBook Pro", "1004"},
+  static constexpr Chassis kChassis[] = {{"iMac", "1001"},
+                                         {"Mac Pro", "1002"},
+                                         {"MacBook Air", "1003"},
+                                         {"MacBook Pro", "1004"},
                                          {"Mac Mini", "1005"}};
   if (model) {
     for (const Chassis& chassis : kChassis) {
@@ -130,8 +117,8 @@ std::optional<OptText> MemorySizeInBytes(const OptText& size) {
   }
   const auto count = static_cast<std::int32_t>(std::atoi(pieces[0].c_str()));
   const auto kibi = static_cast<std::int32_t>(static_cast<std::uint32_t>(count) << 10);
-  const auto bytes = static_cast<std::int64_t>(static_cast<std::uint64_t>(
-      static_cast<std::int64_t>(kibi)) << rest);
+  const auto bytes = static_cast<std::int64_t>(
+      static_cast<std::uint64_t>(static_cast<std::int64_t>(kibi)) << rest);
   return OptText(std::to_string(bytes));
 }
 
@@ -162,17 +149,17 @@ void ProplistXMLParser::FetchOSandProcessorInfo() {
   std::uint64_t total = 0;
   std::uint64_t free = 0;
   GetVirtualMemInfo(total, free);
-  Record(105, kOsClass, 1, std::to_string(total));
-  Record(106, kOsClass, 1, std::to_string(free));
-  Record(107, kOsClass, 1, kFiller);
+  RecordValue(105, kOsClass, 1, std::to_string(total));
+  RecordValue(106, kOsClass, 1, std::to_string(free));
+  RecordValue(107, kOsClass, 1, kFiller);
 
   if (const OptText memsize = GetOutputForExecution(kSysctl, {"hw.memsize"})) {
     const std::string physical = TextAfterColon(*memsize);
     ConsoleLog("Physical mem: %s\n", physical.c_str());
-    Record(108, kOsClass, 1, physical);
+    RecordValue(108, kOsClass, 1, physical);
     SetBufferText("hw.memsize", physical);
   } else {
-    Record(108, kOsClass, 1, kFiller);
+    RecordValue(108, kOsClass, 1, kFiller);
   }
 
   if (const OptText name = GetOutputForExecution(kSwVers, {"-productName"})) {
@@ -181,30 +168,30 @@ void ProplistXMLParser::FetchOSandProcessorInfo() {
   }
   if (const OptText version = GetOutputForExecution(kSwVers, {"-productVersion"})) {
     ConsoleLog("Product version: %s\n", version->c_str());
-    Record(102, kOsClass, 1, version);
+    RecordValue(102, kOsClass, 1, version);
     SetBufferText("productVersion", version);
   } else {
     ConsoleLog("Can't get productVersion");
-    Record(102, kOsClass, 1, kZero);
+    RecordValue(102, kOsClass, 1, kZero);
   }
   if (const OptText build = GetOutputForExecution(kSwVers, {"-buildVersion"})) {
     ConsoleLog("Build number: %s\n", build->c_str());
-    Record(113, kOsClass, 1, build);
+    RecordValue(113, kOsClass, 1, build);
   } else {
     // The version property is written again here, not the build number.
     ConsoleLog("Can't get BuildNumber");
-    Record(102, kOsClass, 1, kZero);
+    RecordValue(102, kOsClass, 1, kZero);
   }
 
-  Record(101, kOsClass, 1, GetOSNameString());
-  Record(103, kOsClass, 1, GetOS_SPName());
-  Record(104, kOsClass, 1, kAppleInc);
+  RecordValue(101, kOsClass, 1, GetOSNameString());
+  RecordValue(103, kOsClass, 1, GetOS_SPName());
+  RecordValue(104, kOsClass, 1, kAppleInc);
   RecordFillers(kOsClass, 1, {110, 111, 112});
-  Record(114, kOsClass, 1, kZero);
-  Record(115, kOsClass, 1, kZero);
+  RecordValue(114, kOsClass, 1, kZero);
+  RecordValue(115, kOsClass, 1, kZero);
   const std::uint32_t osIndex = CurrentScanRun().osIndex;
-  Record(117, kOsClass, static_cast<std::int32_t>(osIndex + 1), std::to_string(osIndex));
-  Record(118, kOsClass, 1, kFiller);
+  RecordValue(117, kOsClass, static_cast<std::int32_t>(osIndex + 1), std::to_string(osIndex));
+  RecordValue(118, kOsClass, 1, kFiller);
 
   const PlistPtr items = GetItemsArrayfromPropertylist({"-xml", "SPHardwareDataType"});
   if (!items) {
@@ -217,27 +204,27 @@ void ProplistXMLParser::FetchOSandProcessorInfo() {
 }
 
 void ProplistXMLParser::RecordHardwareReport(const PlistPtr& hardware) {
-  const OptText serial = Text(hardware, "serial_number");
+  const OptText serial = TextAt(hardware, "serial_number");
   ConsoleWhere(kOsSignature, __LINE__, "Serial number: %s\n", Shown(serial));
   SetBufferText("serial_number", serial);
-  Record(109, kOsClass, 1, serial);
+  RecordValue(109, kOsClass, 1, serial);
 
-  const OptText cpuType = Text(hardware, "cpu_type");
+  const OptText cpuType = TextAt(hardware, "cpu_type");
   ConsoleWhere(kOsSignature, __LINE__, "Processor Name(cpu-type): %s\n", Shown(cpuType));
-  Record(301, kProcessorClass, 1, cpuType);
-  Record(306, kProcessorClass, 1, ProcessorFamily(cpuType));
-  Record(302, kProcessorClass, 1, "3");
+  RecordValue(301, kProcessorClass, 1, cpuType);
+  RecordValue(306, kProcessorClass, 1, ProcessorFamily(cpuType));
+  RecordValue(302, kProcessorClass, 1, "3");
 
-  const std::string speed = ProcessorSpeed(Text(hardware, "current_processor_speed"));
+  const std::string speed = ProcessorSpeed(TextAt(hardware, "current_processor_speed"));
   if (speed == kFiller) {
     ConsoleWhere(kOsSignature, __LINE__, "Cpu speed: -\n");
   } else {
     ConsoleWhere(kOsSignature, __LINE__, "Cpu speed: %s\n", speed.c_str());
   }
-  Record(303, kProcessorClass, 1, speed);
-  Record(313, kProcessorClass, 1, Text(hardware, "number_processors"));
+  RecordValue(303, kProcessorClass, 1, speed);
+  RecordValue(313, kProcessorClass, 1, TextAt(hardware, "number_processors"));
 
-  const OptText model = Text(hardware, "machine_name");
+  const OptText model = TextAt(hardware, "machine_name");
   SetBufferText("Model", model);
   ConsoleLog("Machine model name added in buffer: %s\n", Shown(model));
 }
@@ -251,41 +238,41 @@ void ProplistXMLParser::SendOSINFO() {
   ConsoleWhere(kSendOsSignature, __LINE__, "OsName : %s", osName.c_str());
   ConsoleWhere(kSendOsSignature, __LINE__, "Osversion : %s", Shown(version));
   ConsoleWhere(kSendOsSignature, __LINE__, "serialnum : %s", Shown(serial));
-  Record(1801, kSoftwareClass, instance, osName);
-  Record(1802, kSoftwareClass, instance, version);
-  Record(1803, kSoftwareClass, instance, kAppleInc);
+  RecordValue(1801, kSoftwareClass, instance, osName);
+  RecordValue(1802, kSoftwareClass, instance, version);
+  RecordValue(1803, kSoftwareClass, instance, kAppleInc);
   RecordFillers(kSoftwareClass, instance, {1804, 1805, 1806});
-  Record(1807, kSoftwareClass, instance, kNotAvailable);
+  RecordValue(1807, kSoftwareClass, instance, kNotAvailable);
   RecordFillers(kSoftwareClass, instance, {1808, 1809});
-  Record(1810, kSoftwareClass, instance, serial);
+  RecordValue(1810, kSoftwareClass, instance, serial);
   RecordFillers(kSoftwareClass, instance, {1811, 1812, 1813});
   // Tells the server that this software row is the operating system.
-  Record(1814, kSoftwareClass, instance, "OS_EXT");
-  Record(1815, kSoftwareClass, instance, kFiller);
+  RecordValue(1814, kSoftwareClass, instance, "OS_EXT");
+  RecordValue(1815, kSoftwareClass, instance, kFiller);
   ConsoleLog("End of SendOSINFO method \n");
 }
 
 void ProplistXMLParser::FetchComputerInfo() {
   try {
     const TarnGlobvars& vars = gv_globvars();
-    Record(2002, kComputerClass, 1, vars.localComputerName());
-    Record(2004, kComputerClass, 1, vars.localNameSpace());
-    Record(2007, kComputerClass, 1, kAppleInc);
+    RecordValue(2002, kComputerClass, 1, vars.localComputerName());
+    RecordValue(2004, kComputerClass, 1, vars.localNameSpace());
+    RecordValue(2007, kComputerClass, 1, kAppleInc);
     const OptText model = BufferText("Model");
     ConsoleLog("Machine model name: %s\n", Shown(model));
-    Record(2008, kComputerClass, 1, model);
-    Record(2009, kComputerClass, 1, vars.localComputerName());
+    RecordValue(2008, kComputerClass, 1, model);
+    RecordValue(2009, kComputerClass, 1, vars.localComputerName());
     if (const OptText processors = GetOutputForExecution(kSysctl, {"hw.ncpu"})) {
       const std::string count = TextAfterColon(*processors);
       ConsoleLog("Physical mem: %s\n", count.c_str());  // the label is an old mislabel, kept
-      Record(2010, kComputerClass, 1, count);
+      RecordValue(2010, kComputerClass, 1, count);
     }
     const OptText memsize = BufferText("hw.memsize");
     ConsoleLog("Computer total memory size: %s\n", Shown(memsize));
-    Record(2012, kComputerClass, 1, memsize);
+    RecordValue(2012, kComputerClass, 1, memsize);
     const OptText users = GetLoggedOnUsers();
     ConsoleLog("Logged on user name: %s\n", Shown(users));
-    Record(2014, kComputerClass, 1, users ? *users : kFiller);
+    RecordValue(2014, kComputerClass, 1, users ? *users : kFiller);
   } catch (const PlatformException& failure) {
     ConsoleWhere(kComputerSignature, __LINE__, "FetchComputerInfo : Caught exception: %s",
                  failure.description().c_str());
@@ -295,8 +282,8 @@ void ProplistXMLParser::FetchComputerInfo() {
 
 void ProplistXMLParser::FetchSystemEnclosure() {
   try {
-    Record(2401, kEnclosureClass, 1, ChassisType(BufferText("Model")));
-    Record(2402, kEnclosureClass, 1, kFiller);
+    RecordValue(2401, kEnclosureClass, 1, ChassisType(BufferText("Model")));
+    RecordValue(2402, kEnclosureClass, 1, kFiller);
   } catch (const PlatformException& failure) {
     ConsoleWhere(kEnclosureSignature, __LINE__, "Caught exception -----:%s",
                  failure.description().c_str());
@@ -317,30 +304,30 @@ void ProplistXMLParser::RecordPhysicalMemory(const PlistPtr& items) {
   std::int32_t populated = 0;
   for (std::size_t i = 0; i < Count(slots); ++i) {
     const PlistPtr slot = ObjectAtIndex(slots, i);
-    if (Text(slot, "dimm_status") == "empty") continue;
+    if (TextAt(slot, "dimm_status") == "empty") continue;
     ++populated;
     ConsoleWhere(kMemorySignature, __LINE__, "Device Name : Physical Memory\n");
-    Record(2701, kMemoryDeviceClass, populated, "Physical Memory");
-    if (const std::optional<OptText> bytes = MemorySizeInBytes(Text(slot, "dimm_size"))) {
+    RecordValue(2701, kMemoryDeviceClass, populated, "Physical Memory");
+    if (const std::optional<OptText> bytes = MemorySizeInBytes(TextAt(slot, "dimm_size"))) {
       ConsoleWhere(kMemorySignature, __LINE__, "Memory size in bytes: %s\n", Shown(*bytes));
-      Record(2702, kMemoryDeviceClass, populated, *bytes);
+      RecordValue(2702, kMemoryDeviceClass, populated, *bytes);
     }
     ConsoleWhere(kMemorySignature, __LINE__, "Memory type: 0\n");
-    Record(2703, kMemoryDeviceClass, populated, kZero);
-    Record(2705, kMemoryDeviceClass, populated, PieceOf(Text(slot, "dimm_speed"), " ", 0));
-    const OptText bank = Text(slot, "_name");
+    RecordValue(2703, kMemoryDeviceClass, populated, kZero);
+    RecordValue(2705, kMemoryDeviceClass, populated, PieceOf(TextAt(slot, "dimm_speed"), " ", 0));
+    const OptText bank = TextAt(slot, "_name");
     ConsoleWhere(kMemorySignature, __LINE__, "Memory bank lable name: %s\n", Shown(bank));
-    Record(2704, kMemoryDeviceClass, populated, bank);
+    RecordValue(2704, kMemoryDeviceClass, populated, bank);
     // Tagged by the slot's position among all slots, empty ones included.
-    Record(2708, kMemoryDeviceClass, populated, "Physical Memory " + std::to_string(i));
+    RecordValue(2708, kMemoryDeviceClass, populated, "Physical Memory " + std::to_string(i));
     RecordFillers(kMemoryDeviceClass, populated, {2706, 2707, 2709, 2710});
   }
-  Record(2801, kMemoryArrayClass, populated, "Physical Memory Array");
-  Record(2802, kMemoryArrayClass, populated, "3");
-  Record(2803, kMemoryArrayClass, populated, BufferText("hw.memsize"));
-  Record(2804, kMemoryArrayClass, populated, std::to_string(populated));
+  RecordValue(2801, kMemoryArrayClass, populated, "Physical Memory Array");
+  RecordValue(2802, kMemoryArrayClass, populated, "3");
+  RecordValue(2803, kMemoryArrayClass, populated, BufferText("hw.memsize"));
+  RecordValue(2804, kMemoryArrayClass, populated, std::to_string(populated));
   RecordFillers(kMemoryArrayClass, populated, {2805, 2806, 2807});
-  Record(2808, kMemoryArrayClass, populated, "3");
+  RecordValue(2808, kMemoryArrayClass, populated, "3");
 }
 
 }  // namespace tarn

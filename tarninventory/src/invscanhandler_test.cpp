@@ -57,12 +57,11 @@ class SystemCollectorTest : public CollectorTest {
     Answer(kSwVers, {"-productVersion"}, "10.11.6\n");
     Answer(kSwVers, {"-buildVersion"}, "15G31\n");
     Answer(kSystemProfiler, kHardware,
-           Report("SPHardwareDataType",
-                  Dict(Key("serial_number", "C02X1234ABCD") +
-                       Key("cpu_type", "Quad-Core Intel Core i7") +
-                       Key("current_processor_speed", "4.2 GHz") +
-                       "<key>number_processors</key><integer>1</integer>" +
-                       Key("machine_name", "iMac"))));
+           Report("SPHardwareDataType", Dict(Key("serial_number", "C02X1234ABCD") +
+                                             Key("cpu_type", "Quad-Core Intel Core i7") +
+                                             Key("current_processor_speed", "4.2 GHz") +
+                                             "<key>number_processors</key><integer>1</integer>" +
+                                             Key("machine_name", "iMac"))));
   }
   void Answer(const char* tool, const std::vector<std::string>& arguments,
               std::optional<std::string> output) {
@@ -113,16 +112,19 @@ TEST_F(SystemCollectorTest, ProcessorFamilySpeedAndCountFromTheHardwareReport) {
     const char* processors;
     const char* expected;
   } cases[] = {
-      {"Intel Core i5", "2.3 GHz", "<integer>2</integer>", "301|1|Intel Core i5;306|1|205;302|1|3;303|1|2300;313|1|2;"},
-      {"Quad-Core Intel Xeon", "800 MHz", "<integer>1</integer>", "301|1|Quad-Core Intel Xeon;306|1|179;302|1|3;303|1|-;313|1|1;"},
-      {"Intel Core 2 Duo", "0.1234 GHz", "<string>proc 8:6:2</string>", "301|1|Intel Core 2 Duo;306|1|2;302|1|3;303|1|123.39999999999999;313|1|proc 8:6:2;"},
+      {"Intel Core i5", "2.3 GHz", "<integer>2</integer>",
+       "301|1|Intel Core i5;306|1|205;302|1|3;303|1|2300;313|1|2;"},
+      {"Quad-Core Intel Xeon", "800 MHz", "<integer>1</integer>",
+       "301|1|Quad-Core Intel Xeon;306|1|179;302|1|3;303|1|-;313|1|1;"},
+      {"Intel Core 2 Duo", "0.1234 GHz", "<string>proc 8:6:2</string>",
+       "301|1|Intel Core 2 Duo;306|1|2;302|1|3;303|1|123.39999999999999;313|1|proc 8:6:2;"},
   };
   for (const auto& c : cases) {
     UnLoadTable("WMIFetchedValue");
     CreateTable("WMIFetchedValue");
-    parser_.RecordHardwareReport(ParsePlist(
-        Dict(Key("cpu_type", c.cpuType) + Key("current_processor_speed", c.speed) +
-             "<key>number_processors</key>" + c.processors)));
+    parser_.RecordHardwareReport(
+        ParsePlist(Dict(Key("cpu_type", c.cpuType) + Key("current_processor_speed", c.speed) +
+                        "<key>number_processors</key>" + c.processors)));
     EXPECT_EQ(RowsOfClass(3), c.expected);
   }
   // Apple silicon reports neither a cpu type nor a speed.
@@ -171,8 +173,8 @@ TEST_F(SystemCollectorTest, ComputerSystemAndEnclosure) {
             "2016|1|-;2017|1|-;");
 
   const std::pair<const char*, const char*> chassis[] = {
-      {"iMac", "1001"}, {"Mac Pro", "1002"}, {"MacBook Air", "1003"}, {"Mac Mini", "1005"},
-      {"Mac mini", "2"}, {"imac", "2"}};
+      {"iMac", "1001"},     {"Mac Pro", "1002"}, {"MacBook Air", "1003"},
+      {"Mac Mini", "1005"}, {"Mac mini", "2"},   {"imac", "2"}};
   for (const auto& [model, type] : chassis) {
     UnLoadTable("WMIFetchedValue");
     CreateTable("WMIFetchedValue");
@@ -253,9 +255,10 @@ TEST_F(SystemCollectorTest, NetworkServicesWithAddresses) {
       "<key>Addresses</key><array><string>10.0.0.5</string><string>10.0.0.6</string></array>" +
       Key("ConfigMethod", "DHCP") + Key("Router", "10.0.0.1") +
       "<key>SubnetMasks</key><array><string>255.255.255.0</string></array>";
-  const std::string manual = "<key>Addresses</key><array><string>a</string>"
-                             "<string>192.168.7.2</string></array>" +
-                             Key("ConfigMethod", "Manual") + "<key>SubnetMasks</key><array/>";
+  const std::string manual =
+      "<key>Addresses</key><array><string>a</string>"
+      "<string>192.168.7.2</string></array>" +
+      Key("ConfigMethod", "Manual") + "<key>SubnetMasks</key><array/>";
   const std::string items =
       Service("Ethernet", dhcp,
               "<key>DNS</key>" + Dict(Key("DomainName", "corp.example")) + "<key>dhcp</key>" +
@@ -295,22 +298,22 @@ TEST_F(SystemCollectorTest, PrintersWithThreeKeysOrMore) {
            Key("uri", "dnssd://Office%20Printer%C3%A9._ipp._tcp.local./")) +
       Dict(Key("_name", "no_info_found") + Key("status", "x")) +
       Dict(Key("_name", "Label") + Key("status", "stopped") + Key("ppd", "Generic")) +
-      Dict(Key("_name", "Broken") + Key("status", "idle") + Key("uri", "ipp://a%zz/") );
+      Dict(Key("_name", "Broken") + Key("status", "idle") + Key("uri", "ipp://a%zz/"));
   Answer(kSystemProfiler, kPrinters, Report("SPPrintersDataType", items));
   parser_.FetchPrinterInfo();
-  const std::string fillers = "2502|%|-;2503|%|-;2504|%|-;2505|%|-;2506|%|-;2507|%|-;2508|%|-;"
-                              "2509|%|-;2512|%|-;2513|%|-;2514|%|-;2515|%|-;2516|%|-;";
+  const std::string fillers =
+      "2502|%|-;2503|%|-;2504|%|-;2505|%|-;2506|%|-;2507|%|-;2508|%|-;"
+      "2509|%|-;2512|%|-;2513|%|-;2514|%|-;2515|%|-;2516|%|-;";
   auto with = [&](const std::string& rows, char n) {
     std::string text = rows + fillers;
     for (auto& c : text) c = c == '%' ? n : c;
     return text;
   };
-  EXPECT_EQ(RowsOfClass(25),
-            with("2501|1|Office Printer;2511|1|idle;"
-                 "2510|1|dnssd://Office Printer\xC3\xA9._ipp._tcp.local./;",
-                 '1') +
-                with("2501|2|Label;2511|2|stopped;2510|2|-;", '2') +
-                with("2501|3|Broken;2511|3|idle;2510|3|-;", '3'));
+  EXPECT_EQ(RowsOfClass(25), with("2501|1|Office Printer;2511|1|idle;"
+                                  "2510|1|dnssd://Office Printer\xC3\xA9._ipp._tcp.local./;",
+                                  '1') +
+                                 with("2501|2|Label;2511|2|stopped;2510|2|-;", '2') +
+                                 with("2501|3|Broken;2511|3|idle;2510|3|-;", '3'));
 }
 
 TEST_F(SystemCollectorTest, OpticalDriveFirstItemOnly) {
@@ -321,7 +324,8 @@ TEST_F(SystemCollectorTest, OpticalDriveFirstItemOnly) {
   EXPECT_EQ(RowsOfClass(12),
             "1201|1|HL-DT-ST DVDRW  GX40N;1202|1|-;1203|1|-;1204|1|-;1205|1|-;1206|1|-;");
   for (const std::optional<std::string>& report :
-       {std::optional<std::string>(), std::optional<std::string>(Report("SPDiscBurningDataType", "")),
+       {std::optional<std::string>(),
+        std::optional<std::string>(Report("SPDiscBurningDataType", "")),
         std::optional<std::string>("<plist version=\"1.0\"><array/></plist>"),
         std::optional<std::string>("not a property list")}) {
     UnLoadTable("WMIFetchedValue");
@@ -332,8 +336,7 @@ TEST_F(SystemCollectorTest, OpticalDriveFirstItemOnly) {
   }
 }
 
-std::string Card(const std::string& model, const std::string& vram,
-                 const std::string& displays) {
+std::string Card(const std::string& model, const std::string& vram, const std::string& displays) {
   return Dict(Key("sppci_model", model) + (vram.empty() ? "" : Key("spdisplays_vram", vram)) +
               displays);
 }
@@ -354,7 +357,7 @@ TEST_F(SystemCollectorTest, VideoControllerMemoryAndResolution) {
       {Card("GPU", "4096 MB", Displays("5120 x 2880 Retina")),  // wraps in 32 bits
        "701|1|GPU;703|1|0;704|1|5120;705|1|2880;"},
       {Card("GPU", "2 GB", Displays("1920x1080")), "701|1|GPU;703|1|-;704|1|0;705|1|0;"},
-      {Card("GPU", "", "") , "701|1|GPU;703|1|-;704|1|0;705|1|0;"},
+      {Card("GPU", "", ""), "701|1|GPU;703|1|-;704|1|0;705|1|0;"},
       // The second card drives the screen.
       {Card("Intel HD", "1536 MB", "") + Card("NVIDIA", "2048 MB", Displays("2560 x 1600")),
        "701|1|Intel HD;703|1|1610612736;704|1|2560;705|1|1600;"},
@@ -389,23 +392,26 @@ TEST_F(SystemCollectorTest, ApplicationsDeduplicatedWithTheAgentsOwnCopyOnly) {
   const std::string items =
       App("Safari", "17.4", "/Applications/Safari.app") +
       App("Safari", "17.4", "/Users/alice/Applications/Safari.app") +  // duplicate
-      App("Safari", "16.0", "/Volumes/Old/Safari.app") +                // other version
+      App("Safari", "16.0", "/Volumes/Old/Safari.app") +               // other version
       App("Notes", "", "/Applications/Notes.app") + App("Notes", "", "/Other/Notes.app") +
       App("TarnwellAgent", "1.0", "/Library/Orvane/TarnwellAgent/TarnwellAgent.app") +
       App("Orvane Tarnwell - Agent", "3.1", "/Users/alice/Downloads/Orvane Tarnwell - Agent.app") +
-      App("Orvane Tarnwell - Agent", "3.1", "/Library/Orvane/TarnwellAgent/Orvane Tarnwell - Agent.app") +
-      App("Orvane Tarnwell - Agent", "3.0", "/Library/Orvane/TarnwellAgent//Orvane Tarnwell - Agent.app");
+      App("Orvane Tarnwell - Agent", "3.1",
+          "/Library/Orvane/TarnwellAgent/Orvane Tarnwell - Agent.app") +
+      App("Orvane Tarnwell - Agent", "3.0",
+          "/Library/Orvane/TarnwellAgent//Orvane Tarnwell - Agent.app");
   Answer(kSystemProfiler, kApplications, Report("SPApplicationsDataType", items));
   parser_.FetchInstalledSoftwareInfo();
   std::string names;
   const TableData* table = GetTableDataByName("WMIFetchedValue");
   for (const auto& row : table->rows) {
-    if (row->values[1]->Read<std::int32_t>() == 1801 || row->values[1]->Read<std::int32_t>() == 1802) {
-      names += std::to_string(row->values[3]->Read<std::int32_t>()) + ":" + row->values[4]->c_str() + ";";
+    if (row->values[1]->Read<std::int32_t>() == 1801 ||
+        row->values[1]->Read<std::int32_t>() == 1802) {
+      names += std::to_string(row->values[3]->Read<std::int32_t>()) + ":" +
+               row->values[4]->c_str() + ";";
     }
   }
-  EXPECT_EQ(names,
-            "1:Safari;1:17.4;2:Safari;2:16.0;3:Notes;3:-;4:Orvane Tarnwell - Agent;4:3.1;");
+  EXPECT_EQ(names, "1:Safari;1:17.4;2:Safari;2:16.0;3:Notes;3:-;4:Orvane Tarnwell - Agent;4:3.1;");
   EXPECT_EQ(CurrentScanRun().osIndex, 5u);
   const std::string first = RowsOfClass(18).substr(0, RowsOfClass(18).find("1801|2|"));
   EXPECT_EQ(first,
@@ -422,9 +428,9 @@ TEST_F(SystemCollectorTest, ApplicationsReportFailures) {
   // No report written: nothing recorded, the OS row index stays 0.
   ::testing::internal::CaptureStderr();
   parser_.FetchInstalledSoftwareInfo();
-  EXPECT_NE(::testing::internal::GetCapturedStderr().find(
-                "Could n't fetch installed applications 1\n"),
-            std::string::npos);
+  EXPECT_NE(
+      ::testing::internal::GetCapturedStderr().find("Could n't fetch installed applications 1\n"),
+      std::string::npos);
   EXPECT_EQ(RowCount(), 0u);
   EXPECT_EQ(CurrentScanRun().osIndex, 0u);
 
@@ -464,14 +470,14 @@ TEST_F(SystemCollectorTest, DamagedReportsEndOnlyTheirCollector) {
       "<plist version=\"1.0\"><array><dict><key>_items</key><string>x</string></dict></array>"
       "</plist>",
       Report("SPAny", "<string>not a dictionary</string>"),
-      Report("SPAny", "<dict><key>_items</key><array><integer>7</integer></array>"
-                      "<key>spdisplays_ndrvs</key><string>x</string><key>IPv4</key>"
-                      "<string>x</string><key>volumes</key><integer>1</integer></dict>"),
+      Report("SPAny",
+             "<dict><key>_items</key><array><integer>7</integer></array>"
+             "<key>spdisplays_ndrvs</key><string>x</string><key>IPv4</key>"
+             "<string>x</string><key>volumes</key><integer>1</integer></dict>"),
   };
-  const char* const dataTypes[] = {"SPDisplaysDataType",  "SPDiscBurningDataType",
-                                   "SPSerialATADataType", "SPSASDataType",
-                                   "SPUSBDataType",       "SPNetworkDataType",
-                                   "SPPrintersDataType",  "SPMemoryDataType"};
+  const char* const dataTypes[] = {
+      "SPDisplaysDataType", "SPDiscBurningDataType", "SPSerialATADataType", "SPSASDataType",
+      "SPUSBDataType",      "SPNetworkDataType",     "SPPrintersDataType",  "SPMemoryDataType"};
   for (const std::string& output : damaged) {
     SCOPED_TRACE(output);
     for (const char* dataType : dataTypes) Answer(kSystemProfiler, {"-xml", dataType}, output);
