@@ -1,51 +1,173 @@
 #!/usr/bin/env bash
-# Builds the scanner and runs one scan in a temporary agent folder, with the
-# reporting tools' output replayed from a recorded Mac (testdata/machines), then
-# shows the access log, the scan log and the scan state store the run left.
-# Usage: scripts/demo.sh [scan-type word] [machine]   (default: assetscan macbook-sample)
+# The scanner and the reference management server, end to end on this computer:
+#  1. installs the Debian packages (scripts/deps.sh) and builds the scanner and the
+#     server (Release, in build-demo/);
+#  2. lays out an agent folder (build-demo/agent) from data/ and starts the reference
+#     server on a free loopback port with a new database;
+#  3. runs a full scan ("assetscan") of the recorded iMac testdata/machines/imac-fusion;
+#  4. switches the agent to imac-fusion-changed (the same iMac a week later: applications
+#     installed, removed and upgraded, a volume unmounted) and runs a "scheduled" scan,
+#     which sends only the differences;
+#  5. shows the access logs, what the server now holds for the computer, and the address
+#     of its web page; then stops the server.
+# Usage: scripts/demo.sh [--keep] [--port N]
+#   --keep    leave the server running (its address and process id are printed)
+#   --port N  serve on port N instead of a free one
+# Exits non-zero when a scan did not land on the server.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
-word=${1:-assetscan}
-machine=${2:-macbook-sample}
 
+keep=0
+port=0
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --keep) keep=1 ;;
+    --port) port=${2:?--port needs a number}; shift ;;
+    *) echo "usage: scripts/demo.sh [--keep] [--port N]" >&2; exit 2 ;;
+  esac
+  shift
+done
+
+machine=imac-fusion
+changed=imac-fusion-changed
+build=build-demo
+work=$root/$build/agent
+server_pid=
+
+stop_server() {
+  if [ -n "$server_pid" ] && kill -0 "$server_pid" 2>/dev/null; then
+    kill "$server_pid"
+    wait "$server_pid" 2>/dev/null || true
+  fi
+  server_pid=
+}
+trap 'stop_server' EXIT
+
+echo "== Installing dependencies (scripts/deps.sh)"
 bash scripts/deps.sh
-cmake -S . -B build-demo -DTARN_TESTS=OFF >/dev/null
-cmake --build build-demo -j "$(nproc 2>/dev/null || echo 2)" --target tarninventory
 
-agent=$(mktemp -d /tmp/tarn-demo-XXXXXX)
-mkdir -p "$agent/bin" "$agent/data"
-cp data/*.xml data/serverinfo.plist "$agent/data/"
-cat > "$agent/data/agent-conf.plist" <<PLIST
+echo "== Building the scanner and the reference server (Release, $build/; output in $build/build.log)"
+mkdir -p "$build"
+if ! { cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DTARN_TESTS=OFF &&
+       cmake --build "$build" -j "$(nproc 2>/dev/null || echo 2)" \
+         --target tarninventory tarn-refserver; } >"$build/build.log" 2>&1; then
+  tail -n 40 "$build/build.log" >&2
+  echo "the build failed (whole output in $build/build.log)" >&2
+  exit 1
+fi
+
+echo "== Laying out the agent folder $work"
+rm -rf "$work"
+mkdir -p "$work/bin" "$work/data" "$work/server"
+cp data/*.xml "$work/data/"
+ln -s "$root/$build/tarninventory" "$work/bin/tarninventory"
+
+echo "== Starting the reference server"
+db=$work/server/refserver.sqlite
+server_log=$work/server/access.log
+"$root/$build/tools/refserver/tarn-refserver" --db "$db" --port "$port" --bind 127.0.0.1 \
+  --catalogue "$root/data/Mac_InvClasses.xml" >"$server_log" 2>&1 &
+server_pid=$!
+for _ in $(seq 1 100); do
+  grep -q '^listening on ' "$server_log" && break
+  kill -0 "$server_pid" 2>/dev/null || break
+  sleep 0.1
+done
+if ! grep -q '^listening on ' "$server_log"; then
+  echo "the reference server did not start:" >&2
+  cat "$server_log" >&2
+  exit 1
+fi
+address=$(sed -n 's/^listening on //p' "$server_log")
+port=${address##*:}
+echo "   $address (process $server_pid, database $db)"
+
+# The agent's server details: the reference server on loopback, over plain HTTP.
+cat >"$work/data/serverinfo.plist" <<PLIST
+<?xml version="1.0" encoding="UTF-8"?>
+<plist version="1.0">
+<dict>
+	<key>tarnlastaccessname</key>
+	<string>127.0.0.1</string>
+	<key>SERVERPROTOCOL</key>
+	<string>http</string>
+	<key>SERVERPORT</key>
+	<string>$port</string>
+	<key>SERVERSECUREPORT</key>
+	<string>$port</string>
+	<key>CUSTOMERID</key>
+	<string>1</string>
+	<key>CUSTOMERNAME</key>
+	<string>Example Customer</string>
+	<key>MSPNAME</key>
+	<string>Example MSP</string>
+	<key>REMOTEOFFICEID</key>
+	<string>301</string>
+	<key>MAC_DOMAIN</key>
+	<string>macosgroup</string>
+</dict>
+</plist>
+PLIST
+
+# Replays a recorded machine: the scanner answers its tool runs from the recording.
+use_machine() {
+  cat >"$work/data/agent-conf.plist" <<PLIST
 <?xml version="1.0" encoding="UTF-8"?>
 <plist version="1.0">
 <dict>
 	<key>Loglevel</key>
 	<integer>3</integer>
 	<key>TOOL_REPLAY_DIRECTORY</key>
-	<string>$root/testdata/machines/$machine</string>
+	<string>$root/testdata/machines/$1</string>
 </dict>
 </plist>
 PLIST
-cat > "$agent/data/resource.plist" <<PLIST
-<?xml version="1.0" encoding="UTF-8"?>
-<plist version="1.0">
-<dict>
-	<key>RESOURCEID</key>
-	<string>42</string>
-</dict>
-</plist>
-PLIST
+}
 
-status=0
-(cd "$agent/bin" && "$root/build-demo/tarninventory" "$word") || status=$?
+# Runs one scan and checks that the server accepted it as the expected kind.
+scan() {
+  local word=$1 kind=$2 status=0 line
+  (cd "$work/bin" && ./tarninventory "$word" >/dev/null 2>&1) || status=$?
+  line=$(tail -n 1 "$work/logs/tarndevicescanaccess.log" 2>/dev/null || true)
+  echo "   scanner exit code $status; access-log line:"
+  echo "   $line"
+  if [ "$status" -ne 0 ] || [[ "$line" != *"$kind"*Success* ]]; then
+    echo "the $word scan did not land on the server as $kind; last lines of the scan log:" >&2
+    tail -n 30 "$work/logs/tarndevicescan.log" >&2 || true
+    exit 1
+  fi
+}
+
+echo "== Full scan (assetscan) of $machine"
+use_machine "$machine"
+scan assetscan FullData
+
+echo "== Scheduled scan of $changed (the same iMac a week later): a difference"
+use_machine "$changed"
+scan scheduled DiffData
+
+echo "== The scanner's access log (logs/tarndevicescanaccess.log)"
+cat "$work/logs/tarndevicescanaccess.log"
 echo
-echo "== exit code: $status (agent folder: $agent)"
-echo "== logs/tarndevicescanaccess.log"
-cat "$agent/logs/tarndevicescanaccess.log"; echo
-echo "== logs/tarndevicescan.log (last 40 lines)"
-tail -n 40 "$agent/logs/tarndevicescan.log"
-if [ -f "$agent/data/tarninventory_data.plist" ]; then
-  echo "== data/tarninventory_data.plist"
-  cat "$agent/data/tarninventory_data.plist"
+echo "== The server's access log"
+grep -v '^listening on \|^tarn-refserver: ' "$server_log" || true
+
+echo "== What the server holds"
+report=$("$root/$build/tools/refserver/tarn-refserver" --db "$db" --report \
+  --catalogue "$root/data/Mac_InvClasses.xml")
+echo "$report"
+id=$(sed -n 's/^Computer .* (resource id \([0-9]*\),.*/\1/p' <<<"$report" | head -n 1)
+
+echo "== Web pages"
+echo "   computers:     $address/"
+echo "   the computer:  $address/computers/$id   (JSON: $address/computers/$id.json)"
+
+if [ "$keep" -eq 1 ]; then
+  echo "== The server keeps running (process $server_pid); stop it with: kill $server_pid"
+  server_pid=
+  trap - EXIT
+else
+  echo "== Stopping the server (scripts/demo.sh --keep leaves it running)"
+  stop_server
 fi

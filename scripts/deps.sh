@@ -9,6 +9,8 @@ packages=(
   libgtest-dev libgmock-dev
   libxml2-dev libplist-dev libcurl4-openssl-dev libcpp-httplib-dev libssl-dev
   openssl
+  libsqlite3-dev  # the reference server's database (tools/refserver)
+  chromium        # headless browser of the reference server's page test
 )
 
 missing=()

@@ -63,7 +63,7 @@ std::string ItemText(const PlistPtr& value) { return Describe(TextOf(value)); }
 // The state of one walk over the controllers.
 struct DiskWalk {
   DiskKinds kinds;
-  std::optional<std::int64_t> pendingSolidStateSize;
+  std::int64_t pendingSolidStateSize = 0;  // 0: none pending
   bool fusion = false;
 };
 
@@ -80,12 +80,12 @@ bool IsFusionSolidStateHalf(const PlistPtr& device, const DiskKinds& kinds) {
 // The device's size, with the pending solid-state size of a fusion drive added.
 PlistPtr DiskSize(const PlistPtr& device, DiskWalk& walk) {
   PlistPtr size = ValueForKey(device, "size_in_bytes");
-  if (walk.pendingSolidStateSize && *walk.pendingSolidStateSize != 0) {
+  if (walk.pendingSolidStateSize != 0) {
     // Unsigned addition: absurd sizes wrap instead of overflowing.
     const auto total =
         static_cast<std::int64_t>(static_cast<std::uint64_t>(IntegerValueOf(size)) +
-                                  static_cast<std::uint64_t>(*walk.pendingSolidStateSize));
-    walk.pendingSolidStateSize.reset();
+                                  static_cast<std::uint64_t>(walk.pendingSolidStateSize));
+    walk.pendingSolidStateSize = 0;
     ConsoleLog("FetchDiskDrives : size in bytes: %ld\n", static_cast<long>(total));
     size = PlistValue::MakeInteger(total);
   }
@@ -151,7 +151,7 @@ void WalkController(const PlistPtr& controller, DiskWalk& walk, const PlistPtr& 
     }
     if (IsFusionSolidStateHalf(device, walk.kinds)) {
       walk.pendingSolidStateSize = IntegerValueOf(ValueForKey(device, "size_in_bytes"));
-      ConsoleLog("solidStateSize: %ld\n", static_cast<long>(*walk.pendingSolidStateSize));
+      ConsoleLog("solidStateSize: %ld\n", static_cast<long>(walk.pendingSolidStateSize));
       walk.fusion = true;
       continue;
     }
