@@ -7,8 +7,10 @@
 #include <cstdio>
 #include <ctime>
 #include <string>
+#include <utility>
 
 #include "platform/host/live_host_info.h"
+#include "platform/text/log_text.h"
 
 namespace tarn {
 namespace {
@@ -25,25 +27,17 @@ std::string TimeStamp() {
   return buffer;
 }
 
-std::string Format(const char* format, va_list arguments) {
-  va_list measuring;
-  va_copy(measuring, arguments);
-  const int length = std::vsnprintf(nullptr, 0, format, measuring);
-  va_end(measuring);
-  if (length <= 0) return {};
-  std::string text(static_cast<std::size_t>(length) + 1, '\0');
-  std::vsnprintf(text.data(), text.size(), format, arguments);
-  text.resize(static_cast<std::size_t>(length));
-  return text;
-}
-
 }  // namespace
 
 void ConsoleLog(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  std::string message = Format(format, arguments);
+  std::string message = FormatEscapingValues(format, arguments);
   va_end(arguments);
+  ConsoleLogMessage(std::move(message));
+}
+
+void ConsoleLogMessage(std::string message) {
   if (message.empty() || message.back() != '\n') message += '\n';
   static const std::string processName = ExecutableShortName();
   const std::string line =

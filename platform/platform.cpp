@@ -1,5 +1,6 @@
 #include "platform/platform.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "platform/exception/platform_exception.h"
@@ -32,6 +33,7 @@ class NoHostInfo final : public HostInfo {
   std::vector<ProcessEntry> ProcessTable() override { return {}; }
   std::string OwnProcessName() override { return {}; }
   int OwnProcessId() override { return 0; }
+  unsigned OwnUserId() override { return 0; }
 };
 
 class NoHttpTransport final : public HttpTransport {
@@ -48,6 +50,30 @@ std::unique_ptr<Platform>& InstalledPlatform() {
 }
 
 }  // namespace
+
+bool IsPinnedPublicKeyList(std::string_view text) {
+  constexpr std::string_view kPrefix = "sha256//";
+  constexpr std::size_t kHashLength = 44;  // base64 of 32 bytes, one "=" of padding
+  const auto isBase64 = [](char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' ||
+           c == '/';
+  };
+  if (text.empty()) return false;
+  for (;;) {
+    const std::size_t end = std::min(text.find(';'), text.size());
+    const std::string_view entry = text.substr(0, end);
+    if (!entry.starts_with(kPrefix) || entry.size() != kPrefix.size() + kHashLength ||
+        entry.back() != '=') {
+      return false;
+    }
+    const std::string_view hash = entry.substr(kPrefix.size(), kHashLength - 1);
+    for (const char c : hash) {
+      if (!isBase64(c)) return false;
+    }
+    if (end == text.size()) return true;
+    text.remove_prefix(end + 1);
+  }
+}
 
 void RaiseLaunchFailure(const std::string& launchPath, const std::string& cause) {
   throw PlatformException(kInvalidArgumentException,

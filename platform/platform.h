@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -21,8 +22,9 @@ class ToolRunner {
  public:
   virtual ~ToolRunner() = default;
 
-  // Runs the executable at launchPath (no shell, no PATH search) with the arguments; its
-  // standard error is inherited. Gives its standard output, or nothing when the output is not
+  // Runs the executable at launchPath (no shell, no PATH search) with the arguments; what it
+  // writes to standard error reaches this process's standard error as escaped lines (the
+  // log's text, never raw). Gives its standard output, or nothing when the output is not
   // valid UTF-8. A bounded run that outlasts its steps is terminated and gives what it wrote
   // until then. A tool that cannot be launched (nothing executable at the path, spawn
   // failure) raises PlatformException (NSInvalidArgumentException) with the reason, as the
@@ -64,6 +66,7 @@ struct VmStatistics {
 struct ProcessEntry {
   int pid = 0;
   std::string name;  // the short name the kernel keeps
+  unsigned uid = 0;  // the effective user id
 };
 
 class HostInfo {
@@ -83,6 +86,8 @@ class HostInfo {
   // This process's name, comparable with the names of ProcessTable.
   virtual std::string OwnProcessName() = 0;
   virtual int OwnProcessId() = 0;
+  // This process's effective user id, comparable with ProcessEntry::uid.
+  virtual unsigned OwnUserId() = 0;
 };
 
 // ---- HTTP.
@@ -94,6 +99,22 @@ using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
 inline constexpr std::size_t kMaxHttpResponseBody = 1024 * 1024;     // bytes of a kept body
 inline constexpr std::size_t kMaxHttpResponseHeaders = 64 * 1024;  // bytes of all header lines
 
+// How an HTTPS server proves itself. The default checks the certificate chain against the
+// system's authorities and the host name.
+struct TlsPolicy {
+  // No chain and no host-name check (a pin below is still checked).
+  bool acceptAnyCertificate = false;
+  // PEM bundle of the authorities to trust instead of the system's; empty: the system's.
+  std::string caFile;
+  // The server's public key must be one of these: "sha256//" and the base64 of a SHA-256
+  // hash of the DER public key, several joined by ";". Empty: no pin. A text that is not such
+  // a list fails every HTTPS request (see IsPinnedPublicKeyList).
+  std::string pinnedPublicKeys;
+};
+
+// True for "sha256//<44 base64 characters>" entries joined by ";" (no empty entry).
+bool IsPinnedPublicKeyList(std::string_view text);
+
 struct HttpRequest {
   std::string method = "GET";
   std::string url;
@@ -102,7 +123,7 @@ struct HttpRequest {
   // Bounds the whole exchange, connecting and a slowly trickling answer included; values
   // below 1 count as 1.
   int timeoutSeconds = 60;
-  bool acceptAnyCertificate = false;  // skip TLS peer and host verification
+  TlsPolicy tls;
   // Largest body kept in HttpResponse::body; a longer one is an error.
   std::size_t maxResponseBody = kMaxHttpResponseBody;
   // The body is read and dropped, whatever its size: HttpResponse::body stays empty.

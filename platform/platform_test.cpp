@@ -52,6 +52,30 @@ TEST(PlatformTest, LiveHostAnswersOnThisComputer) {
   EXPECT_TRUE(loopbackFound);
 }
 
+TEST(PlatformTest, PinnedKeysAreSha256HashesOnly) {
+  const std::string key = "sha256//47DEQpj8HBSa+/TImW+5JCeuQeRkm5NMpJWZG3hSuFU=";
+  const std::string other = "sha256//YhKJKSzoTt2b5FP18fvpHo7fJYqQCjAa3HWY3tvRMwE=";
+  for (const std::string& good : {key, key + ";" + other}) {
+    EXPECT_TRUE(IsPinnedPublicKeyList(good)) << good;
+  }
+  for (const std::string& bad :
+       {std::string(), std::string("/etc/ssl/server.pem"), key + ";", ";" + key, key + ";;" + other,
+        std::string("sha256//") + "47DEQpj8HBSa+/TImW+5JCeuQeRkm5NMpJWZG3hSuF==",
+        std::string("sha1//") + key.substr(8), key.substr(0, key.size() - 1),
+        std::string("sha256//47DEQpj8HBSa+/TImW+5JCeuQeRkm5NMpJWZG3h*uFU="), key + " "}) {
+    EXPECT_FALSE(IsPinnedPublicKeyList(bad)) << bad;
+  }
+}
+
+TEST(ConsoleLogTest, ValuesWithControlCharactersStayOnTheirLine) {
+  testing::internal::CaptureStderr();
+  ConsoleLog("Users names list: %s\n", "alice\n[ERROR] forged");
+  const std::string written = testing::internal::GetCapturedStderr();
+  EXPECT_NE(written.find("] Users names list: alice\\x0A[ERROR] forged\n"), std::string::npos)
+      << written;
+  EXPECT_EQ(written.find('\n'), written.size() - 1);
+}
+
 TEST(ConsoleLogTest, LineHasTimeStampProcessNameAndOneLineEnd) {
   testing::internal::CaptureStderr();
   ConsoleLog("Caught exception in GetOutputForExecution: %s\n", "reason");

@@ -32,6 +32,7 @@ inline void WriteFileText(const std::filesystem::path& path, const std::string& 
 struct ScannerResult {
   int exitCode = -1;  // -1 when the scanner did not end by itself in time
   std::string standardOutput;
+  std::string standardError;  // what it wrote before the scan log took standard error over
 };
 
 class AgentFolder {
@@ -42,6 +43,12 @@ class AgentFolder {
     std::filesystem::remove_all(base_);
     std::filesystem::create_directories(base_ / "bin");
     std::filesystem::create_directories(base_ / "data");
+    // The scanner refuses a data folder others may write, whatever the test's umask.
+    std::filesystem::permissions(base_ / "data", std::filesystem::perms::owner_all |
+                                                     std::filesystem::perms::group_read |
+                                                     std::filesystem::perms::group_exec |
+                                                     std::filesystem::perms::others_read |
+                                                     std::filesystem::perms::others_exec);
     for (const char* file :
          {"data-dictionary.xml", "data-dictionary-inv.xml", "data-dictionary-framework.xml",
           "data-dictionary-onpremise.xml", "Mac_InvClasses.xml", "agent-conf.plist"}) {
@@ -164,27 +171,42 @@ class AgentFolder {
   }
 
   // Runs the scanner with its working directory at BASE/bin; standard output
-  // is captured, standard error (before the scan log takes it) is discarded.
+  // and standard error (before the scan log takes it) are captured.
   // A scanner still running after timeout is killed.
   ScannerResult Run(const std::vector<std::string>& arguments,
                     std::chrono::seconds timeout = std::chrono::seconds(60)) const {
-    const std::filesystem::path output = base_ / "stdout.txt";
+    return Wait(Start(arguments), timeout);
+  }
+
+  // Run in two steps, for a test that acts while the scanner runs: Start gives its process
+  // id, Wait its result (killing it after timeout). Standard output and error go to
+  // BASE/stdout.txt and BASE/stderr.txt, so only one scanner of a folder is started at a time
+  // unless the files' content does not matter.
+  pid_t Start(const std::vector<std::string>& arguments) const {
     const pid_t child = ::fork();
     if (child == 0) {
-      ExecScanner(arguments, output);
+      ExecScanner(arguments, base_ / "stdout.txt", base_ / "stderr.txt");
     }
+    return child;
+  }
+  ScannerResult Wait(pid_t child, std::chrono::seconds timeout = std::chrono::seconds(60)) const {
     ScannerResult result;
     result.exitCode = WaitFor(child, timeout);
-    result.standardOutput = ReadFileText(output);
+    result.standardOutput = ReadFileText(base_ / "stdout.txt");
+    result.standardError = ReadFileText(base_ / "stderr.txt");
     return result;
   }
 
+  // The scanner's file name in BASE/bin, which is also its process name.
+  const std::string& scannerName() const { return scannerName_; }
+
  private:
   [[noreturn]] void ExecScanner(const std::vector<std::string>& arguments,
-                                const std::filesystem::path& output) const {
+                                const std::filesystem::path& output,
+                                const std::filesystem::path& errors) const {
     const int out = ::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    const int null = ::open("/dev/null", O_WRONLY);
-    if (out < 0 || null < 0 || ::dup2(out, 1) < 0 || ::dup2(null, 2) < 0 ||
+    const int err = ::open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (out < 0 || err < 0 || ::dup2(out, 1) < 0 || ::dup2(err, 2) < 0 ||
         ::chdir((base_ / "bin").c_str()) != 0) {
       ::_exit(127);
     }

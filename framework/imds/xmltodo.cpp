@@ -11,14 +11,15 @@
 #include <new>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "framework/imds/dataset.h"
 #include "framework/logging/logger.h"
 #include "framework/persistent/xmlsafety.h"
 #include "framework/utils/agentutils.h"
-#include "framework/utils/hashtable.h"
 #include "framework/utils/stringutils.h"
+#include "platform/text/utf8.h"
 
 namespace tarn {
 namespace {
@@ -205,9 +206,10 @@ bool IsPrimaryKeyColumn(const TableDefn& definition, std::string_view column) {
 // map of this import.
 class DoImporter {
  public:
-  explicit DoImporter(const xmlDoc* document) : document_(document) {
-    InitHashTable(identifiers_, kStoreHashBuckets);
-  }
+  // With rowTables, only those tables take rows and every other element must be a grouping
+  // element.
+  explicit DoImporter(const xmlDoc* document, const std::vector<std::string>* rowTables = nullptr)
+      : document_(document), rowTables_(rowTables) {}
 
   // Processes the element children of parent in document order. False when
   // one of them (or a descendant) could not be read.
@@ -223,6 +225,13 @@ class DoImporter {
  private:
   bool ImportElement(const xmlNode* element) {
     const char* name = AsChars(element->name);
+    if (rowTables_ != nullptr && !IsAllowedRowTable(name)) {
+      if (IsGroupingElement(name)) {
+        return ImportChildren(element);
+      }
+      ErrorLogMessage("Element %s is not accepted in this document.\n", name);
+      return false;
+    }
     TableData* table = GetTableDataByName(name);
     if (table == nullptr) {
       CreateTable(name);
@@ -335,8 +344,8 @@ class DoImporter {
   std::optional<std::int32_t> ResolveReference(const std::string& key, const std::string& table,
                                                const std::string& column,
                                                const std::string& value) {
-    if (const std::int32_t* known = GetHashNodeValue(identifiers_, key)) {
-      return *known;
+    if (const auto known = identifiers_.find(key); known != identifiers_.end()) {
+      return known->second;
     }
     const auto generator = OwningGenerator(table, column);
     if (!generator) {
@@ -350,7 +359,7 @@ class DoImporter {
     if (!identifier) {
       identifier = AlphaToInt(value.c_str());
     }
-    PutHashNode(identifiers_, key, *identifier);
+    identifiers_.emplace(key, *identifier);
     return identifier;
   }
 
@@ -384,11 +393,25 @@ class DoImporter {
     return std::string();
   }
 
+  bool IsAllowedRowTable(const char* name) const {
+    return std::any_of(rowTables_->begin(), rowTables_->end(), [name](const std::string& table) {
+      return EqualsIgnoringCase(table, name);
+    });
+  }
+
+  static bool IsGroupingElement(const char* name) {
+    return FindSubString(name, "List") && !GetTableDefnVector().Find(name) &&
+           GetTableDataByName(name) == nullptr;
+  }
+
   const xmlDoc* document_;
-  HashTable<std::int32_t> identifiers_;
+  const std::vector<std::string>* rowTables_;
+  // Reference text to its identifier; an import can hold many thousands of references.
+  std::unordered_map<std::string, std::int32_t> identifiers_;
 };
 
-int ImportDocument(DocPtr document, Source source) {
+int ImportDocument(DocPtr document, Source source,
+                   const std::vector<std::string>* rowTables = nullptr) {
   const xmlNode* root = document ? xmlDocGetRootElement(document.get()) : nullptr;
   if (root == nullptr || HasUnsafeDoctype(document.get())) {
     ErrorLogMessage("error: could not parse file file.xml\n");
@@ -396,7 +419,7 @@ int ImportDocument(DocPtr document, Source source) {
   }
   bool imported = false;
   try {
-    imported = DoImporter(document.get()).ImportChildren(root);
+    imported = DoImporter(document.get(), rowTables).ImportChildren(root);
   } catch (const std::bad_alloc&) {
     ErrorLogMessage(
         "Cannot create and add a new row while constructing tabledata from XML file.\n");
@@ -407,6 +430,16 @@ int ImportDocument(DocPtr document, Source source) {
     return 0;
   }
   return 1;
+}
+
+// Why an untrusted document is refused before parsing; nothing when it may be parsed.
+const char* UntrustedRefusal(std::string_view text, const UntrustedXmlRules& rules) {
+  if (text.size() > rules.maxBytes) return "it is too long";
+  if (!IsValidUtf8(text)) return "it is not UTF-8 text";
+  if (!AttributeCountsWithin(text, rules.maxAttributesPerElement)) {
+    return "an element has too many attributes";
+  }
+  return nullptr;
 }
 
 }  // namespace
@@ -428,6 +461,21 @@ int CreateDOFromXMLBuffer(const char* buffer, std::size_t length) {
   return ImportDocument(DocPtr(xmlReadMemory(buffer, static_cast<int>(length), nullptr, nullptr,
                                              kSafeXmlParseOptions)),
                         Source::kBuffer);
+}
+
+int CreateDOFromUntrustedXMLBuffer(const char* buffer, std::size_t length,
+                                   const UntrustedXmlRules& rules) {
+  if (buffer == nullptr || length > static_cast<std::size_t>(INT_MAX)) {
+    ErrorLogMessage("error: could not parse file file.xml\n");
+    return 0;
+  }
+  if (const char* refusal = UntrustedRefusal(std::string_view(buffer, length), rules)) {
+    ErrorLogMessage("Document refused before parsing: %s.\n", refusal);
+    return 0;
+  }
+  return ImportDocument(DocPtr(xmlReadMemory(buffer, static_cast<int>(length), nullptr, "UTF-8",
+                                             kSafeXmlParseOptions)),
+                        Source::kBuffer, &rules.rowTables);
 }
 
 }  // namespace tarn

@@ -22,6 +22,8 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
+#include <vector>
 
 namespace tarn {
 
@@ -31,5 +33,26 @@ int CreateDOFromXMLFile(const char* filePath);
 
 // As CreateDOFromXMLFile for the length bytes of buffer.
 int CreateDOFromXMLBuffer(const char* buffer, std::size_t length);
+
+// What a document from the network may be and do.
+struct UntrustedXmlRules {
+  // Longest document accepted, in bytes.
+  std::size_t maxBytes = 1024 * 1024;
+  // Most attributes one element may carry.
+  std::size_t maxAttributesPerElement = 256;
+  // The only tables the document may add rows to (names compared without letter case).
+  // Any other element must be a grouping element: a name containing "List" that names no
+  // table of the data dictionary.
+  std::vector<std::string> rowTables;
+};
+
+// As CreateDOFromXMLBuffer for a document from the network, checked against the rules: a
+// document that is too long, not UTF-8 or has an element with too many attributes is
+// refused before it is parsed, and is read as UTF-8 whatever it declares; an element that
+// is neither a row of an allowed table nor a grouping element fails the import (with the
+// rows added before it left in place, as for any failed import). 1 or 0 as the other
+// readers.
+int CreateDOFromUntrustedXMLBuffer(const char* buffer, std::size_t length,
+                                   const UntrustedXmlRules& rules);
 
 }  // namespace tarn

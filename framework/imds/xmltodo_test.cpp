@@ -172,5 +172,114 @@ TEST_F(XmlStoreTest, LoadsAndWritesOneHundredThousandRowsQuickly) {
   EXPECT_LT(elapsed.count(), kBoundSeconds);
 }
 
+TEST_F(XmlStoreTest, ManyDistinctReferencesEachKeepOneIdentifier) {
+  constexpr int kReferences = 100000;
+  SetSequenceState("RESOURCE_SEQ", {1, 2 * kReferences});
+  std::string document = kHead;
+  for (int i = 0; i < kReferences; ++i) {
+    document += "<Child CHILD_ID=\"" + std::to_string(i) +
+                "\" RESOURCE_ID=\"Resource:RESOURCE_ID:r" + std::to_string(i) + "\" />\n";
+  }
+  // A reference met again takes the identifier it got first.
+  document += "<Child CHILD_ID=\"-1\" RESOURCE_ID=\"Resource:RESOURCE_ID:r77\" />\n";
+  document += kTail;
+
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_EQ(LoadBuffer(document), 1);
+  const auto elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start);
+
+  auto result = SelectRows("Child", nullptr);
+  ASSERT_EQ(result->rowCount, kReferences + 1);
+  std::int32_t expected = 1;
+  while (GotoNextRowObject(result.get()) != nullptr) {
+    const std::int32_t child =
+        GetColumnValueByName("CHILD_ID", nullptr, result.get())->Read<std::int32_t>();
+    const std::int32_t resource =
+        GetColumnValueByName("RESOURCE_ID", nullptr, result.get())->Read<std::int32_t>();
+    ASSERT_EQ(resource, child < 0 ? 78 : expected++) << "row of child " << child;
+  }
+  // A generous guard against a map whose lookups grow with its size.
+  EXPECT_LT(elapsed.count(), 30.0);
+}
+
+int LoadUntrusted(const std::string& text) {
+  static const UntrustedXmlRules rules{1024 * 1024, 256, {"RESOURCE"}};
+  return CreateDOFromUntrustedXMLBuffer(text.data(), text.size(), rules);
+}
+
+int RowCount(const char* table) {
+  const TableData* data = GetTableDataByName(table);
+  return data == nullptr ? 0 : data->rowCount;
+}
+
+// count attributes with distinct short names (" a=''", " b=''", ..., " ba=''", ...).
+std::string Attributes(int count) {
+  std::string text;
+  for (int i = 0; i < count; ++i) {
+    std::string name;
+    for (int rest = i; name.empty() || rest > 0; rest /= 26)
+      name.insert(name.begin(), char('a' + rest % 26));
+    text += " " + name + "=''";
+  }
+  return text;
+}
+
+TEST_F(XmlStoreTest, AnUntrustedDocumentGivesRowsOfItsTablesOnly) {
+  EXPECT_EQ(LoadUntrusted("<r><ResourceList><Resource NAME=\"a\"/></ResourceList>"
+                          "<Resource NAME=\"b\"" +
+                          Attributes(255) + "/></r>"),
+            1);
+  EXPECT_EQ(RowCount("Resource"), 2);
+  // A mebibyte of rows with the most attributes allowed still loads in a moment.
+  std::string full = "<r>";
+  const std::string row = "<Resource" + Attributes(256) + "/>";
+  while (full.size() + row.size() + 4 < 1024 * 1024) full += row;
+  full += "</r>";
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(LoadUntrusted(full), 1);
+  const auto took = std::chrono::steady_clock::now() - start;
+  std::printf("[ MEASURE  ] %zu-byte document of %d rows loaded in %.3f s\n", full.size(),
+              RowCount("Resource") - 2, std::chrono::duration<double>(took).count());
+  EXPECT_LT(took, std::chrono::seconds(1));
+}
+
+TEST_F(XmlStoreTest, HostileUntrustedDocumentsFailFastBeforeTheyAddRows) {
+  testing::LogCapture log;
+  std::string deep;
+  for (int i = 0; i < 300; ++i) deep += "<ResourceList>";
+  std::string entities =
+      "<!DOCTYPE r [<!ENTITY a \"aaaaaaaaaaaaaaaaaaaaaaaaaaaaaa\">]><r><Resource NAME=\"";
+  for (int i = 0; i < 20000; ++i) entities += "&a;";
+  struct Case {
+    const char* name;
+    std::string document;
+  };
+  const Case cases[] = {
+      {"a row of another table", "<r><Child LABEL=\"x\"/></r>"},
+      {"another table inside a grouping element", "<r><ResourceList><Child/></ResourceList></r>"},
+      {"an element that is neither", "<r><Bogus/></r>"},
+      {"257 attributes", "<r><Resource" + Attributes(257) + "/></r>"},
+      {"111001 attributes in a megabyte", "<r><Resource" + Attributes(111001) + "/></r>"},
+      {"over a mebibyte", "<r><!--" + std::string(1024 * 1024, 'x') + "--></r>"},
+      {"not UTF-8", "<r><Resource NAME=\"caf\xE9\"/></r>"},
+      {"UTF-16", std::string("\xFF\xFE<\0r\0/\0>\0", 10)},
+      {"300 levels", deep},
+      {"entities", entities + "\"/></r>"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(LoadUntrusted(c.document), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
+    EXPECT_EQ(RowCount("Child"), 0);
+    EXPECT_EQ(RowCount("Resource"), 0);
+  }
+  EXPECT_TRUE(log.Contains("Element Child is not accepted in this document.\n"));
+  EXPECT_TRUE(
+      log.Contains("Document refused before parsing: an element has too many attributes.\n"));
+  EXPECT_TRUE(log.Contains("Document refused before parsing: it is too long.\n"));
+  EXPECT_TRUE(log.Contains("Document refused before parsing: it is not UTF-8 text.\n"));
+}
+
 }  // namespace
 }  // namespace tarn

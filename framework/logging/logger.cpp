@@ -1,12 +1,16 @@
 #include "framework/logging/logger.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdarg>
+#include <string>
 
 #include "framework/system/rsrclockimpl.h"
 #include "framework/utils/advtime.h"
+#include "platform/text/log_text.h"
 
 namespace tarn {
 namespace {
@@ -61,7 +65,15 @@ std::string ChooseLogPath(const LogState& state) {
   return "../logs/" + name;
 }
 
-int OpenLogFile(const char* mode) {
+// How each start mode opens the file: flags for OpenOwnFile and the stream mode.
+struct OpenMode {
+  int flags;
+  const char* streamMode;
+};
+constexpr OpenMode kAppendMode{O_RDWR | O_APPEND | O_CREAT, "a+"};
+constexpr OpenMode kTruncateMode{O_WRONLY | O_CREAT | O_TRUNC, "w"};
+
+int OpenLogFile(const OpenMode& mode) {
   LogState& state = State();
   if (state.file) {
     TraceLogMessage("gv_logFilePtr already Set\n");
@@ -71,7 +83,7 @@ int OpenLogFile(const char* mode) {
     return 0;
   }
   state.filePath = ChooseLogPath(state);
-  state.file.reset(std::fopen(state.filePath->c_str(), mode));
+  state.file = OpenOwnStream(*state.filePath, mode.flags, mode.streamMode);
   if (!state.file) {
     return 0;
   }
@@ -80,23 +92,38 @@ int OpenLogFile(const char* mode) {
   return 1;
 }
 
+bool Writes(std::uint8_t threshold) {
+  const LogState& state = State();
+  return state.file && state.level >= threshold && state.syncKey;
+}
+
+// Writes one line: the prefix and the message text as given.
+void WriteLine(const char* severity, const std::string& message) {
+  LogState& state = State();
+  ResourceGuard guard(state.syncKey.get());
+  const std::string line = "[ " + CurrentDateTimeText() + " ] " + severity + " " + message;
+  std::FILE* file = state.file.get();
+  std::fwrite(line.data(), 1, line.size(), file);
+  std::fflush(file);
+}
+
 void WriteMessage(std::uint8_t threshold, const char* severity, const char* format,
                   std::va_list args) {
-  LogState& state = State();
-  if (!state.file || state.level < threshold || !state.syncKey) {
-    return;
+  if (Writes(threshold)) {
+    WriteLine(severity, FormatEscapingValues(format, args));
   }
-  ResourceGuard guard(state.syncKey.get());
-  std::FILE* file = state.file.get();
-  std::fprintf(file, "[ %s ] %s ", CurrentDateTimeText().c_str(), severity);
-  std::vfprintf(file, format, args);
-  std::fflush(file);
+}
+
+void WriteText(std::uint8_t threshold, const char* severity, const char* text) {
+  if (Writes(threshold) && text != nullptr) {
+    WriteLine(severity, text);
+  }
 }
 
 }  // namespace
 
 int MakeDirectory(const std::string& directory) {
-  if (::mkdir(directory.c_str(), 0777) == 0 || errno == EEXIST) {
+  if (::mkdir(directory.c_str(), 0700) == 0 || errno == EEXIST) {
     return 1;
   }
   if (errno != ENOENT) {
@@ -107,7 +134,7 @@ int MakeDirectory(const std::string& directory) {
   if (slash != std::string::npos && slash != 0) {
     MakeDirectory(trimmed.substr(0, slash));
   }
-  if (::mkdir(directory.c_str(), 0777) == 0 || errno == EEXIST) {
+  if (::mkdir(directory.c_str(), 0700) == 0 || errno == EEXIST) {
     return 1;
   }
   return errno;
@@ -175,9 +202,9 @@ int SetLogFilePtr(FilePtr file) {
   return 1;
 }
 
-int StartLoggingAppMode() { return OpenLogFile("a+"); }
+int StartLoggingAppMode() { return OpenLogFile(kAppendMode); }
 
-int StartLogging() { return OpenLogFile("w"); }
+int StartLogging() { return OpenLogFile(kTruncateMode); }
 
 void StopLogging() {
   LogState& state = State();
@@ -186,6 +213,15 @@ void StopLogging() {
   }
   std::fprintf(state.file.get(), "Log close time: %s\n", CurrentDateTimeText().c_str());
   state.file.reset();
+}
+
+int RedirectStandardErrorToLog() {
+  LogState& state = State();
+  if (!state.file) {
+    return 0;
+  }
+  std::fflush(stderr);
+  return ::dup2(::fileno(state.file.get()), STDERR_FILENO) == STDERR_FILENO ? 1 : 0;
 }
 
 void DeInitLogging() {
@@ -214,5 +250,8 @@ TARN_DEFINE_LOG_FUNCTION(DebugLogMessage, 3, "[DEBUG]")
 TARN_DEFINE_LOG_FUNCTION(TraceLogMessage, 4, "[TRACE]")
 
 #undef TARN_DEFINE_LOG_FUNCTION
+
+void UserLogText(const char* text) { WriteText(1, "[INFO]", text); }
+void ErrorLogText(const char* text) { WriteText(2, "[ERROR]", text); }
 
 }  // namespace tarn

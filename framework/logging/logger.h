@@ -3,7 +3,13 @@
 //
 // Line format: "[ " date-time " ] " severity " " message, with the date and
 // time as "%04d-%02d-%02d %02d:%02d:%02d" in local time. The engine adds no
-// line end; every message is flushed at once.
+// line end; every message is flushed at once. Control characters in the texts a message
+// inserts (%s, %c) are written "\xNN", so no value can start a line of its own; the
+// format's own line ends are kept.
+//
+// The log file is opened without following a link and must be a regular file of this
+// process's user with one link (OpenOwnFile); a new one is created with mode 0600 in a
+// folder created with mode 0700.
 #pragma once
 
 #include <cstdint>
@@ -12,16 +18,9 @@
 #include <optional>
 #include <string>
 
-namespace tarn {
+#include "platform/file/file_util.h"
 
-struct FileCloser {
-  void operator()(std::FILE* file) const {
-    if (file != nullptr) {
-      std::fclose(file);
-    }
-  }
-};
-using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
+namespace tarn {
 
 inline constexpr std::uint8_t kDefaultLogLevel = 3;
 
@@ -43,7 +42,7 @@ int SetLogFilePtr(FilePtr file);
 
 // Opens the log file for appending (creating its directory with missing
 // parents) and writes the open line. Returns 1, or 0 when the file cannot be
-// opened (logging stays off). With a file already open, traces
+// opened or is refused (logging stays off). With a file already open, traces
 // "gv_logFilePtr already Set\n" and returns 1.
 int StartLoggingAppMode();
 
@@ -52,6 +51,11 @@ int StartLogging();
 
 // Writes the close line, closes the file and turns logging off.
 void StopLogging();
+
+// Points standard error (descriptor 2) at the open log file, sharing its append position,
+// so that what is written there lands in the log. 1, or 0 when no file is open or the
+// descriptor cannot be duplicated.
+int RedirectStandardErrorToLog();
 
 // Releases name, directory, path and lock key.
 void DeInitLogging();
@@ -63,13 +67,18 @@ void ErrorLogMessage(const char* format, ...) __attribute__((format(printf, 1, 2
 void DebugLogMessage(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void TraceLogMessage(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
+// For a fixed text of the program's own, kept in a table (never a value from outside):
+// written as it stands, neither formatted nor escaped, when UserLogMessage or
+// ErrorLogMessage would write.
+void UserLogText(const char* text);
+void ErrorLogText(const char* text);
+
 std::uint8_t GetLogLevelValue();
 // Full path of the open (or last opened) log file, if any.
 std::optional<std::string> GetLogFilePath();
 
-// Creates directory with mode 0777 (before the file-creation mask), first
-// creating a missing parent. Returns 1 when it exists afterwards (or already
-// did), else the error number.
+// Creates directory with mode 0700, first creating a missing parent. Returns 1 when it exists
+// afterwards (or already did), else the error number.
 int MakeDirectory(const std::string& directory);
 
 }  // namespace tarn

@@ -153,5 +153,79 @@ TEST_F(LoggerTest, RootDirectoryIsUsedWithoutLogDirectory) {
   EXPECT_TRUE(fs::exists(dir_ / "logs/root.log"));
 }
 
+TEST_F(LoggerTest, InsertedValuesCannotStartALineButFixedTextsAreWrittenAsTheyStand) {
+  Start(3);
+  UserLogMessage("resource id %s \n", "42\n[ 2024-01-01 00:00:00 ] [ERROR] forged");
+  ErrorLogMessage("\n%s\n failure", "line1\r\nline2\tcol\x1B]0;title\x07");
+  UserLogText("scanType : Manual\n");
+  ErrorLogText("\nDescription tag ambiguity \n");
+  EXPECT_EQ(Normalise(Log()),
+            "Log open time: T\n"
+            "[ T ] [INFO] resource id 42\\x0A[ T ] [ERROR] forged \n"
+            "[ T ] [ERROR] \nline1\\x0D\\x0Aline2\tcol\\x1B]0;title\\x07\n failure"
+            "[ T ] [INFO] scanType : Manual\n"
+            "[ T ] [ERROR] \nDescription tag ambiguity \n");
+  StopLogging();
+  DeInitLogging();
+  Start(1);
+  ErrorLogText("not at level 1\n");
+  EXPECT_EQ(Log().find("not at level 1"), std::string::npos);
+}
+
+TEST_F(LoggerTest, APlantedLinkOrHardLinkIsNeverWrittenThrough) {
+  fs::create_directories(dir_ / "logs");
+  const fs::path target = dir_ / "precious";
+  std::ofstream(target) << "keep me";
+  for (const bool hard : {false, true}) {
+    SCOPED_TRACE(hard ? "hard link" : "symbolic link");
+    fs::remove(dir_ / "logs/test.log");
+    if (hard) {
+      fs::create_hard_link(target, dir_ / "logs/test.log");
+    } else {
+      fs::create_symlink(target, dir_ / "logs/test.log");
+    }
+    for (const bool append : {true, false}) {
+      ASSERT_EQ(InitLogging(), 1);
+      const std::string directory = (dir_ / "logs").string();
+      SetLoggingParameters("test.log", directory.c_str(), 10000, 0, 3);
+      EXPECT_EQ(append ? StartLoggingAppMode() : StartLogging(), 0);
+      UserLogMessage("dropped\n");
+      EXPECT_EQ(RedirectStandardErrorToLog(), 0);
+      DeInitLogging();
+    }
+    EXPECT_EQ(ReadFile(target), "keep me");
+  }
+}
+
+TEST_F(LoggerTest, NewFoldersAndFilesAreOwnerOnly) {
+  const mode_t previous = ::umask(0);
+  Start(3, true, "a/b");
+  ::umask(previous);
+  for (const fs::path& path : {dir_ / "a", dir_ / "a/b", dir_ / "a/b/test.log"}) {
+    struct stat info {};
+    ASSERT_EQ(::stat(path.c_str(), &info), 0) << path;
+    EXPECT_EQ(info.st_mode & 077, 0u) << path;
+  }
+}
+
+TEST_F(LoggerTest, StandardErrorSharesTheLogFile) {
+  // Descriptor 2 is replaced, so the check runs in a child process.
+  const fs::path log = dir_ / "logs/test.log";
+  EXPECT_EXIT(
+      {
+        Start(3);
+        UserLogMessage("before\n");
+        if (RedirectStandardErrorToLog() != 1) std::exit(1);
+        std::fputs("from stderr\n", stderr);
+        UserLogMessage("after\n");
+        StopLogging();
+        std::exit(0);
+      },
+      ::testing::ExitedWithCode(0), "");
+  EXPECT_EQ(Normalise(ReadFile(log)),
+            "Log open time: T\n[ T ] [INFO] before\nfrom stderr\n[ T ] [INFO] after\n"
+            "Log close time: T\n");
+}
+
 }  // namespace
 }  // namespace tarn

@@ -32,7 +32,7 @@ constexpr std::array<const char*, 4> kReadAttributes = {"name", "system", "refer
 struct TableDropped {};
 
 void Drop(const char* message) {
-  ErrorLogMessage("%s", message);
+  ErrorLogText(message);
   throw TableDropped{};
 }
 

@@ -10,7 +10,9 @@
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 
+#include <cstddef>
 #include <memory>
+#include <string_view>
 
 namespace tarn {
 
@@ -32,5 +34,13 @@ bool IsUnsafeDtd(const xmlDtd* dtd);
 // True when the parsed document must be refused: its internal subset is
 // unsafe (see IsUnsafeDtd) or it carries an external subset.
 bool HasUnsafeDoctype(const xmlDoc* document);
+
+// True when no start tag of the UTF-8 document carries more than maxPerElement attributes.
+// A linear scan over the bytes, made before libxml2 sees the document: libxml2 checks an
+// element's attributes for duplicates pairwise, so one element with a hundred thousand
+// attributes costs seconds. Comments, CDATA sections, processing instructions, declarations
+// and end tags are skipped; quoted attribute values are skipped whole. A document the scan
+// cannot follow to its end is left to the parser, which refuses it.
+bool AttributeCountsWithin(std::string_view document, std::size_t maxPerElement);
 
 }  // namespace tarn

@@ -99,7 +99,8 @@ class DarwinHostInfo final : public HostInfo {
     int query[] = {CTL_KERN, KERN_PROC, KERN_PROC_ALL, 0};
     std::vector<ProcessEntry> table;
     for (const auto& process : KernelProcesses(query, 3)) {
-      table.push_back({process.kp_proc.p_pid, ShortName(process)});
+      table.push_back({process.kp_proc.p_pid, ShortName(process),
+                       static_cast<unsigned>(process.kp_eproc.e_ucred.cr_uid)});
     }
     return table;
   }
@@ -113,6 +114,8 @@ class DarwinHostInfo final : public HostInfo {
   }
 
   int OwnProcessId() override { return static_cast<int>(getpid()); }
+
+  unsigned OwnUserId() override { return static_cast<unsigned>(geteuid()); }
 };
 
 }  // namespace

@@ -50,6 +50,7 @@ class FakeHostInfo final : public HostInfo {
   std::vector<ProcessEntry> processes;
   std::string ownName = "tarninventory";
   int ownPid = 1;
+  unsigned ownUid = 0;
 
   std::string HostName() override { return hostName; }
   std::string LocalizedName() override { return localizedName; }
@@ -58,6 +59,7 @@ class FakeHostInfo final : public HostInfo {
   std::vector<ProcessEntry> ProcessTable() override { return processes; }
   std::string OwnProcessName() override { return ownName; }
   int OwnProcessId() override { return ownPid; }
+  unsigned OwnUserId() override { return ownUid; }
 };
 
 }  // namespace tarn

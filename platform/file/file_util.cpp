@@ -1,6 +1,7 @@
 #include "platform/file/file_util.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -22,6 +23,87 @@ UniqueFd CreateFreshOutputFile(const std::string& path) {
   }
   return AboveStandardDescriptors(
       UniqueFd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600)));
+}
+
+namespace {
+
+// A regular file with one link, owned by this process's effective user.
+bool IsOwnRegularFile(int fd) {
+  struct stat info {};
+  return ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_nlink == 1 &&
+         info.st_uid == ::geteuid();
+}
+
+}  // namespace
+
+UniqueFd OpenOwnFile(const std::string& path, int flags) {
+  // Not blocking, so that a pipe planted at the path cannot hold the open; O_TRUNC waits for
+  // the checks.
+  UniqueFd fd(::open(path.c_str(), (flags & ~O_TRUNC) | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600));
+  if (!fd.valid()) return fd;
+  if (!IsOwnRegularFile(fd.get())) {
+    errno = EPERM;
+    return UniqueFd();
+  }
+  const int status = ::fcntl(fd.get(), F_GETFL);
+  if (status < 0 || ::fcntl(fd.get(), F_SETFL, status & ~O_NONBLOCK) != 0) return UniqueFd();
+  if ((flags & O_TRUNC) != 0 && ::ftruncate(fd.get(), 0) != 0) return UniqueFd();
+  return fd;
+}
+
+FilePtr OpenOwnStream(const std::string& path, int flags, const char* streamMode) {
+  UniqueFd fd = OpenOwnFile(path, flags);
+  if (!fd.valid()) return nullptr;
+  FilePtr stream(::fdopen(fd.get(), streamMode));
+  if (stream) (void)fd.Release();
+  return stream;
+}
+
+LockResult LockOwnFile(const std::string& path, UniqueFd& holder) {
+  UniqueFd fd = OpenOwnFile(path, O_RDWR | O_CREAT);
+  if (!fd.valid()) return LockResult::kUnavailable;
+  int locked;
+  do {
+    locked = ::flock(fd.get(), LOCK_EX | LOCK_NB);
+  } while (locked != 0 && errno == EINTR);
+  if (locked != 0) return errno == EWOULDBLOCK ? LockResult::kHeld : LockResult::kUnavailable;
+  holder = std::move(fd);
+  return LockResult::kTaken;
+}
+
+FolderState CheckOwnFolder(const std::string& path) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) {
+    return errno == ENOENT ? FolderState::kMissing : FolderState::kExposed;
+  }
+  const bool isPrivate = S_ISDIR(info.st_mode) && info.st_uid == ::geteuid() &&
+                         (info.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+  return isPrivate ? FolderState::kPrivate : FolderState::kExposed;
+}
+
+std::error_code CopyRegularFile(const std::string& source, const std::string& target) {
+  const auto lastError = [] { return std::error_code(errno, std::system_category()); };
+  const UniqueFd from(::open(source.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+  if (!from.valid()) return lastError();
+  struct stat info {};
+  if (::fstat(from.get(), &info) != 0) return lastError();
+  if (!S_ISREG(info.st_mode)) return std::make_error_code(std::errc::invalid_argument);
+  const UniqueFd to = CreateFreshOutputFile(target);
+  if (!to.valid()) return lastError();
+  char buffer[65536];
+  for (;;) {
+    const ssize_t got = ::read(from.get(), buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return lastError();
+    if (got == 0) return {};
+    if (!WriteAll(to.get(), std::string_view(buffer, static_cast<std::size_t>(got)))) {
+      return lastError();
+    }
+  }
+}
+
+bool IsPlainFileName(std::string_view name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;
 }
 
 std::optional<std::string> ReadWholeFile(const std::string& path) {

@@ -2,9 +2,12 @@
 
 #include <unistd.h>
 
+#include <cstdio>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 namespace tarn {
@@ -32,10 +35,61 @@ class UniqueFd {
     if (fd_ >= 0) ::close(fd_);
     fd_ = -1;
   }
+  // Gives up ownership without closing.
+  int Release() { return std::exchange(fd_, -1); }
 
  private:
   int fd_ = -1;
 };
+
+struct FileCloser {
+  void operator()(std::FILE* file) const {
+    if (file != nullptr) std::fclose(file);
+  }
+};
+using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
+
+// Opens a file this process writes, in a way no link or foreign file planted at the path can
+// redirect: the last component is never followed (O_NOFOLLOW), the descriptor is
+// close-on-exec, and a file created here gets mode 0600. flags are open's access mode with
+// O_APPEND, O_CREAT and O_TRUNC as wanted. The object opened must be a regular file with one
+// link, owned by this process's effective user; anything else (a link, a folder, a pipe, a
+// hard link to another file, someone else's file) is closed untouched and gives an invalid
+// descriptor. O_TRUNC empties the file only after these checks.
+UniqueFd OpenOwnFile(const std::string& path, int flags);
+
+// OpenOwnFile as a stream with the fdopen mode ("a", "r+", "w"); null on failure.
+FilePtr OpenOwnStream(const std::string& path, int flags, const char* streamMode);
+
+// Outcome of LockOwnFile.
+enum class LockResult {
+  kTaken,        // the lock is held through the descriptor given back
+  kHeld,         // another open of the file holds the lock
+  kUnavailable,  // the file could not be opened (missing folder, link, not ours) or locked
+};
+
+// Takes an exclusive advisory lock (flock, not waiting) on the file at path, created through
+// OpenOwnFile when missing. The lock lasts as long as holder stays open; the file is left in
+// place afterwards, so every run locks the same file.
+LockResult LockOwnFile(const std::string& path, UniqueFd& holder);
+
+// What a folder the run writes into looks like.
+enum class FolderState {
+  kMissing,  // nothing at the path
+  kPrivate,  // a folder (links followed) of this process's effective user, writable by
+             // neither group nor others
+  kExposed,  // anything else: not a folder, another owner, or writable by group or others
+};
+FolderState CheckOwnFolder(const std::string& path);
+
+// Copies the regular file at source (opened without following a link at its last
+// component) to a file created afresh at target (CreateFreshOutputFile). The error of the
+// step that failed, or none.
+std::error_code CopyRegularFile(const std::string& source, const std::string& target);
+
+// True for a name that stays inside the folder it is joined to: not empty, no "/", not "."
+// or "..".
+bool IsPlainFileName(std::string_view name);
 
 // Creates the file afresh for writing, mode 0600, in a way no planted link can redirect: an
 // existing regular file is removed first; a link, folder or anything else at the path makes

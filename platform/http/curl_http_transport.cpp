@@ -129,13 +129,31 @@ void ConfigureBounds(CURL* curl, const HttpRequest& request) {
   SetOption(curl, CURLOPT_FOLLOWLOCATION, 0L);
   SetOption(curl, CURLOPT_PROXY, "");
   SetOption(curl, CURLOPT_TIMEOUT, static_cast<long>(std::max(1, request.timeoutSeconds)));
-  if (request.acceptAnyCertificate) {
+}
+
+// How the server must prove itself: the chain and host name (against the system's or the
+// given authorities) unless any certificate is accepted, and the pinned keys either way.
+void ConfigureTls(CURL* curl, const TlsPolicy& tls) {
+  if (tls.acceptAnyCertificate) {
     SetOption(curl, CURLOPT_SSL_VERIFYPEER, 0L);
     SetOption(curl, CURLOPT_SSL_VERIFYHOST, 0L);
+  } else {
+    SetOption(curl, CURLOPT_SSL_VERIFYPEER, 1L);
+    SetOption(curl, CURLOPT_SSL_VERIFYHOST, 2L);
+    if (!tls.caFile.empty()) SetOption(curl, CURLOPT_CAINFO, tls.caFile.c_str());
+  }
+  if (!tls.pinnedPublicKeys.empty()) {
+    SetOption(curl, CURLOPT_PINNEDPUBLICKEY, tls.pinnedPublicKeys.c_str());
   }
 }
 
 HttpResult Perform(const HttpRequest& request) {
+  // libcurl would read anything else as the name of a key file, which pins nothing useful.
+  if (!request.tls.pinnedPublicKeys.empty() &&
+      !IsPinnedPublicKeyList(request.tls.pinnedPublicKeys)) {
+    return Failure(CURLE_SSL_PINNEDPUBKEYNOTMATCH,
+                   "the pinned public key is not a list of sha256// key hashes");
+  }
   const std::unique_ptr<CURL, EasyCleanup> handle(curl_easy_init());
   if (!handle) return Failure(CURLE_FAILED_INIT, "could not create a request");
   CURL* curl = handle.get();
@@ -146,6 +164,7 @@ HttpResult Perform(const HttpRequest& request) {
   SetOption(curl, CURLOPT_URL, request.url.c_str());
   SetOption(curl, CURLOPT_ERRORBUFFER, errorText);
   ConfigureBounds(curl, request);
+  ConfigureTls(curl, request.tls);
   SetOption(curl, CURLOPT_HTTPHEADER, headers.get());
   SetOption(curl, CURLOPT_WRITEFUNCTION, &ReceiveBody);
   SetOption(curl, CURLOPT_WRITEDATA, &reception);

@@ -5,8 +5,11 @@
 namespace tarn {
 
 // The live HTTP transport, on libcurl: one easy handle per request, no signals, no
-// "Expect: 100-continue" pause before a body. With acceptAnyCertificate neither the peer
-// certificate nor the host name is checked.
+// "Expect: 100-continue" pause before a body. The request's TlsPolicy decides how an HTTPS
+// server proves itself: a failed chain or host-name check is error 60
+// (CURLE_PEER_FAILED_VERIFICATION), a public key that matches no pin is error 90
+// (CURLE_SSL_PINNEDPUBKEYNOTMATCH); either way nothing of the request is sent. A pin text
+// that is not a list of sha256// hashes fails with 90 before any connection.
 //
 // Since it answers whatever server sits at an address, it is bounded:
 // - only http and https URLs; redirects are never followed (a 3xx is an ordinary response);

@@ -151,6 +151,29 @@ TEST(CurlHttpTransportTest, NoServerIsAnErrorNotAResponse) {
   EXPECT_FALSE(result.error->text.empty());
 }
 
+// libcurl would take a text that is not a key hash for the name of a key file; the transport
+// refuses such a pin before it connects anywhere.
+TEST(CurlHttpTransportTest, APinThatIsNotAKeyHashFailsBeforeConnecting) {
+  std::atomic<int> hits = 0;
+  testing::LoopbackServer server([&hits](httplib::Server& routes) {
+    routes.Get("/", [&hits](const httplib::Request&, httplib::Response& response) {
+      ++hits;
+      response.set_content("ok", "text/plain");
+    });
+  });
+  ASSERT_NE(server.port(), 0);
+  for (const char* pin : {"/etc/ssl/certs/ca-certificates.crt", "sha256//short=",
+                          "sha256//47DEQpj8HBSa+/TImW+5JCeuQeRkm5NMpJWZG3hSuFU=;"}) {
+    SCOPED_TRACE(pin);
+    HttpRequest request = Get(server.Url("/"), 5);
+    request.tls.pinnedPublicKeys = pin;
+    const HttpResult result = CurlHttpTransport().Send(request);
+    ASSERT_TRUE(result.error.has_value());
+    EXPECT_EQ(result.error->code, 90);  // CURLE_SSL_PINNEDPUBKEYNOTMATCH
+  }
+  EXPECT_EQ(hits, 0);
+}
+
 // A proxy in the environment would send every request to port 9 of this host, where nothing
 // listens; the answers below prove it was ignored.
 TEST(CurlHttpTransportTest, OnlyHttpNoRedirectsNoProxy) {

@@ -9,6 +9,7 @@
 #include <initializer_list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -48,6 +49,22 @@ bool IsAllDigits(const char* text) {
     if (*text < '0' || *text > '9') return false;
   }
   return true;
+}
+
+// The effective user id from a process's "Uid:" status line (real, effective, saved, file
+// system); nothing when it cannot be read.
+std::optional<unsigned> EffectiveUserId(const std::string& processDirectory) {
+  std::ifstream file(processDirectory + "/status");
+  std::string line;
+  while (std::getline(file, line)) {
+    if (line.rfind("Uid:", 0) != 0) continue;
+    std::istringstream fields(line.substr(4));
+    unsigned real = 0;
+    unsigned effective = 0;
+    if (fields >> real >> effective) return effective;
+    return std::nullopt;
+  }
+  return std::nullopt;
 }
 
 struct DirClose {
@@ -106,10 +123,12 @@ class LinuxHostInfo final : public HostInfo {
     std::vector<ProcessEntry> processes;
     while (const dirent* entry = readdir(proc.get())) {
       if (!IsAllDigits(entry->d_name)) continue;
-      // A process that ended since the listing has no comm any more; skip it.
-      std::string name = FirstLineOf(std::string("/proc/") + entry->d_name + "/comm");
-      if (name.empty()) continue;
-      processes.push_back({std::atoi(entry->d_name), std::move(name)});
+      // A process that ended since the listing has no comm or status any more; skip it.
+      const std::string directory = std::string("/proc/") + entry->d_name;
+      std::string name = FirstLineOf(directory + "/comm");
+      const std::optional<unsigned> uid = EffectiveUserId(directory);
+      if (name.empty() || !uid) continue;
+      processes.push_back({std::atoi(entry->d_name), std::move(name), *uid});
     }
     return processes;
   }
@@ -118,6 +137,8 @@ class LinuxHostInfo final : public HostInfo {
   std::string OwnProcessName() override { return FirstLineOf("/proc/self/comm"); }
 
   int OwnProcessId() override { return static_cast<int>(getpid()); }
+
+  unsigned OwnUserId() override { return static_cast<unsigned>(geteuid()); }
 };
 
 }  // namespace

@@ -13,10 +13,11 @@
 #include <limits>
 #include <memory>
 #include <optional>
+#include <random>
 
 #include "platform/exception/platform_exception.h"
 #include "platform/file/file_util.h"
-#include "platform/plist/plist_nesting.h"
+#include "platform/plist/plist_document.h"
 #include "platform/text/utf8.h"
 
 namespace tarn {
@@ -32,126 +33,16 @@ struct CFree {
 };
 using MallocText = std::unique_ptr<char, CFree>;
 
-constexpr std::string_view kUtf8ByteOrderMark = "\xEF\xBB\xBF";
-constexpr std::string_view kBinaryMagic = "bplist00";
 constexpr const char* kWriteError = "PlistWriteException";
-
-// ---- libplist tree -> PlistValue. Gives absent for anything that has no faithful reading.
-
-PlistPtr FromNode(plist_t node, int depth);
-
-PlistPtr DictionaryFromNode(plist_t node, int depth) {
-  auto dictionary = PlistValue::MakeDictionary();
-  plist_dict_iter rawIterator = nullptr;
-  plist_dict_new_iter(node, &rawIterator);
-  const std::unique_ptr<void, CFree> iterator(rawIterator);
-  for (;;) {
-    char* rawKey = nullptr;
-    plist_t child = nullptr;
-    plist_dict_next_item(node, iterator.get(), &rawKey, &child);
-    const MallocText key(rawKey);
-    if (child == nullptr) break;
-    if (!key || !IsValidUtf8(key.get())) return nullptr;
-    PlistPtr value = FromNode(child, depth + 1);
-    if (!value) return nullptr;
-    dictionary->SetValueForKey(key.get(), std::move(value));
-  }
-  return dictionary;
-}
-
-PlistPtr ArrayFromNode(plist_t node, int depth) {
-  auto array = PlistValue::MakeArray();
-  const std::uint32_t size = plist_array_get_size(node);
-  for (std::uint32_t i = 0; i < size; ++i) {
-    PlistPtr element = FromNode(plist_array_get_item(node, i), depth + 1);
-    if (!element) return nullptr;
-    array->Append(std::move(element));
-  }
-  return array;
-}
-
-PlistPtr StringFromNode(plist_t node) {
-  char* raw = nullptr;
-  plist_get_string_val(node, &raw);
-  const MallocText text(raw);
-  if (!text || !IsValidUtf8(text.get())) return nullptr;
-  return PlistValue::MakeString(text.get());
-}
-
-PlistPtr DataFromNode(plist_t node) {
-  std::uint64_t length = 0;
-  const char* bytes = plist_get_data_ptr(node, &length);
-  if (bytes == nullptr || length == 0) return PlistValue::MakeData({});
-  const auto* begin = reinterpret_cast<const std::uint8_t*>(bytes);
-  return PlistValue::MakeData(std::vector<std::uint8_t>(begin, begin + length));
-}
-
-PlistPtr FromNode(plist_t node, int depth) {
-  if (node == nullptr || depth > kMaxPlistDepth) return nullptr;
-  switch (plist_get_node_type(node)) {
-    case PLIST_DICT:
-      return DictionaryFromNode(node, depth);
-    case PLIST_ARRAY:
-      return ArrayFromNode(node, depth);
-    case PLIST_STRING:
-      return StringFromNode(node);
-    case PLIST_DATA:
-      return DataFromNode(node);
-    case PLIST_BOOLEAN: {
-      std::uint8_t flag = 0;
-      plist_get_bool_val(node, &flag);
-      return PlistValue::MakeBoolean(flag != 0);
-    }
-    case PLIST_UINT: {
-      std::uint64_t bits = 0;
-      plist_get_uint_val(node, &bits);
-      return PlistValue::MakeInteger(static_cast<std::int64_t>(bits));
-    }
-    case PLIST_REAL: {
-      double real = 0;
-      plist_get_real_val(node, &real);
-      return PlistValue::MakeReal(real);
-    }
-    case PLIST_DATE: {
-      std::int32_t seconds = 0;
-      std::int32_t microseconds = 0;
-      plist_get_date_val(node, &seconds, &microseconds);
-      return PlistValue::MakeDate(static_cast<double>(seconds) + microseconds / 1e6);
-    }
-    default:
-      return nullptr;  // keys out of place, UIDs, unknown kinds
-  }
-}
-
-OwnedPlist ParseWithLibplist(std::string_view bytes) {
-  if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) return nullptr;
-  plist_t root = nullptr;
-  const auto length = static_cast<std::uint32_t>(bytes.size());
-  if (bytes.starts_with(kBinaryMagic)) {
-    if (!BinaryNestingWithin(bytes, kMaxPlistDepth)) return nullptr;
-    plist_from_bin(bytes.data(), length, &root);
-  } else {
-    if (!IsValidUtf8(bytes) || !XmlNestingWithin(bytes, kMaxPlistDepth)) return nullptr;
-    plist_from_xml(bytes.data(), length, &root);
-  }
-  return OwnedPlist(root);
-}
 
 // ---- PlistValue -> libplist tree. Raises where the value cannot be written faithfully.
 
 plist_t NewNode(const PlistValue& value, int depth);
 
-void RequireWritableText(const std::string& text) {
-  if (!IsValidUtf8(text)) throw PlatformException(kWriteError, "text is not valid UTF-8");
-  if (text.find('\0') != std::string::npos) {
-    throw PlatformException(kWriteError, "text holds a NUL character");
-  }
-}
-
 plist_t NewDictionaryNode(const PlistValue& value, int depth) {
   OwnedPlist node(plist_new_dict());
   for (const auto& [key, child] : value.Entries()) {
-    RequireWritableText(key);
+    RequirePlistWritableText(key);
     plist_dict_set_item(node.get(), key.c_str(), NewNode(*child, depth + 1));
   }
   return node.release();
@@ -193,7 +84,7 @@ plist_t NewNode(const PlistValue& value, int depth) {
     case PlistType::kArray:
       return NewArrayNode(value, depth);
     case PlistType::kString:
-      RequireWritableText(value.String());
+      RequirePlistWritableText(value.String());
       return plist_new_string(value.String().c_str());
     case PlistType::kInteger:
       return NewIntegerNode(value);
@@ -213,12 +104,17 @@ plist_t NewNode(const PlistValue& value, int depth) {
 
 }  // namespace
 
+void RequirePlistWritableText(std::string_view text) {
+  if (!IsValidUtf8(text)) throw PlatformException(kWriteError, "text is not valid UTF-8");
+  if (text.find('\0') != std::string_view::npos) {
+    throw PlatformException(kWriteError, "text holds a NUL character");
+  }
+}
+
 PlistPtr ParsePlist(std::string_view bytes) {
-  if (bytes.starts_with(kUtf8ByteOrderMark)) bytes.remove_prefix(kUtf8ByteOrderMark.size());
-  if (bytes.empty()) return nullptr;
-  const OwnedPlist root = ParseWithLibplist(bytes);
-  if (!root) return nullptr;
-  return FromNode(root.get(), 1);
+  // The conversion checks every value itself.
+  const std::unique_ptr<PlistDocument> document = PlistDocument::ParseUnchecked(bytes);
+  return document ? document->Root().ToValue() : nullptr;
 }
 
 PlistPtr ReadPlistFile(const std::string& path) {
@@ -239,24 +135,32 @@ std::string ToXmlPlist(const PlistValue& value) {
 
 namespace {
 
-// umask can only be read by setting it; the process is single-threaded.
-mode_t CurrentFileCreationMask() {
-  const mode_t mask = ::umask(0);
-  ::umask(mask);
-  return mask;
+// A new file beside path with a random suffix, created exclusively (so no link is followed)
+// with mode 0600; its name goes to temporary.
+UniqueFd CreateTemporaryBeside(const std::string& path, std::string& temporary) {
+  static constexpr char kLetters[] =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+  std::random_device random;
+  std::uniform_int_distribution<std::size_t> pick(0, sizeof kLetters - 2);
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    temporary = path + ".";
+    for (int i = 0; i < 6; ++i) temporary += kLetters[pick(random)];
+    UniqueFd fd(
+        ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (fd.valid() || errno != EEXIST) return fd;
+  }
+  return UniqueFd();
 }
 
 }  // namespace
 
 bool WriteFileAtomically(const std::string& path, std::string_view bytes) {
-  std::string temporary = path + ".XXXXXX";
-  const int fd = ::mkstemp(temporary.data());
-  if (fd < 0) return false;
-  // mkstemp creates the file 0600; give it the mode a plain create would, so the
-  // process's file-creation mask decides (the scanner runs with 077).
-  const bool written =
-      ::fchmod(fd, 0666 & ~CurrentFileCreationMask()) == 0 && WriteAll(fd, bytes) && ::fsync(fd) == 0;
-  const bool closed = ::close(fd) == 0;
+  std::string temporary;
+  UniqueFd fd = CreateTemporaryBeside(path, temporary);
+  if (!fd.valid()) return false;
+  const bool written = WriteAll(fd.get(), bytes) && ::fsync(fd.get()) == 0;
+  const bool closed = ::close(fd.Release()) == 0;
+  // rename replaces whatever is at path, a link included, and never writes through it.
   if (!written || !closed || ::rename(temporary.c_str(), path.c_str()) != 0) {
     ::unlink(temporary.c_str());
     return false;

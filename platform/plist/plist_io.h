@@ -14,8 +14,10 @@ inline constexpr int kMaxPlistDepth = 256;
 // Parses an XML or binary property list (the form is recognised from the first bytes; a
 // UTF-8 byte-order mark before XML is skipped). Every container of the result is mutable and
 // owned by the caller. Gives absent, never raises, when the bytes are not a property list,
-// nest deeper than kMaxPlistDepth, hold text that is not valid UTF-8, or hold a value kind
-// with no PlistValue counterpart (keyed-archive UIDs).
+// nest deeper than kMaxPlistDepth, hold text that is not valid UTF-8 or holds a NUL
+// character (XML: a NUL byte anywhere), hold a value kind
+// with no PlistValue counterpart (keyed-archive UIDs), or (binary form) share containers so
+// that they expand to more than about two values per byte.
 //
 // Integers arrive from libplist without their sign: values with the top bit set are read
 // back as negative signed integers. libplist keeps dates as 32-bit seconds since 2001, so
@@ -32,10 +34,14 @@ PlistPtr ReadPlistFile(const std::string& path);
 // integer above INT64_MAX, a date outside the 32-bit second range around 2001.
 std::string ToXmlPlist(const PlistValue& value);
 
+// Raises PlatformException, as ToXmlPlist does, for a key or text it cannot write: one that
+// is not valid UTF-8 or holds a NUL character.
+void RequirePlistWritableText(std::string_view text);
+
 // Replaces the file at path with the bytes: they go to a new temporary file in the same
 // folder, which is then renamed over the path, so readers see the old or the new content,
-// never a part. The file gets the mode a plain create would under the process's
-// file-creation mask. False (and no file left behind) on any failure.
+// never a part. The file gets mode 0600. A link at path is replaced, never written
+// through. False (and no file left behind) on any failure.
 bool WriteFileAtomically(const std::string& path, std::string_view bytes);
 
 }  // namespace tarn

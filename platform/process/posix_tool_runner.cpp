@@ -11,12 +11,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <exception>
+#include <optional>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
 #include "platform/console_log.h"
 #include "platform/exception/platform_exception.h"
 #include "platform/file/file_util.h"
+#include "platform/text/log_text.h"
 #include "platform/text/utf8.h"
 
 extern char** environ;
@@ -32,6 +35,49 @@ bool SetCloseOnExec(int fd) {
   return flags >= 0 && ::fcntl(fd, F_SETFD, flags | FD_CLOEXEC) == 0;
 }
 
+// A pipe whose two ends are above the standard descriptors and close-on-exec.
+struct Pipe {
+  UniqueFd readEnd;
+  UniqueFd writeEnd;
+};
+
+std::optional<Pipe> MakePipe() {
+  int ends[2];
+  if (::pipe(ends) != 0) return std::nullopt;  // pipe2 is not everywhere (macOS)
+  Pipe made{AboveStandardDescriptors(UniqueFd(ends[0])),
+            AboveStandardDescriptors(UniqueFd(ends[1]))};
+  if (!made.readEnd.valid() || !made.writeEnd.valid() || !SetCloseOnExec(made.readEnd.get()) ||
+      !SetCloseOnExec(made.writeEnd.get())) {
+    return std::nullopt;
+  }
+  return made;
+}
+
+class SpawnAttributes {
+ public:
+  SpawnAttributes() { ok_ = posix_spawnattr_init(&attributes_) == 0; }
+  ~SpawnAttributes() {
+    if (ok_) posix_spawnattr_destroy(&attributes_);
+  }
+  SpawnAttributes(const SpawnAttributes&) = delete;
+  SpawnAttributes& operator=(const SpawnAttributes&) = delete;
+
+  // On macOS every descriptor the file actions do not name is closed in the child.
+  bool CloseUnnamedDescriptors() {
+    if (!ok_) return false;
+#ifdef POSIX_SPAWN_CLOEXEC_DEFAULT
+    return posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_CLOEXEC_DEFAULT) == 0;
+#else
+    return true;
+#endif
+  }
+  const posix_spawnattr_t* get() const { return &attributes_; }
+
+ private:
+  posix_spawnattr_t attributes_{};
+  bool ok_ = false;
+};
+
 class SpawnFileActions {
  public:
   SpawnFileActions() { ok_ = posix_spawn_file_actions_init(&actions_) == 0; }
@@ -41,17 +87,39 @@ class SpawnFileActions {
   SpawnFileActions(const SpawnFileActions&) = delete;
   SpawnFileActions& operator=(const SpawnFileActions&) = delete;
 
-  // Standard input from /dev/null, standard output to the descriptor; everything else of ours
-  // is close-on-exec.
-  bool RedirectStandardOutput(int outputFd) {
+  // Standard input from /dev/null, standard output and error to the descriptors, and nothing
+  // else of this process's: a tool never holds the log, the lock or a connection.
+  bool Redirect(int outputFd, int errorFd) {
     return ok_ &&
            posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0) ==
                0 &&
-           posix_spawn_file_actions_adddup2(&actions_, outputFd, STDOUT_FILENO) == 0;
+           posix_spawn_file_actions_adddup2(&actions_, outputFd, STDOUT_FILENO) == 0 &&
+           posix_spawn_file_actions_adddup2(&actions_, errorFd, STDERR_FILENO) == 0 &&
+           CloseAboveStandardDescriptors();
   }
   const posix_spawn_file_actions_t* get() const { return &actions_; }
 
  private:
+  bool CloseAboveStandardDescriptors() {
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 34))
+    return posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1) == 0;
+#elif defined(POSIX_SPAWN_CLOEXEC_DEFAULT)
+    return true;  // SpawnAttributes::CloseUnnamedDescriptors
+#else
+    // Close every open descriptor that would survive the exec (the process is
+    // single-threaded, so the set cannot change before the spawn).
+    const long limit = std::min(::sysconf(_SC_OPEN_MAX), 65536L);
+    for (int fd = STDERR_FILENO + 1; fd < limit; ++fd) {
+      const int flags = ::fcntl(fd, F_GETFD);
+      if (flags >= 0 && (flags & FD_CLOEXEC) == 0 &&
+          posix_spawn_file_actions_addclose(&actions_, fd) != 0) {
+        return false;
+      }
+    }
+    return true;
+#endif
+  }
+
   posix_spawn_file_actions_t actions_{};
   bool ok_ = false;
 };
@@ -102,22 +170,28 @@ class ChildProcess {
   bool reaped_ = false;
 };
 
-// The read end of the child's standard output and what came through it so far.
-class OutputPipe {
+// The read end of a pipe from the child and what came through it since it was last taken.
+class PipeReader {
  public:
-  explicit OutputPipe(UniqueFd readEnd) : readEnd_(std::move(readEnd)) {}
+  explicit PipeReader(UniqueFd readEnd) : readEnd_(std::move(readEnd)) {}
 
+  int fd() const { return readEnd_.get(); }
   bool AtEnd() const { return atEnd_; }
 
-  // Waits up to the timeout for output and takes what arrived.
-  void Pump(milliseconds timeout) {
-    if (atEnd_) {
-      ::poll(nullptr, 0, static_cast<int>(timeout.count()));
-      return;
+  // One read; false when nothing more can be had right now.
+  bool ReadOnce() {
+    if (atEnd_) return false;
+    char buffer[65536];
+    ssize_t got;
+    do {
+      got = ::read(readEnd_.get(), buffer, sizeof buffer);
+    } while (got < 0 && errno == EINTR);
+    if (got > 0) {
+      received_.append(buffer, static_cast<std::size_t>(got));
+      return true;
     }
-    pollfd entry{readEnd_.get(), POLLIN, 0};
-    const int ready = ::poll(&entry, 1, static_cast<int>(timeout.count()));
-    if (ready > 0) ReadOnce();
+    if (got == 0 || errno != EAGAIN) atEnd_ = true;
+    return false;
   }
 
   // Takes whatever is already in the pipe without waiting: after the child has ended, a
@@ -126,41 +200,123 @@ class OutputPipe {
     if (atEnd_) return;
     const int flags = ::fcntl(readEnd_.get(), F_GETFL);
     ::fcntl(readEnd_.get(), F_SETFL, flags | O_NONBLOCK);
-    while (!atEnd_ && ReadOnce()) {
+    while (ReadOnce()) {
     }
   }
 
-  std::string TakeOutput() { return std::move(output_); }
+  std::string Take() { return std::exchange(received_, std::string()); }
 
  private:
-  // One read; false when nothing more can be had right now.
-  bool ReadOnce() {
-    char buffer[65536];
-    ssize_t got;
-    do {
-      got = ::read(readEnd_.get(), buffer, sizeof buffer);
-    } while (got < 0 && errno == EINTR);
-    if (got > 0) {
-      output_.append(buffer, static_cast<std::size_t>(got));
-      return true;
-    }
-    if (got == 0 || errno != EAGAIN) atEnd_ = true;
-    return false;
+  UniqueFd readEnd_;
+  std::string received_;
+  bool atEnd_ = false;
+};
+
+// Passes a tool's standard error to this process's, one console line per line of it, each
+// naming the tool, with control characters written "\xNN": whatever a tool prints there
+// (through this process's standard error it lands in the scan log) cannot start a line that
+// looks like one of the log's own. At most kBudget bytes per run are passed on.
+class ErrorForwarder {
+ public:
+  explicit ErrorForwarder(const std::string& launchPath) : prefix_(launchPath + ": ") {}
+  ErrorForwarder(const ErrorForwarder&) = delete;
+  ErrorForwarder& operator=(const ErrorForwarder&) = delete;
+  ~ErrorForwarder() {
+    if (!pending_.empty()) Write(pending_);
   }
 
-  UniqueFd readEnd_;
-  std::string output_;
-  bool atEnd_ = false;
+  void Take(std::string bytes) {
+    if (dropped_) return;
+    pending_ += bytes;
+    for (auto end = pending_.find('\n'); end != std::string::npos; end = pending_.find('\n')) {
+      Write(std::string_view(pending_).substr(0, end));
+      pending_.erase(0, end + 1);
+      if (dropped_) return;
+    }
+    if (pending_.size() >= kLongestLine) {
+      Write(pending_);
+      pending_.clear();
+    }
+  }
+
+ private:
+  static constexpr std::size_t kBudget = 64 * 1024;
+  static constexpr std::size_t kLongestLine = 4096;
+
+  void Write(std::string_view line) {
+    if (dropped_) return;
+    if (line.size() > kBudget - passed_) {
+      ConsoleLogMessage(prefix_ + "(further standard error not logged)");
+      dropped_ = true;
+      pending_.clear();
+      return;
+    }
+    passed_ += line.size();
+    ConsoleLogMessage(prefix_ + EscapeControlCharacters(line));
+  }
+
+  std::string prefix_;
+  std::string pending_;
+  std::size_t passed_ = 0;
+  bool dropped_ = false;
+};
+
+// The pipes of a running child: its standard output, kept (absent when it goes to a file),
+// and its standard error, forwarded as it comes.
+class ChildStreams {
+ public:
+  ChildStreams(std::optional<PipeReader> output, PipeReader errors, const std::string& launchPath)
+      : output_(std::move(output)), errors_(std::move(errors)), forwarder_(launchPath) {}
+
+  bool AtEnd() const { return errors_.AtEnd() && (!output_ || output_->AtEnd()); }
+
+  // Waits up to the timeout for something from the child and takes what arrived.
+  void Pump(milliseconds timeout) {
+    pollfd entries[2];
+    nfds_t count = 0;
+    if (!errors_.AtEnd()) entries[count++] = {errors_.fd(), POLLIN, 0};
+    if (output_ && !output_->AtEnd()) entries[count++] = {output_->fd(), POLLIN, 0};
+    const int ready =
+        ::poll(count > 0 ? entries : nullptr, count, static_cast<int>(timeout.count()));
+    if (ready <= 0) return;
+    for (nfds_t i = 0; i < count; ++i) {
+      if (entries[i].revents == 0) continue;
+      if (entries[i].fd == errors_.fd()) {
+        errors_.ReadOnce();
+      } else {
+        output_->ReadOnce();
+      }
+    }
+    Forward();
+  }
+
+  void DrainAvailable() {
+    if (output_) output_->DrainAvailable();
+    errors_.DrainAvailable();
+    Forward();
+  }
+
+  std::string TakeOutput() { return output_ ? output_->Take() : std::string(); }
+
+ private:
+  void Forward() { forwarder_.Take(errors_.Take()); }
+
+  std::optional<PipeReader> output_;
+  PipeReader errors_;
+  ErrorForwarder forwarder_;
 };
 
 std::string ErrorText(int error) { return std::system_category().message(error); }
 
-// Launches the tool with its standard output on outputFd; raises PlatformException when it
-// cannot be launched.
+// Launches the tool with its standard output and error on the descriptors; raises
+// PlatformException when it cannot be launched.
 std::optional<pid_t> Spawn(const std::string& launchPath, const std::vector<std::string>& arguments,
-                           int outputFd) {
+                           int outputFd, int errorFd) {
   SpawnFileActions actions;
-  if (!actions.RedirectStandardOutput(outputFd)) return std::nullopt;
+  SpawnAttributes attributes;
+  if (!actions.Redirect(outputFd, errorFd) || !attributes.CloseUnnamedDescriptors()) {
+    return std::nullopt;
+  }
   std::vector<std::string> argumentStorage;
   argumentStorage.reserve(arguments.size() + 1);
   argumentStorage.push_back(launchPath);
@@ -170,17 +326,17 @@ std::optional<pid_t> Spawn(const std::string& launchPath, const std::vector<std:
   argv.push_back(nullptr);
   pid_t pid = 0;
   const int error =
-      posix_spawn(&pid, launchPath.c_str(), actions.get(), nullptr, argv.data(), environ);
+      posix_spawn(&pid, launchPath.c_str(), actions.get(), attributes.get(), argv.data(), environ);
   if (error != 0) {
     RaiseLaunchFailure(launchPath, ErrorText(error));
   }
   return pid;
 }
 
-// Lets the child run while reading its output, until it has ended (true) or the deadline
+// Lets the child run while reading its pipes, until it has ended (true) or the deadline
 // has passed (false).
-bool WaitUntil(ChildProcess& child, OutputPipe& pipe, Clock::time_point deadline) {
-  // Short slices once the pipe is closed, longer ones while output may still come; either
+bool WaitUntil(ChildProcess& child, ChildStreams& streams, Clock::time_point deadline) {
+  // Short slices once the pipes are closed, longer ones while output may still come; either
   // way the child's end is noticed promptly.
   constexpr milliseconds kSliceAfterPipeEnd{5};
   constexpr milliseconds kSliceWhileReading{100};
@@ -189,55 +345,56 @@ bool WaitUntil(ChildProcess& child, OutputPipe& pipe, Clock::time_point deadline
     const auto now = Clock::now();
     if (now >= deadline) return false;
     const auto remaining = std::chrono::ceil<milliseconds>(deadline - now);
-    pipe.Pump(std::min(remaining, pipe.AtEnd() ? kSliceAfterPipeEnd : kSliceWhileReading));
+    streams.Pump(std::min(remaining, streams.AtEnd() ? kSliceAfterPipeEnd : kSliceWhileReading));
   }
 }
 
-void WaitWithoutLimit(ChildProcess& child, OutputPipe& pipe) {
-  while (!WaitUntil(child, pipe, Clock::now() + std::chrono::hours(1))) {
+void WaitWithoutLimit(ChildProcess& child, ChildStreams& streams) {
+  while (!WaitUntil(child, streams, Clock::now() + std::chrono::hours(1))) {
   }
 }
 
-void Terminate(ChildProcess& child, OutputPipe& pipe, milliseconds grace) {
+void Terminate(ChildProcess& child, ChildStreams& streams, milliseconds grace) {
   child.Signal(SIGTERM);
-  if (WaitUntil(child, pipe, Clock::now() + grace)) return;
+  if (WaitUntil(child, streams, Clock::now() + grace)) return;
   child.Signal(SIGKILL);
   child.WaitBlocking();
+}
+
+void WaitBounded(ChildProcess& child, ChildStreams& streams,
+                 const PosixToolRunner::Timing& timing) {
+  for (int step = 0;; ++step) {
+    if (WaitUntil(child, streams, Clock::now() + timing.stepLength)) return;
+    if (step == timing.stepLimit) {
+      Terminate(child, streams, timing.terminationGrace);
+      return;
+    }
+  }
 }
 
 std::optional<std::string> RunCapturing(const std::string& launchPath,
                                         const std::vector<std::string>& arguments, WaitPolicy wait,
                                         const PosixToolRunner::Timing& timing) {
-  int ends[2];
-  if (::pipe(ends) != 0) return std::nullopt;  // pipe2 is not everywhere (macOS)
-  UniqueFd readEnd = AboveStandardDescriptors(UniqueFd(ends[0]));
-  UniqueFd writeEnd = AboveStandardDescriptors(UniqueFd(ends[1]));
-  if (!readEnd.valid() || !writeEnd.valid() || !SetCloseOnExec(readEnd.get()) ||
-      !SetCloseOnExec(writeEnd.get())) {
-    return std::nullopt;
-  }
-
-  const auto pid = Spawn(launchPath, arguments, writeEnd.get());
-  writeEnd.Close();  // the child holds the only write end now, so its exit ends the pipe
+  std::optional<Pipe> output = MakePipe();
+  std::optional<Pipe> errors = MakePipe();
+  if (!output || !errors) return std::nullopt;
+  const auto pid = Spawn(launchPath, arguments, output->writeEnd.get(), errors->writeEnd.get());
+  // The child holds the only write ends now, so its exit ends the pipes.
+  output->writeEnd.Close();
+  errors->writeEnd.Close();
   if (!pid) return std::nullopt;
   ChildProcess child(*pid);
-  OutputPipe pipe(std::move(readEnd));
-
+  ChildStreams streams(PipeReader(std::move(output->readEnd)),
+                       PipeReader(std::move(errors->readEnd)), launchPath);
   if (wait == WaitPolicy::kUnbounded) {
-    WaitWithoutLimit(child, pipe);
+    WaitWithoutLimit(child, streams);
   } else {
-    for (int step = 0;; ++step) {
-      if (WaitUntil(child, pipe, Clock::now() + timing.stepLength)) break;
-      if (step == timing.stepLimit) {
-        Terminate(child, pipe, timing.terminationGrace);
-        break;
-      }
-    }
+    WaitBounded(child, streams, timing);
   }
-  pipe.DrainAvailable();
-  std::string output = pipe.TakeOutput();
-  if (!IsValidUtf8(output)) return std::nullopt;
-  return output;
+  streams.DrainAvailable();
+  std::string text = streams.TakeOutput();
+  if (!IsValidUtf8(text)) return std::nullopt;
+  return text;
 }
 
 }  // namespace
@@ -260,12 +417,16 @@ bool PosixToolRunner::RunToFile(const std::string& launchPath,
                                 const std::string& outputPath) {
   try {
     UniqueFd output = CreateFreshOutputFile(outputPath);
-    if (!output.valid()) return false;
-    const auto pid = Spawn(launchPath, arguments, output.get());
+    std::optional<Pipe> errors = MakePipe();
+    if (!output.valid() || !errors) return false;
+    const auto pid = Spawn(launchPath, arguments, output.get(), errors->writeEnd.get());
     output.Close();
+    errors->writeEnd.Close();
     if (!pid) return false;
     ChildProcess child(*pid);
-    child.WaitBlocking();
+    ChildStreams streams(std::nullopt, PipeReader(std::move(errors->readEnd)), launchPath);
+    WaitWithoutLimit(child, streams);
+    streams.DrainAvailable();
     return child.ExitedWithSuccess();
   } catch (const std::exception& failure) {
     ConsoleLog("PosixToolRunner: running %s failed: %s", launchPath.c_str(), failure.what());

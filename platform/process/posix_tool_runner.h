@@ -11,7 +11,9 @@ namespace tarn {
 
 // The live tool runner: posix_spawn (never a shell), standard output through a pipe that is
 // read while the tool runs, so a tool printing more than a pipe holds never stalls. The tool's
-// standard input is /dev/null and its standard error is this process's. Every child is reaped.
+// standard input is /dev/null; its standard error comes through a second pipe and is written
+// to this process's standard error as console lines naming the tool, control characters
+// escaped. The tool inherits no other descriptor. Every child is reaped.
 //
 // A bounded run waits in steps: after each step the tool is terminated if this was step
 // number stepLimit (counting from 0), so the longest wait is stepLimit + 1 steps; otherwise

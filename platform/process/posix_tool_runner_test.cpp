@@ -1,6 +1,7 @@
 #include "platform/exception/platform_exception.h"
 #include "platform/process/posix_tool_runner.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -100,6 +101,46 @@ TEST(PosixToolRunnerTest, InvalidUtf8GivesNothingAndAMissingExecutableRaises) {
   EXPECT_TRUE(NoChildLeft());
 }
 
+TEST(PosixToolRunnerTest, ToolsInheritOnlyTheStandardDescriptors) {
+  if (!std::filesystem::exists("/proc/self/fd")) GTEST_SKIP() << "needs /proc";
+  // A descriptor opened without close-on-exec, as a library might leave one.
+  const UniqueFd stray(::open("/dev/null", O_RDONLY));
+  ASSERT_TRUE(stray.valid());
+  const std::string probe = "for n in 0 1 2 " + std::to_string(stray.get()) +
+                            "; do [ -e /proc/$$/fd/$n ] && printf o || printf -; done";
+  PosixToolRunner runner;
+  EXPECT_EQ(RunScript(runner, probe), "ooo-");
+  EXPECT_EQ(RunScript(runner, probe, WaitPolicy::kUnbounded), "ooo-");
+}
+
+TEST(PosixToolRunnerTest, StandardErrorComesBackAsEscapedLinesNamingTheTool) {
+  PosixToolRunner runner;
+  ::testing::internal::CaptureStderr();
+  const auto output = RunScript(
+      runner,
+      "printf out; printf 'warn\\033[2J\\n[ 2024-01-01 00:00:00 ] [ERROR] forged\\nlast' >&2");
+  const std::string console = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(output, "out");
+  EXPECT_NE(console.find("] /bin/sh: warn\\x1B[2J\n"), std::string::npos) << console;
+  EXPECT_NE(console.find("] /bin/sh: [ 2024-01-01 00:00:00 ] [ERROR] forged\n"), std::string::npos)
+      << console;
+  EXPECT_NE(console.find("] /bin/sh: last\n"), std::string::npos) << console;
+  // Every line is a console line of this process; none starts as a log line would.
+  EXPECT_EQ(console.find("\n["), std::string::npos) << console;
+  EXPECT_NE(console.front(), '[');
+}
+
+TEST(PosixToolRunnerTest, AFloodOnStandardErrorIsCutAndDoesNotStallTheTool) {
+  PosixToolRunner runner = ShortStepRunner();
+  ::testing::internal::CaptureStderr();
+  const auto output =
+      RunScript(runner, "head -c 1048576 /dev/zero | tr '\\0' e >&2; echo finished");
+  const std::string console = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(output, "finished\n");
+  EXPECT_LT(console.size(), 80u * 1024);
+  EXPECT_NE(console.find("/bin/sh: (further standard error not logged)"), std::string::npos);
+}
+
 class RunToFileTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -125,6 +166,12 @@ TEST_F(RunToFileTest, WritesAFreshPrivateFileAndReplacesAnOldOne) {
 
   EXPECT_FALSE(runner_.RunToFile(kShell, {"-c", "echo failing; exit 1"}, output));
   EXPECT_EQ(ReadWholeFile(output), "failing\n");
+
+  ::testing::internal::CaptureStderr();
+  EXPECT_TRUE(runner_.RunToFile(kShell, {"-c", "echo kept; echo 'noise\ra' >&2"}, output));
+  const std::string console = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(ReadWholeFile(output), "kept\n");
+  EXPECT_NE(console.find("] /bin/sh: noise\\x0Da\n"), std::string::npos) << console;
   EXPECT_TRUE(NoChildLeft());
 }
 

@@ -32,11 +32,6 @@ std::optional<std::int64_t> IntegerAt(const PlistPtr& dictionary, std::string_vi
   return value && value->IsInteger() ? value->AsInteger() : std::nullopt;
 }
 
-// An output file must sit beside the manifest: a name, not a path.
-bool IsPlainFileName(const std::string& name) {
-  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
-}
-
 std::optional<std::vector<std::string>> TextArray(const PlistPtr& value) {
   std::vector<std::string> texts;
   if (!value) return texts;
@@ -54,6 +49,7 @@ std::optional<RecordedCommand> CommandFrom(const PlistPtr& entry, const std::str
   auto launchPath = TextAt(entry, "launchPath");
   auto arguments = TextArray(entry->ValueForKey("arguments"));
   auto output = TextAt(entry, "output");
+  // An output file must sit beside the manifest: a name, not a path.
   if (!launchPath || !arguments || !output || !IsPlainFileName(*output)) return std::nullopt;
   return RecordedCommand{std::move(*launchPath), std::move(*arguments), directory + "/" + *output,
                          IntegerAt(entry, "exitCode").value_or(0)};
@@ -159,6 +155,7 @@ class ReplayHostInfo final : public HostInfo {
   std::vector<ProcessEntry> ProcessTable() override { return live_->ProcessTable(); }
   std::string OwnProcessName() override { return live_->OwnProcessName(); }
   int OwnProcessId() override { return live_->OwnProcessId(); }
+  unsigned OwnUserId() override { return live_->OwnUserId(); }
 
  private:
   std::unique_ptr<HostInfo> live_;

@@ -1,10 +1,12 @@
 #include "tarninventory/src/accesslog.h"
 
+#include <fcntl.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <string>
 
-#include "framework/logging/logger.h"
+#include "platform/file/file_util.h"
 #include "tarnutils/src/TarnSystemutil_mac.h"
 
 namespace tarn {
@@ -56,12 +58,11 @@ void CreateDeviceScanAccessLog(const std::string& path) {
 }
 
 void PrintAccessLog(const std::string& path, std::string_view text) {
-  // "r+" opens an existing file only: the log is never created here.
-  FilePtr file(std::fopen(path.c_str(), "r+b"));
-  if (!file || std::fseek(file.get(), 0, SEEK_END) != 0) {
-    return;
+  // Without O_CREAT: the log is never created here.
+  const UniqueFd file = OpenOwnFile(path, O_WRONLY | O_APPEND);
+  if (file.valid()) {
+    WriteAll(file.get(), text);
   }
-  std::fwrite(text.data(), 1, text.size(), file.get());
 }
 
 void PrintAccessLogStart(const std::string& path, const std::string& modeWord) {

@@ -57,12 +57,13 @@ std::string AccessLogFailurePiece(const std::string& failureWord);
 std::string AccessLogColumnPiece(const std::string& word);
 std::string AccessLogEndPiece(const std::string& time);
 
-// Creates the file with its header when it does not exist; an existing file
-// is left untouched.
+// Creates the file (mode 0600) with its header when nothing is at the path; an
+// existing file, or a link, is left untouched.
 void CreateDeviceScanAccessLog(const std::string& path);
 
 // Appends text to the end of an existing file, opening and closing it. A
-// missing or unwritable file makes this a silent no-op.
+// missing or unwritable file, or anything but this user's regular file with one
+// link (OpenOwnFile), makes this a silent no-op.
 void PrintAccessLog(const std::string& path, std::string_view text);
 
 // Appends the start piece with the current local date and time.

@@ -77,6 +77,25 @@ TEST(AccessLogFile, AppendsOnlyToAnExistingFile) {
   EXPECT_EQ(ReadAll(path), "abcdef\xc3\xa9");
 }
 
+TEST(AccessLogFile, APlantedLinkIsLeftAloneAndNeverWrittenThrough) {
+  TempDir dir("accesslog-link");
+  const std::string target = dir.str() + "/precious";
+  std::ofstream(target) << "keep me";
+  const std::string path = AccessLogPath(dir.str());
+  std::filesystem::create_symlink(target, path);
+  CreateDeviceScanAccessLog(path);
+  PrintAccessLogStart(path, kModeManual);
+  PrintAccessLogEndTime(path);
+  EXPECT_EQ(ReadAll(target), "keep me");
+  EXPECT_TRUE(std::filesystem::is_symlink(path));
+
+  // A dangling link does not make a file appear at its target either.
+  std::filesystem::remove(path);
+  std::filesystem::create_symlink(dir.str() + "/elsewhere", path);
+  CreateDeviceScanAccessLog(path);
+  EXPECT_FALSE(std::filesystem::exists(dir.str() + "/elsewhere"));
+}
+
 TEST(AccessLogFile, CompleteLinesOfSeveralRuns) {
   TempDir dir("accesslog-runs");
   const std::string path = AccessLogPath(dir.str());

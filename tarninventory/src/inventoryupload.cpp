@@ -36,9 +36,7 @@ bool HaveResourceId() {
 
 Proplisthandler& StateStore() { return *CurrentScanRun().tarninventory_datalist; }
 
-OptText StoredText(const char* key) {
-  return TextOf(StateStore().GetValueForKey(key));
-}
+OptText StoredText(const char* key) { return TextOf(StateStore().GetValueForKey(key)); }
 
 void StoreText(const char* key, const OptText& value) {
   StateStore().SetValueForKey(key, value ? PlistValue::MakeString(*value) : nullptr);
@@ -48,18 +46,23 @@ std::string SnapshotPath() {
   return gv_globvars().tarnagentDataDictPath().value_or("") + "/" + kSnapshotFileName;
 }
 
+// A value as one query parameter: a "&", "#" or "=" in it cannot add or cut parameters.
+std::string QueryValue(const OptText& value) {
+  return HttpHandlermac::EncodeUrlValue(Describe(value));
+}
+
 // Pieces 1 to 4 of the upload address: who sends, for which audit and customer.
 std::string AddressStart(const std::string& auditId) {
   const TarnGlobvars& vars = gv_globvars();
-  std::string address = "/inventory?computer=" + vars.localComputerName().value_or("(null)") +
-                        "&domain=" + vars.localNameSpace().value_or("(null)") +
-                        "&customerId=" + vars.tarnCustomerID().value_or("(null)") +
-                        "&auditid=" + auditId;
+  std::string address = "/inventory?computer=" + QueryValue(vars.localComputerName()) +
+                        "&domain=" + QueryValue(vars.localNameSpace()) +
+                        "&customerId=" + QueryValue(vars.tarnCustomerID()) +
+                        "&auditid=" + QueryValue(auditId);
   if (vars.tarnAgentResourceID()) {
-    address += "&resourceid=" + *vars.tarnAgentResourceID();
+    address += "&resourceid=" + QueryValue(vars.tarnAgentResourceID());
   }
   // An absent remote-office id is sent as the platform's text for a null object.
-  address += "&remoffId=" + std::string(Describe(vars.tarnRemoteOffID()));
+  address += "&remoffId=" + QueryValue(vars.tarnRemoteOffID());
   address += CurrentScanRun().isOndemandScan ? "&isOnDemand=true" : "&isOnDemand=false";
   return address;
 }
@@ -78,10 +81,10 @@ std::string FullScanBody(const std::string& auditId, const std::string& currentT
   StderrWhere(kSendSignature, 252, "Converted audit id is: %ul\n", auditNumber);
   createInvAuditEntryRow(auditNumber);
   AddAgentParamsforInvinXML(currentTime, previousTime);
-  const OptText document = ConvertDOtoXMLBuffer(kFullDocumentTables, kFullDocumentRoot);
+  std::string document = ConvertDOtoXMLBuffer(kFullDocumentTables, kFullDocumentRoot).value_or("");
   UserLogMessage("SendInventoryData : Sending full data in xml \n");
-  UserLogMessage("INVENTORY data buffer: %s\n", document.value_or("").c_str());
-  return document.value_or("");
+  UserLogMessage("INVENTORY data buffer: %s\n", document.c_str());
+  return document;
 }
 
 // The body of a difference upload: what changed since the snapshot, as pretty JSON. A

@@ -8,6 +8,7 @@
 #include "framework/imds/xmltodo.h"
 #include "framework/logging/logger.h"
 #include "platform/exception/platform_exception.h"
+#include "platform/file/file_util.h"
 #include "platform/plist/plist_value.h"
 #include "tarninventory/src/FullScanHandler.h"
 #include "tarninventory/src/fileattributes.h"
@@ -105,7 +106,8 @@ std::string DataDictFile(const std::string& name) {
 }
 
 // Loads the settings file named in the store. False when there is no name or the file does not
-// load; the caller then keeps the requested run type.
+// load; the caller then keeps the requested run type. The name must be a plain file name in
+// the data directory: a path ("../../tmp/x.xml", "/etc/x") does not load.
 bool LoadChangedSettingsFile() {
   const std::optional<std::string> name = StoredTextOrRaise(kDiffSettingsXmlName);
   UserLogMessage("ReadScanSettingsFromXml: %s has been modified \n", Describe(name));
@@ -113,7 +115,7 @@ bool LoadChangedSettingsFile() {
     return false;
   }
   const std::string path = DataDictFile(*name);
-  if (CreateDOFromXMLFile(path.c_str()) == 0) {
+  if (!IsPlainFileName(*name) || CreateDOFromXMLFile(path.c_str()) == 0) {
     ErrorLogMessage("ReadScanSettingsFromXml : Unable to load settings file %s\n", path.c_str());
     return false;
   }

@@ -180,6 +180,25 @@ TEST_F(ScanSettingsTest, UnloadableSettingsKeepTheRequestAndAreNotRetried) {
   EXPECT_EQ(OnDisk(kEnableOneTimeFullscan), std::nullopt);
 }
 
+TEST_F(ScanSettingsTest, ASettingsNameThatIsAPathDoesNotLoad) {
+  // A settings file that would turn difference scans off, outside the data folder.
+  testing::TempDir outside("scansettings-outside");
+  std::ofstream(outside.str() + "/x.xml")
+      << "<InvSettings><InvParams param_name=\"ENABLE_DIFF_SCAN\" "
+         "param_value=\"0\"/></InvSettings>";
+  const std::string relative = "../" + outside.path().filename().string() + "/x.xml";
+  int stamp = 0;
+  for (const std::string& name :
+       {relative, outside.str() + "/x.xml", std::string(".."), std::string(".")}) {
+    SCOPED_TRACE(name);
+    Store(kDiffSettingsXmlName, name);
+    Store(kDiffSettingsModifiedTimeMeta, "stamp-" + std::to_string(++stamp));
+    EXPECT_EQ(ReadSettingsXml(kDiffScanType), kDiffScanType);
+    EXPECT_EQ(OnDisk(kEnableDiffScan), std::nullopt);
+    EXPECT_TRUE(Logged("ReadScanSettingsFromXml : Unable to load settings file " + Path(name)));
+  }
+}
+
 TEST_F(ScanSettingsTest, SnapshotDecidesBetweenFullAndDiff) {
   const std::string path = Path(kSnapshotFileName);
   Store(kInvFullDataLastModified, "1700000000");

@@ -76,8 +76,7 @@ bool OndemandAsksFullScan(int argc, const char* const* argv) {
 // Replaces the live platform by a recorded machine when "agent-conf.plist"
 // names one; a relative folder is taken from the data directory.
 void InstallConfiguredPlatform() {
-  auto conf = Proplisthandler::InitwithFile(DataDictPath() + "/agent-conf.plist");
-  const PlistPtr configured = conf ? conf->GetValueForKey(kToolReplayDirectoryKey) : nullptr;
+  const PlistPtr configured = AgentConfigurationValue(kToolReplayDirectoryKey);
   const std::optional<std::string> folder = configured ? configured->AsString() : std::nullopt;
   if (!folder || folder->empty()) {
     return;
@@ -93,14 +92,34 @@ void InstallConfiguredPlatform() {
   UserLogMessage("Replaying the recorded machine at %s\n", machine.c_str());
 }
 
-// The stop path of a run that did not reach the upload.
-int StopInventoryScan(const std::string& accessLogPath) {
+// The stop path of a run that did not reach the upload. Without an access-log path (a run
+// that may not write into its folders) no access-log piece is written.
+int StopInventoryScan(const std::optional<std::string>& accessLogPath) {
   StderrWhere(kMainSignature, 57, "main : stopping inventory scan\n");
   std::fflush(stderr);
   StopLoggingEngine();
-  PrintAccessLogEndTime(accessLogPath);
+  if (accessLogPath) {
+    PrintAccessLogEndTime(*accessLogPath);
+  }
   DeinitTarnGlobalvars();
   return 1;
+}
+
+// The logs, the state store and the snapshot are written only into folders that belong to
+// this user and that nobody else may change: in a folder others can write, they could put a
+// link or their own file where the run writes. A folder that does not exist yet is created
+// private when it is needed.
+bool AgentFoldersArePrivate() {
+  for (const std::string& folder : {LogPath(), DataDictPath()}) {
+    if (CheckOwnFolder(folder) == FolderState::kExposed) {
+      StderrWhere(kMainSignature, __LINE__,
+                  "main : %s is writable by group or others or not owned by this user; "
+                  "refusing to log or keep data there\n",
+                  folder.c_str());
+      return false;
+    }
+  }
+  return true;
 }
 
 void OpenScanStateStore() {
@@ -139,7 +158,7 @@ std::int32_t GetScanType(int argumentCode, int argc, const char* const* argv,
                          const std::string& accessLogPath) {
   const ScanMode mode = ModeOf(argumentCode);
   if (mode.logLine != nullptr) {
-    UserLogMessage("%s", mode.logLine);
+    UserLogText(mode.logLine);
   }
   std::int32_t runType = kFullScanType;
   if (argumentCode == kArgScheduled) {
@@ -215,7 +234,7 @@ DWORD CreateDoFromInvClasses(const std::string& accessLogPath) {
 void RunCollectorSequence(const std::vector<CollectorStep>& steps) {
   try {
     for (const CollectorStep& step : steps) {
-      UserLogMessage("%s", step.logLine);
+      UserLogText(step.logLine);
       step.collect();
     }
   } catch (const PlatformException& failure) {
@@ -257,10 +276,15 @@ int RunInventoryScan(int argc, const char* const* argv) {
   }
   const int argumentCode = ProcessInputArgs(argc, argv);
   InitTarnGlobalvars();
+  GetAgentInstallPath();
+  if (!AgentFoldersArePrivate()) {
+    return StopInventoryScan(std::nullopt);
+  }
   const int level = GetLogLevel();
   RotateLog(kScanLogBaseName);
   StartLoggingEngine(kScanLogFileName, level);
   InstallConfiguredPlatform();
+  ReadTlsSettings();
 
   const std::string accessLogPath = AccessLogPath(LogPath());
   RotateLog(kAccessLogBaseName);

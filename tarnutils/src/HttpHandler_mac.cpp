@@ -18,27 +18,65 @@ namespace {
 constexpr const char* kSendSignature = "-[HttpHandlermac TarnSendData:data:]";
 constexpr const char* kGetSignature = "-[HttpHandlermac TarnGetData:data:ifModifiedKey:]";
 
-// Characters a URL may hold in its path and query (RFC 3986): the unreserved ones, the
-// sub-delimiters, ":", "@", "/" and "?". Everything else, "%" and "#" included, is escaped,
-// so the text reaches the server as written.
-bool IsUrlCharacter(unsigned char c) {
-  if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9')) return true;
-  return std::string_view("-._~!$&'()*+,;=:@/?").find(static_cast<char>(c)) !=
-         std::string_view::npos;
+constexpr char kHex[] = "0123456789ABCDEF";
+
+bool IsAlphanumeric(unsigned char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
 }
 
-std::string PercentEscape(std::string_view text, std::string_view alsoEscaped) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
+bool IsHexDigit(char c) {
+  return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f');
+}
+
+// Characters a URL may hold in its path and query (RFC 3986): the unreserved ones, the
+// sub-delimiters, ":", "@", "/" and "?". Everything else, "#" included, is escaped, so the
+// text reaches the server as written.
+bool IsUrlCharacter(unsigned char c) {
+  return IsAlphanumeric(c) || std::string_view("-._~!$&'()*+,;=:@/?").find(static_cast<char>(c)) !=
+                                  std::string_view::npos;
+}
+
+// What EncodeUrlValue keeps.
+bool IsPlainValueCharacter(unsigned char c) {
+  return IsAlphanumeric(c) ||
+         std::string_view("-._~()").find(static_cast<char>(c)) != std::string_view::npos;
+}
+
+void AppendEscaped(std::string& out, unsigned char byte) {
+  out += '%';
+  out += kHex[byte >> 4];
+  out += kHex[byte & 0x0F];
+}
+
+// The text with every byte escaped that keep refuses or alsoEscaped names.
+template <typename Keep>
+std::string PercentEscape(std::string_view text, std::string_view alsoEscaped, Keep keep) {
   std::string escaped;
   escaped.reserve(text.size());
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
-    if (IsUrlCharacter(byte) && alsoEscaped.find(c) == std::string_view::npos) {
+    if (keep(byte) && alsoEscaped.find(c) == std::string_view::npos) {
       escaped += c;
     } else {
-      escaped += '%';
-      escaped += kHex[byte >> 4];
-      escaped += kHex[byte & 0x0F];
+      AppendEscaped(escaped, byte);
+    }
+  }
+  return escaped;
+}
+
+// The whole-address pass: what a URL cannot hold is escaped, but an escape already in the
+// text ("%" and two hex digits, as EncodeUrlValue writes them) is kept, never escaped again.
+std::string EscapeAddress(std::string_view text) {
+  std::string escaped;
+  escaped.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const bool existingEscape =
+        text[i] == '%' && i + 2 < text.size() && IsHexDigit(text[i + 1]) && IsHexDigit(text[i + 2]);
+    if (IsUrlCharacter(byte) || existingEscape) {
+      escaped += text[i];
+    } else {
+      AppendEscaped(escaped, byte);
     }
   }
   return escaped;
@@ -141,7 +179,17 @@ HttpHandlermac HttpHandlermac::initWithTarnServerInfo() {
       static_cast<std::int32_t>(secure ? vars.tarnServerSecurePort() : vars.tarnServerPort());
   handler.TarnlastCommunicationAddr =
       vars.tarnlastaccessName() ? vars.tarnlastaccessName() : vars.tarnServerIP();
+  handler.tlsPolicy = TlsPolicyFromSettings();
   return handler;
+}
+
+TlsPolicy HttpHandlermac::TlsPolicyFromSettings() {
+  const TarnGlobvars& vars = gv_globvars();
+  TlsPolicy policy;
+  policy.caFile = vars.tlsCaFile().value_or("");
+  policy.acceptAnyCertificate = !vars.tlsVerify() && policy.caFile.empty();
+  policy.pinnedPublicKeys = vars.tlsPinnedPublicKeys().value_or("");
+  return policy;
 }
 
 std::vector<std::string> HttpHandlermac::PostAddresses() const {
@@ -174,7 +222,7 @@ std::vector<std::string> HttpHandlermac::GetAddresses() const {
 std::string HttpHandlermac::UrlFor(const std::string& address,
                                    const std::string& pathAndQuery) const {
   return std::string(Describe(TarnProtocol)) + "://" + address + ":" +
-         std::to_string(TarnServerPort) + "/" + PercentEscape(pathAndQuery, "");
+         std::to_string(TarnServerPort) + "/" + EscapeAddress(pathAndQuery);
 }
 
 HttpRequest HttpHandlermac::NewRequest(const char* method, const std::string& url) const {
@@ -183,7 +231,7 @@ HttpRequest HttpHandlermac::NewRequest(const char* method, const std::string& ur
   request.url = url;
   request.headers.emplace_back("Connection", keepAliveOn ? "Keep-Alive" : "close");
   request.timeoutSeconds = kTimeoutSeconds;
-  request.acceptAnyCertificate = true;
+  request.tls = tlsPolicy;
   return request;
 }
 
@@ -295,7 +343,12 @@ bool HttpHandlermac::VaidateServerResponseHeader(const HttpResponse& response,
 }
 
 std::string HttpHandlermac::stringByUrlEncoding(const std::string& text) {
-  return PercentEscape(text, "!*'();:@&amp;=+$,/?%#[]");
+  return PercentEscape(text, "!*'();:@&amp;=+$,/?%#[]", IsUrlCharacter);
+}
+
+std::string HttpHandlermac::EncodeUrlValue(std::string_view value) {
+  const bool dotStep = value == "." || value == "..";
+  return PercentEscape(value, dotStep ? "." : "", IsPlainValueCharacter);
 }
 
 }  // namespace tarn

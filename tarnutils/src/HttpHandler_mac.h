@@ -3,11 +3,14 @@
 // them in turn until one answers, over HTTP or HTTPS as the agent settings say. Requests are
 // synchronous and go through the process-wide platform's HTTP transport; every diagnostic
 // goes to the console log except the body length of a POST, which goes to standard error.
+// How the server must prove itself over HTTPS is the settings' TLS policy; a server that
+// fails it (libcurl 60 or 90) is a transport error like an unreachable one.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/platform.h"
@@ -26,8 +29,13 @@ class HttpHandlermac {
   // A client for the server of the agent settings (gv_globvars must exist): port
   // tarnServerSecurePort when the protocol is "https" in any letter case, else tarnServerPort;
   // last communication address tarnlastaccessName, else tarnServerIP. Status 0, keep-alive
-  // and validation off, no last access address.
+  // and validation off, no last access address. The TLS policy comes from the settings'
+  // tlsCaFile, tlsVerify and tlsPinnedPublicKeys (TlsPolicyFromSettings).
   static HttpHandlermac initWithTarnServerInfo();
+
+  // Any certificate accepted unless tlsVerify is set or a CA file is named; the CA file and
+  // the pinned keys as they are.
+  static TlsPolicy TlsPolicyFromSettings();
 
   // POSTs body ("Content-type: application/xml", "Accept: text/xml") to pathAndQuery at the
   // last communication address, IP, name and flat name (the list ends at the first absent
@@ -55,6 +63,12 @@ class HttpHandlermac {
   // text percent-encoded in UTF-8, escaping, besides what a URL cannot hold, every character
   // of "!*'();:@&amp;=+$,/?%#[]" (the letters a, m and p included).
   static std::string stringByUrlEncoding(const std::string& text);
+
+  // A value inserted into a path segment or a query: every byte percent-encoded ("%XX",
+  // upper-case hex; a UTF-8 character byte by byte) except the letters, digits and
+  // "-._~()"; a value that is "." or ".." has its dots encoded too, so it never reads as a
+  // step in the path. Names, numbers and "(null)" come out unchanged.
+  static std::string EncodeUrlValue(std::string_view value);
 
   // The status of the last answer; 0 after a failed validation or when no answer came.
   std::int32_t GetHttpStatusCode() const { return httpStatusCode; }
@@ -91,6 +105,7 @@ class HttpHandlermac {
   bool keepAliveOn = false;
   bool validateServer = false;
   OptText lastaccessAddress;
+  TlsPolicy tlsPolicy;
 };
 
 }  // namespace tarn

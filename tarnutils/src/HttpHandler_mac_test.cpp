@@ -110,7 +110,9 @@ TEST_F(HttpHandlerTest, PostRequestUrlHeadersAndMessages) {
                                           {"Content-type", "application/xml"}}));
   EXPECT_EQ(request.body, "<DataObject/>");
   EXPECT_EQ(request.timeoutSeconds, 30);
-  EXPECT_TRUE(request.acceptAnyCertificate);
+  EXPECT_TRUE(request.tls.acceptAnyCertificate);
+  EXPECT_EQ(request.tls.caFile, "");
+  EXPECT_EQ(request.tls.pinnedPublicKeys, "");
   EXPECT_TRUE(request.discardResponseBody);
   EXPECT_EQ(client.GetLastAccessAddress(), "10.0.0.1,10.0.0.2");
   EXPECT_EQ(client.GetHttpStatusCode(), 200);
@@ -237,6 +239,72 @@ TEST(HttpHandlerEncoding, StringByUrlEncodingEscapesItsExtraSetIncludingAmpEntit
   EXPECT_EQ(HttpHandlermac::stringByUrlEncoding("map-._~z\xC3\xA9"), "%6D%61%70-._~z%C3%A9");
   EXPECT_EQ(HttpHandlermac::stringByUrlEncoding("!*'();:@+$,%#[]"),
             "%21%2A%27%28%29%3B%3A%40%2B%24%2C%25%23%5B%5D");
+}
+
+TEST(HttpHandlerEncoding, InsertedValuesCannotAddParametersOrPathSteps) {
+  struct Case {
+    const char* value;
+    const char* encoded;
+  };
+  const Case cases[] = {
+      {"office-mac", "office-mac"},
+      {"A-77", "A-77"},
+      {"(null)", "(null)"},
+      {"v1.2_x~y", "v1.2_x~y"},
+      {"42&customerId=666", "42%26customerId%3D666"},
+      {"42#frag", "42%23frag"},
+      {"../../../../admin/reset", "..%2F..%2F..%2F..%2Fadmin%2Freset"},
+      {"..", "%2E%2E"},
+      {".", "%2E"},
+      {"...", "..."},
+      {"50%", "50%25"},
+      {"%41", "%2541"},
+      {"Alice's Mac\n", "Alice%27s%20Mac%0A"},
+      {"caf\xC3\xA9", "caf%C3%A9"},
+      {"", ""},
+  };
+  for (const Case& c : cases) EXPECT_EQ(HttpHandlermac::EncodeUrlValue(c.value), c.encoded);
+}
+
+TEST_F(HttpHandlerTest, EncodedValuesAreNotEscapedAgainButLoosePercentSignsAre) {
+  http().Script({ScriptedHttp::Answer(200)});
+  const std::string query =
+      "/inventory?computer=" + HttpHandlermac::EncodeUrlValue("a&b=c #d%") + "&pct=5%";
+  EXPECT_EQ(HttpHandlermac::initWithTarnServerInfo().TarnSendData(query, ""), 0u);
+  EXPECT_EQ(http().requests.at(0).url,
+            "http://last:8020//inventory?computer=a%26b%3Dc%20%23d%25&pct=5%25");
+}
+
+TEST_F(HttpHandlerTest, TlsPolicyFollowsTheSettings) {
+  struct Case {
+    bool verify;
+    std::optional<std::string> caFile;
+    std::optional<std::string> pins;
+    bool acceptAny;
+  };
+  const std::string pin = "sha256//47DEQpj8HBSa+/TImW+5JCeuQeRkm5NMpJWZG3hSuFU=";
+  const Case cases[] = {
+      {false, std::nullopt, std::nullopt, true},
+      {true, std::nullopt, std::nullopt, false},
+      {false, "/etc/tarn/ca.pem", std::nullopt, false},
+      {true, "/etc/tarn/ca.pem", pin, false},
+      {false, std::nullopt, pin, true},  // the pin is checked with the chain unchecked
+  };
+  for (const Case& c : cases) {
+    gv_globvars().Set_tlsVerify(c.verify);
+    gv_globvars().Set_tlsCaFile(c.caFile);
+    gv_globvars().Set_tlsPinnedPublicKeys(c.pins);
+    http().Script({});
+    std::optional<std::string> body;
+    HttpHandlermac::initWithTarnServerInfo().TarnGetData("p", body);
+    HttpHandlermac::initWithTarnServerInfo().TarnSendData("p", "");
+    ASSERT_FALSE(http().requests.empty());
+    for (const HttpRequest& request : http().requests) {
+      EXPECT_EQ(request.tls.acceptAnyCertificate, c.acceptAny);
+      EXPECT_EQ(request.tls.caFile, c.caFile.value_or(""));
+      EXPECT_EQ(request.tls.pinnedPublicKeys, c.pins.value_or(""));
+    }
+  }
 }
 
 TEST_F(HttpHandlerTest, TalksToALoopbackServerThroughTheLiveTransport) {

@@ -2,24 +2,19 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <vector>
+#include <string>
+#include <utility>
 
 #include "platform/console_log.h"
+#include "platform/text/log_text.h"
 
 namespace tarn {
 namespace {
 
-std::string FormatMessage(const char* format, std::va_list args) {
-  std::va_list copy;
-  va_copy(copy, args);
-  const int size = std::vsnprintf(nullptr, 0, format, copy);
-  va_end(copy);
-  if (size <= 0) {
-    return {};
-  }
-  std::vector<char> text(static_cast<std::size_t>(size) + 1);
-  std::vsnprintf(text.data(), text.size(), format, args);
-  return std::string(text.data(), static_cast<std::size_t>(size));
+// "<signature> [Line <line>] " and the message, its inserted texts escaped.
+std::string WhereLine(const char* signature, int line, const char* format, std::va_list args) {
+  return std::string(signature) + " [Line " + std::to_string(line) + "] " +
+         FormatEscapingValues(format, args);
 }
 
 }  // namespace
@@ -27,17 +22,17 @@ std::string FormatMessage(const char* format, std::va_list args) {
 void ConsoleWhere(const char* signature, int line, const char* format, ...) {
   std::va_list args;
   va_start(args, format);
-  const std::string message = FormatMessage(format, args);
+  std::string text = WhereLine(signature, line, format, args);
   va_end(args);
-  ConsoleLog("%s [Line %d] %s", signature, line, message.c_str());
+  ConsoleLogMessage(std::move(text));
 }
 
 void StderrWhere(const char* signature, int line, const char* format, ...) {
   std::va_list args;
   va_start(args, format);
-  const std::string message = FormatMessage(format, args);
+  const std::string text = WhereLine(signature, line, format, args);
   va_end(args);
-  std::fprintf(stderr, "%s [Line %d] %s", signature, line, message.c_str());
+  std::fwrite(text.data(), 1, text.size(), stderr);
   std::fflush(stderr);
 }
 

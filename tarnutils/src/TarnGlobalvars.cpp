@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "platform/file/file_util.h"
 #include "platform/plist/plist_value.h"
 #include "tarnutils/src/TarnDiagnostics.h"
 #include "tarnutils/src/proplisthandler.h"
@@ -85,12 +86,6 @@ bool IsRemoteOfficeSetting(const PlistPtr& value) {
 
 const char* YesNo(bool value) { return value ? "YES" : "NO"; }
 
-std::string WorkingDirectory() {
-  std::error_code error;
-  const auto path = std::filesystem::current_path(error);
-  return error ? std::string() : path.string();
-}
-
 constexpr const char* kServerDetails = "DWORD InitializeServerDetails()";
 
 // Makes sure the working copy exists and holds more than two entries, then
@@ -98,8 +93,7 @@ constexpr const char* kServerDetails = "DWORD InitializeServerDetails()";
 std::unique_ptr<Proplisthandler> OpenServerInfo(const std::string& source,
                                                 const std::string& copy) {
   if (!isFileExists(copy)) {
-    std::error_code error;
-    std::filesystem::copy_file(source, copy, error);
+    const std::error_code error = CopyRegularFile(source, copy);
     if (!error) {
       StderrWhere(kServerDetails, __LINE__, "File copy successful: %s\n", copy.c_str());
     } else {
@@ -239,6 +233,19 @@ void ReadDomain(Proplisthandler& store, TarnGlobvars& vars) {
 
 }  // namespace
 
+AgentFolders AgentFoldersFor(const std::string& workingDirectory) {
+  const auto bin = workingDirectory.find("/bin");
+  const std::string base =
+      bin == std::string::npos ? workingDirectory : workingDirectory.substr(0, bin);
+  return {base, base + "/logs", base + "/data"};
+}
+
+std::string WorkingDirectory() {
+  std::error_code error;
+  const auto path = std::filesystem::current_path(error);
+  return error ? std::string() : path.string();
+}
+
 TarnGlobvars& gv_globvars() { return *Settings().globvars; }
 bool HasGlobvars() { return Settings().globvars != nullptr; }
 Proplisthandler* gv_serverinfohandler() { return Settings().serverInfo.get(); }
@@ -276,11 +283,10 @@ DWORD GetAgentInstallPath() {
   }
   const std::string agentPath = WorkingDirectory();
   vars.Set_tarnagentPath(agentPath);
-  const auto bin = agentPath.find("/bin");
-  const std::string basePath = bin == std::string::npos ? agentPath : agentPath.substr(0, bin);
-  vars.Set_tarnagentBasePath(basePath);
-  vars.Set_tarnagentLogPath(basePath + "/logs");
-  vars.Set_tarnagentDataDictPath(basePath + "/data");
+  const AgentFolders folders = AgentFoldersFor(agentPath);
+  vars.Set_tarnagentBasePath(folders.base);
+  vars.Set_tarnagentLogPath(folders.logs);
+  vars.Set_tarnagentDataDictPath(folders.data);
   // The file name part starts with a slash, so the path holds "//" before it.
   vars.Set_tarnagentStorageFilePath(*vars.tarnagentDataDictPath() + "/" + "/resource.plist");
   ConsoleWhere(kSignature, __LINE__, "Agent path: %s\n", agentPath.c_str());

@@ -74,6 +74,10 @@ class TarnGlobvars {
   TARN_VALUE_PROPERTY(std::int32_t, tarnconfig_Policy, -1)
   TARN_TEXT_PROPERTY(tarnconfigPlistPath)
   TARN_TEXT_PROPERTY(tarnondemandPlistPath)
+  // How the management server proves itself over HTTPS ("agent-conf.plist", ReadTlsSettings).
+  TARN_TEXT_PROPERTY(tlsCaFile)
+  TARN_VALUE_PROPERTY(bool, tlsVerify, false)
+  TARN_TEXT_PROPERTY(tlsPinnedPublicKeys)
 };
 
 #undef TARN_TEXT_PROPERTY
@@ -96,9 +100,21 @@ void DeinitTarnGlobalvars();
 // InitializeLocalComputerDetails in that order; results ignored; returns 0.
 DWORD InitializeAgentParams();
 
+// The agent's folders as a working directory gives them: the base is the part before the
+// first "/bin" (the whole directory when it has none), with "logs" and "data" below it.
+struct AgentFolders {
+  std::string base;
+  std::string logs;
+  std::string data;
+};
+AgentFolders AgentFoldersFor(const std::string& workingDirectory);
+
+// The working directory; empty when it cannot be had.
+std::string WorkingDirectory();
+
 // Derives the agent, base, log, data and storage paths from the working
-// directory, once: a second call changes nothing. 1 when the working
-// directory is empty, else 0.
+// directory (AgentFoldersFor), once: a second call changes nothing. 1 when the
+// working directory is empty, else 0.
 DWORD GetAgentInstallPath();
 
 // Fills the server properties from "dupserverinfo.plist" (a working copy of

@@ -194,6 +194,41 @@ TEST_F(AgentFolderTest, LogLevelFromAgentConfiguration) {
   EXPECT_EQ(GetLogLevel(), 1);
 }
 
+TEST_F(AgentFolderTest, TlsSettingsFromAgentConfiguration) {
+  const std::string pin = "sha256//47DEQpj8HBSa+/TImW+5JCeuQeRkm5NMpJWZG3hSuFU=";
+  struct Case {
+    std::vector<std::pair<std::string, std::string>> keys;
+    bool verify;
+    std::optional<std::string> caFile;
+    std::optional<std::string> pins;
+  };
+  const Case cases[] = {
+      {{{"Loglevel", "3"}}, false, std::nullopt, std::nullopt},
+      {{{"TLS_VERIFY", "1"}}, true, std::nullopt, std::nullopt},
+      {{{"TLS_VERIFY", "0"}}, false, std::nullopt, std::nullopt},
+      {{{"TLS_CA_FILE", "ca.pem"}}, true, Data("ca.pem"), std::nullopt},
+      {{{"TLS_CA_FILE", "/etc/tarn/ca.pem"}, {"TLS_VERIFY", "0"}},
+       true,
+       "/etc/tarn/ca.pem",
+       std::nullopt},
+      {{{"TLS_PINNED_PUBKEY", pin}}, false, std::nullopt, pin},
+      // A certificate file is no pin: kept, so that every request fails.
+      {{{"TLS_PINNED_PUBKEY", "/etc/tarn/server.pem"}, {"TLS_VERIFY", "1"}},
+       true,
+       std::nullopt,
+       "/etc/tarn/server.pem"},
+  };
+  for (const Case& c : cases) {
+    InitTarnGlobalvars();
+    WritePlist("agent-conf.plist", c.keys);
+    ReadTlsSettings();
+    const TarnGlobvars& vars = gv_globvars();
+    EXPECT_EQ(vars.tlsVerify(), c.verify) << c.keys.front().first;
+    EXPECT_EQ(vars.tlsCaFile(), c.caFile) << c.keys.front().first;
+    EXPECT_EQ(vars.tlsPinnedPublicKeys(), c.pins) << c.keys.front().first;
+  }
+}
+
 TEST_F(AgentFolderTest, LoggingEngineTakesOverStandardError) {
   // Standard error is re-opened onto the log, so the check runs in a child process.
   EXPECT_EXIT(

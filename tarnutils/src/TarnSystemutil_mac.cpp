@@ -1,19 +1,22 @@
 #include "tarnutils/src/TarnSystemutil_mac.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <system_error>
 
 #include "framework/logging/logger.h"
 #include "framework/utils/agentutils.h"
 #include "platform/console_log.h"
 #include "platform/exception/platform_exception.h"
+#include "platform/file/file_util.h"
 #include "platform/platform.h"
 #include "platform/plist/plist_io.h"
 #include "tarnutils/src/TarnDiagnostics.h"
+#include "tarnutils/src/TarnGlobalvars.h"
 #include "tarnutils/src/TarnStringutil.h"
 
 namespace tarn {
@@ -86,9 +89,35 @@ const Release* FindRelease(const std::optional<std::string>& version) {
 
 bool IsSierra(const Release* release) { return release == &kReleases[6]; }
 
-// The name of a process as the guard compares it.
-bool IsOtherInstance(const ProcessEntry& process, const std::string& ownName, int ownId) {
-  return process.name == ownName && process.pid != ownId;
+// Another process of this name under the same effective user: a program of the same name
+// that another user starts cannot stop the scan.
+bool IsOtherInstance(const ProcessEntry& process, const std::string& ownName, int ownId,
+                     unsigned ownUid) {
+  return process.name == ownName && process.pid != ownId && process.uid == ownUid;
+}
+
+// The guard's fallback when no lock can be had: the process table.
+bool AnotherProcessOfThisNameRuns() {
+  HostInfo& host = CurrentPlatform().Host();
+  const std::string ownName = host.OwnProcessName();
+  const int ownId = host.OwnProcessId();
+  const unsigned ownUid = host.OwnUserId();
+  ConsoleLog("CheckIfCurrentProcessAlreadyRunning :CurrentProcessName :%s:currentProcessPID :%d",
+             ownName.c_str(), ownId);
+  for (const ProcessEntry& process : host.ProcessTable()) {
+    if (IsOtherInstance(process, ownName, ownId, ownUid)) {
+      ConsoleLog("CheckIfCurrentProcessAlreadyRunning : Running PID :%d", process.pid);
+      return true;
+    }
+  }
+  ConsoleLog("CheckIfCurrentProcessAlreadyRunning : NotRunning");
+  return false;
+}
+
+// The descriptor that holds the instance lock for the rest of the run.
+UniqueFd& InstanceLock() {
+  static UniqueFd lock;
+  return lock;
 }
 
 }  // namespace
@@ -272,20 +301,27 @@ bool checkOSCompatibility(const std::string& minimum) {
 }
 
 bool CheckIfCurrentProcessAlreadyRunning() {
-  HostInfo& host = CurrentPlatform().Host();
-  const std::string ownName = host.OwnProcessName();
-  const int ownId = host.OwnProcessId();
-  ConsoleLog("CheckIfCurrentProcessAlreadyRunning :CurrentProcessName :%s:currentProcessPID :%d",
-             ownName.c_str(), ownId);
-  for (const ProcessEntry& process : host.ProcessTable()) {
-    if (IsOtherInstance(process, ownName, ownId)) {
-      ConsoleLog("CheckIfCurrentProcessAlreadyRunning : Running PID :%d", process.pid);
-      return true;
-    }
-  }
-  ConsoleLog("CheckIfCurrentProcessAlreadyRunning : NotRunning");
-  return false;
+  return CheckIfCurrentProcessAlreadyRunning(AgentFoldersFor(WorkingDirectory()).data);
 }
+
+bool CheckIfCurrentProcessAlreadyRunning(const std::string& dataDirectory) {
+  const std::string path = dataDirectory + "/" + kInstanceLockFileName;
+  switch (LockOwnFile(path, InstanceLock())) {
+    case LockResult::kTaken:
+      ConsoleLog("CheckIfCurrentProcessAlreadyRunning : NotRunning");
+      return false;
+    case LockResult::kHeld:
+      ConsoleLog("CheckIfCurrentProcessAlreadyRunning : Running, %s is locked", path.c_str());
+      return true;
+    case LockResult::kUnavailable:
+      break;
+  }
+  ConsoleLog("CheckIfCurrentProcessAlreadyRunning : no lock at %s, checking the processes",
+             path.c_str());
+  return AnotherProcessOfThisNameRuns();
+}
+
+void ReleaseInstanceLock() { InstanceLock().Close(); }
 
 std::string GetCurrTime() {
   const std::tm now = LocalNow();
@@ -313,12 +349,12 @@ bool isFileExists(const std::string& path) {
 
 DWORD CreateFile(const std::string& path) {
   std::error_code error;
-  if (fs::exists(path, error) && !fs::is_directory(path, error)) {
+  if (isFileExists(path) && !fs::is_directory(fs::symlink_status(path, error))) {
     UserLogMessage("CreateFile : File already exists : %s\n", path.c_str());
     return 0;
   }
-  std::ofstream file(path);
-  if (!file) {
+  const UniqueFd file = OpenOwnFile(path, O_WRONLY | O_CREAT);
+  if (!file.valid()) {
     UserLogMessage("CreateFile :File creation failure \n");
     return 1;
   }
@@ -347,9 +383,9 @@ DWORD CreateDirectory(const std::string& path) {
     UserLogMessage("CreateDirectory : Folder already exists : %s\n", path.c_str());
     return 0;
   }
-  fs::create_directories(path, error);
-  if (error || !fs::is_directory(path)) {
-    const std::string reason = error ? error.message() : "not a directory";
+  const int made = MakeDirectory(path);
+  if (made != 1 || !fs::is_directory(path, error)) {
+    const std::string reason = made != 1 ? std::system_category().message(made) : "not a directory";
     UserLogMessage("CreateDirectory :Folder creation failure : %s\n", reason.c_str());
     return 1;
   }
@@ -376,7 +412,11 @@ DWORD CopyFileFolder(const std::string& source, const std::string& destination, 
       return 1;
     }
   }
-  fs::copy(source, destination, fs::copy_options::recursive, error);
+  if (fs::is_regular_file(fs::symlink_status(source, error))) {
+    error = CopyRegularFile(source, destination);
+  } else {
+    fs::copy(source, destination, fs::copy_options::recursive, error);
+  }
   if (error) {
     UserLogMessage("CopyFileFolder : File copy failed: Reason:: %s\n", error.message().c_str());
     return 1;

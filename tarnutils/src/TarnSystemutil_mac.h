@@ -45,8 +45,22 @@ bool checkOSCompatibility(const std::string& minimum);
 // The same rule on explicit version texts.
 bool IsVersionAtLeast(const std::string& running, const std::string& minimum);
 
-// True when another process of this process's name runs on this computer.
+// The single-instance guard, for the agent folder of the working directory (BASE/bin ->
+// BASE/data): true when another run holds the instance lock, the owner-only file
+// "tarninventory.lock" in the data folder, which this run then keeps locked until it exits.
+// When the lock cannot be had (no data folder, something other than this user's regular file
+// at its path), true when another process of this process's name runs under the same
+// effective user. Writes no file but the lock.
 bool CheckIfCurrentProcessAlreadyRunning();
+
+// The guard for an explicit data folder.
+bool CheckIfCurrentProcessAlreadyRunning(const std::string& dataDirectory);
+
+// Gives back the instance lock taken by the guard (for tests: a run keeps it until it exits).
+void ReleaseInstanceLock();
+
+// The name of the lock file in the data folder.
+inline constexpr const char* kInstanceLockFileName = "tarninventory.lock";
 
 // Local time "HH:mm:ss" and local date "dd-MM-yyyy".
 std::string GetCurrTime();
@@ -55,14 +69,18 @@ std::string GetCurrDateString();
 long GetLocalTimeInLong();
 std::string GetLocalTimeInLongStr();
 
+// True when anything, a dangling link included, is at the path.
 bool isFileExists(const std::string& path);
-// 0 when the file was created or already exists, 1 on failure.
+// 0 when the file was created (mode 0600, no link followed: OpenOwnFile) or something
+// already is at the path, which is left as it is; 1 on failure.
 DWORD CreateFile(const std::string& path);
 // Removes "<folder>/<name>" (or name). 0 when removed or absent, 1 on failure.
 DWORD RemoveFile(const std::string& name, const std::optional<std::string>& folder = std::nullopt);
-// Creates the folder with its missing parents. 0 on success or when it exists, 1 on failure.
+// Creates the folder with its missing parents, mode 0700. 0 on success or when it exists, 1
+// on failure.
 DWORD CreateDirectory(const std::string& path);
-// Copies a file or folder. 0 on success, 1 on failure (see the messages).
+// Copies a file or folder. A regular file is copied without following a link at either end
+// (CopyRegularFile). 0 on success, 1 on failure (see the messages).
 DWORD CopyFileFolder(const std::string& source, const std::string& destination, bool replace);
 
 // Runs a tool with the bounded wait (terminated after its 30th one-second

@@ -109,15 +109,52 @@ TEST(ToolRunners, ALaunchFailureIsLoggedWithItsReasonAndGivesNothing) {
   }
 }
 
-TEST(SingleInstanceGuard, AnotherProcessOfTheSameName) {
+TEST(SingleInstanceGuard, TheLockInTheDataFolderKeepsASecondRunOut) {
+  TempDir data("guard");
+  FakePlatform fake;
+  // Whatever the process table says, the lock decides.
+  fake.host().processes = {{2, "tarninventory", 0}};
+  EXPECT_FALSE(CheckIfCurrentProcessAlreadyRunning(data.str()));
+  const fs::path lock = data.path() / kInstanceLockFileName;
+  ASSERT_TRUE(fs::is_regular_file(lock));
+  EXPECT_EQ(fs::status(lock).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+  // Another process finds the lock held; so does a second open in this one.
+  EXPECT_EXIT(std::exit(CheckIfCurrentProcessAlreadyRunning(data.str()) ? 3 : 0),
+              ::testing::ExitedWithCode(3), "");
+  EXPECT_TRUE(CheckIfCurrentProcessAlreadyRunning(data.str()));
+  ReleaseInstanceLock();
+  EXPECT_FALSE(CheckIfCurrentProcessAlreadyRunning(data.str()));
+  ReleaseInstanceLock();
+}
+
+TEST(SingleInstanceGuard, WithoutALockOnlyProcessesOfTheSameUserCount) {
+  TempDir folder("guard-fallback");
   FakePlatform fake;
   fake.host().ownPid = 100;
-  fake.host().processes = {{1, "launchd"}, {100, "tarninventory"}};
-  EXPECT_FALSE(CheckIfCurrentProcessAlreadyRunning());
-  fake.host().processes.push_back({200, "tarninventory"});
-  EXPECT_TRUE(CheckIfCurrentProcessAlreadyRunning());
-  fake.host().processes = {{200, "tarninventoryX"}};
-  EXPECT_FALSE(CheckIfCurrentProcessAlreadyRunning());
+  fake.host().ownUid = 501;
+  struct Case {
+    std::vector<ProcessEntry> processes;
+    bool running;
+  };
+  const Case cases[] = {
+      {{{1, "launchd", 0}, {100, "tarninventory", 501}}, false},
+      {{{100, "tarninventory", 501}, {200, "tarninventory", 501}}, true},
+      // A program named like the scanner, started by another user.
+      {{{100, "tarninventory", 501}, {200, "tarninventory", 502}}, false},
+      {{{200, "tarninventoryX", 501}}, false},
+  };
+  // No data folder, and a link planted where the lock would be: both fall back.
+  const std::string missing = (folder.path() / "missing").string();
+  fs::create_directories(folder.path() / "data");
+  fs::create_symlink(folder.path() / "elsewhere", folder.path() / "data" / kInstanceLockFileName);
+  for (const std::string& data : {missing, (folder.path() / "data").string()}) {
+    for (const Case& c : cases) {
+      fake.host().processes = c.processes;
+      EXPECT_EQ(CheckIfCurrentProcessAlreadyRunning(data), c.running) << data;
+    }
+  }
+  EXPECT_FALSE(fs::exists(folder.path() / "elsewhere"));
+  EXPECT_FALSE(fs::exists(missing));
 }
 
 TEST(DnsDomain, FirstServiceWithAddressesAndDomain) {
@@ -145,11 +182,17 @@ TEST(FileHelpers, CreateRemoveCopy) {
   const std::string file = dir.str() + "/a.txt";
   EXPECT_EQ(CreateFile(file), 0u);
   EXPECT_TRUE(isFileExists(file));
+  EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
   EXPECT_EQ(CreateFile(file), 0u);
   EXPECT_EQ(CreateFile(dir.str() + "/missing/x"), 1u);
+  // A link, even a dangling one, counts as there and is left alone.
+  fs::create_symlink(dir.path() / "target", dir.path() / "link.log");
+  EXPECT_EQ(CreateFile(dir.str() + "/link.log"), 0u);
+  EXPECT_FALSE(fs::exists(dir.path() / "target"));
 
   EXPECT_EQ(CreateDirectory(dir.str() + "/p/q/r"), 0u);
   EXPECT_TRUE(fs::is_directory(dir.path() / "p/q/r"));
+  EXPECT_EQ(fs::status(dir.path() / "p/q").permissions(), fs::perms::owner_all);
   EXPECT_EQ(CreateDirectory(dir.str() + "/p/q/r"), 0u);
 
   std::ofstream(file) << "content";

@@ -18,10 +18,20 @@ constexpr const char* kTable = "Agentparams";
 constexpr const char* kCriteria = "PARAM_NAME='RESOURCE_ID'";
 constexpr const char* kValueColumn = "param_Value";
 
+// Each value is one path segment: a "/" or ".." in a setting cannot reach another path.
 std::string ResourceDocumentPath(const TarnGlobvars& vars) {
-  return std::string("client-data/") + Describe(vars.tarnCustomerID()) + "/domains/" +
-         Describe(vars.localNameSpace()) + "/resources/" + Describe(vars.localComputerName()) +
+  const auto segment = [](const std::optional<std::string>& value) {
+    return HttpHandlermac::EncodeUrlValue(Describe(value));
+  };
+  return "client-data/" + segment(vars.tarnCustomerID()) + "/domains/" +
+         segment(vars.localNameSpace()) + "/resources/" + segment(vars.localComputerName()) +
          ".xml";
+}
+
+// The server's document may only give Agentparams rows, in grouping elements at most.
+const UntrustedXmlRules& ResourceDocumentRules() {
+  static const UntrustedXmlRules rules{1024 * 1024, 256, {kTable}};
+  return rules;
 }
 
 // The document from the server, as text up to its first zero byte; absent when it could not
@@ -79,7 +89,8 @@ DWORD GetResourceIDFromServer() {
                     path.c_str());
     return 1;
   }
-  if (CreateDOFromXMLBuffer(document->data(), document->size()) != 1) {
+  if (CreateDOFromUntrustedXMLBuffer(document->data(), document->size(), ResourceDocumentRules()) !=
+      1) {
     ErrorLogMessage(
         "GetResourceIDFromServer : Error occured  while loading resource id buffer to the "
         "memory : \n %s \n",

@@ -16,12 +16,14 @@ namespace tarn {
 DWORD UpdateResourceID(const std::optional<std::string>& resourceId);
 
 // Fetches "client-data/<customer id>/domains/<name space>/resources/<computer name>.xml" from
-// the management server (its identifying header required), loads it into the store table
-// "Agentparams" and takes "param_Value" of the first row with PARAM_NAME 'RESOURCE_ID' through
-// UpdateResourceID. 1 when the document cannot be had or loaded or the table is not there;
-// 0 on success, which includes a document without such a row or without a value (the id then
-// stays as it was). Callers read tarnAgentResourceID afterwards. Needs the data dictionary
-// defining the table.
+// the management server (its identifying header required; each value percent-encoded as one
+// path segment), loads it into the store table "Agentparams" (the document is refused when it
+// is over 1 MiB, has an element with more than 256 attributes, or holds elements other than
+// Agentparams rows and "List" grouping elements) and takes "param_Value" of the first row with
+// PARAM_NAME 'RESOURCE_ID' through UpdateResourceID. 1 when the document cannot be had or loaded or
+// the table is not there; 0 on success, which includes a document without such a row or without a
+// value (the id then stays as it was). Callers read tarnAgentResourceID afterwards. Needs the data
+// dictionary defining the table.
 DWORD GetResourceIDFromServer();
 
 }  // namespace tarn

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -133,6 +134,55 @@ TEST_F(ResourceIdentityTest, FailuresGiveOneWithTheirMessages) {
     EXPECT_EQ(GetResourceIDFromServer(), 1u);
     EXPECT_TRUE(log.Contains(c.message)) << log.Text();
     EXPECT_FALSE(gv_globvars().tarnAgentResourceID());
+  }
+}
+
+TEST_F(ResourceIdentityTest, EachSettingIsOnePathSegment) {
+  struct Case {
+    const char* customer;
+    const char* computer;
+    std::string path;
+  };
+  const Case cases[] = {
+      {"C1", "office-mac", kPath},
+      {"..", "../../../../admin/reset",
+       "client-data/%2E%2E/domains/macosgroup/resources/..%2F..%2F..%2F..%2Fadmin%2Freset.xml"},
+      {".", "pc#1?x=2", "client-data/%2E/domains/macosgroup/resources/pc%231%3Fx%3D2.xml"},
+  };
+  for (const Case& c : cases) {
+    gv_globvars().Set_tarnCustomerID(c.customer);
+    gv_globvars().Set_localComputerName(c.computer);
+    http().Script({ScriptedHttp::Answer(404)});
+    EXPECT_EQ(GetResourceIDFromServer(), 1u);
+    ASSERT_EQ(http().requests.size(), 1u);
+    EXPECT_EQ(http().requests[0].url, "http://10.0.0.1:8020/" + c.path);
+  }
+}
+
+// The document's limits themselves are tested with the reader; here, that they apply.
+TEST_F(ResourceIdentityTest, HostileDocumentsFailFastWithoutAnotherRequest) {
+  ASSERT_TRUE(LoadDataDictFromXMLFile(TARN_SOURCE_DIR "/data/data-dictionary.xml"));
+  const std::string idRow = R"(<Agentparams PARAM_NAME="RESOURCE_ID" PARAM_VALUE="666"/>)";
+  std::string manyAttributes = "<Agentparams";
+  for (int i = 0; i < 257; ++i) manyAttributes += " a" + std::to_string(i) + "=\"\"";
+  const std::string cases[] = {
+      Document(R"(<Resource RESOURCE_ID="1" NAME="planted"/>)" + idRow),
+      Document(manyAttributes + " PARAM_NAME=\"RESOURCE_ID\" PARAM_VALUE=\"666\"/>"),
+  };
+  for (const std::string& document : cases) {
+    testing::LogCapture log;
+    http().Script({Served(document), Served(Document(idRow))});
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(GetResourceIDFromServer(), 1u);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
+    EXPECT_EQ(http().requests.size(), 1u);
+    EXPECT_TRUE(
+        log.Contains("GetResourceIDFromServer : Error occured  while loading resource id "
+                     "buffer to the memory : \n " +
+                     kPath + " \n"))
+        << log.Text();
+    EXPECT_FALSE(gv_globvars().tarnAgentResourceID());
+    EXPECT_EQ(GetTableDataByName("Resource"), nullptr);
   }
 }
 

@@ -9,6 +9,8 @@
 #include "framework/system/rsrclockimpl.h"
 #include "platform/console_log.h"
 #include "platform/exception/platform_exception.h"
+#include "platform/file/file_util.h"
+#include "platform/platform.h"
 #include "tarnutils/src/TarnDiagnostics.h"
 #include "tarnutils/src/TarnGlobalvars.h"
 #include "tarnutils/src/proplisthandler.h"
@@ -58,7 +60,7 @@ void ShiftGeneration(const std::string& source, const std::string& target, bool 
     ConsoleLog("Target file delete operation failed: failname:%s :Error %s\n", target.c_str(),
                error.message().c_str());
   }
-  fs::copy_file(source, target, error);
+  error = CopyRegularFile(source, target);
   if (error) {
     ConsoleLog("Copy file operation failed: failname:%s :Error %s\n", source.c_str(),
                error.message().c_str());
@@ -92,14 +94,18 @@ void RotationPass(const std::string& directory, const std::string& baseName, int
 
 }  // namespace
 
+PlistPtr AgentConfigurationValue(const char* key) {
+  GetAgentInstallPath();
+  const std::string path =
+      gv_globvars().tarnagentDataDictPath().value_or("") + "/" + kAgentConfigurationFileName;
+  const auto store = Proplisthandler::InitwithFile(path);
+  return store ? store->GetValueForKey(key) : nullptr;
+}
+
 int GetLogLevel() {
   static const char* const kSignature = "int GetLogLevel()";
   try {
-    GetAgentInstallPath();
-    const std::string path =
-        gv_globvars().tarnagentDataDictPath().value_or("") + "/agent-conf.plist";
-    auto store = Proplisthandler::InitwithFile(path);
-    const PlistPtr level = store ? store->GetValueForKey("Loglevel") : nullptr;
+    const PlistPtr level = AgentConfigurationValue("Loglevel");
     if (!level) {
       ConsoleWhere(kSignature, 134, "Could nt get log level");
       return kDefaultLogLevel;
@@ -125,12 +131,67 @@ int StartLoggingEngine(const char* fileName, int level) {
   std::fflush(stdout);
   SetLoggingParameters(fileName, logPath.c_str(), 10000, 0, static_cast<std::uint8_t>(level));
   StartLoggingAppMode();
-  const std::string target = logPath + "/" + fileName;
-  std::fflush(stderr);
-  if (std::freopen(target.c_str(), "a", stderr) == nullptr) {
-    ConsoleLog("could not redirect standard error to %s", target.c_str());
+  // The log's own descriptor, not a second open of its path: standard error lands in the
+  // file the engine checked, whatever is put at the path afterwards.
+  if (RedirectStandardErrorToLog() == 0) {
+    ConsoleLog("could not redirect standard error to %s/%s", logPath.c_str(), fileName);
   }
   return 0;
+}
+
+namespace {
+
+// "1" as text, a non-zero integer or true.
+bool IsOn(const PlistPtr& value) {
+  if (!value) return false;
+  if (value->IsBoolean()) return *value->AsBoolean();
+  if (value->IsString()) return value->String() == "1";
+  return value->AsInteger().value_or(0) != 0;
+}
+
+// The text of a key that is set; "" (and an error line) for a value that is not a text.
+std::string TextSetting(const PlistPtr& value, const char* key) {
+  if (value->IsString()) return value->String();
+  ErrorLogMessage("ReadTlsSettings : %s is not a text\n", key);
+  return "";
+}
+
+}  // namespace
+
+void ReadTlsSettings() {
+  const PlistPtr caFile = AgentConfigurationValue(kTlsCaFileKey);
+  const PlistPtr verify = AgentConfigurationValue(kTlsVerifyKey);
+  const PlistPtr pins = AgentConfigurationValue(kTlsPinnedPublicKeyKey);
+  TarnGlobvars& vars = gv_globvars();
+  const std::string dataPath = vars.tarnagentDataDictPath().value_or("");
+  if (!caFile && !verify && !pins) {
+    return;  // any certificate is accepted, as the agent always did
+  }
+  // A CA file key, even an unusable one, turns the checks on.
+  vars.Set_tlsVerify(caFile != nullptr || IsOn(verify));
+  if (caFile) {
+    std::string path = TextSetting(caFile, kTlsCaFileKey);
+    if (!path.empty() && path.front() != '/') path = dataPath + "/" + path;
+    if (!path.empty() && !isFileExists(path)) {
+      ErrorLogMessage("ReadTlsSettings : CA file %s not found; HTTPS requests will fail\n",
+                      path.c_str());
+    }
+    vars.Set_tlsCaFile(path.empty() ? std::nullopt : std::optional<std::string>(path));
+  }
+  if (pins) {
+    // Anything but a list of key hashes is kept as it is: the transport refuses it, so a
+    // damaged pin never ends in accepting any certificate.
+    const std::string text = pins->IsString() ? pins->String() : "(not a text)";
+    if (!IsPinnedPublicKeyList(text)) {
+      ErrorLogMessage(
+          "ReadTlsSettings : %s is not a list of sha256// key hashes; HTTPS requests will fail\n",
+          kTlsPinnedPublicKeyKey);
+    }
+    vars.Set_tlsPinnedPublicKeys(text);
+  }
+  UserLogMessage("ReadTlsSettings : server certificate checked: %s, CA file: %s, pinned keys: %s\n",
+                 vars.tlsVerify() ? "yes" : "no", Describe(vars.tlsCaFile()),
+                 Describe(vars.tlsPinnedPublicKeys()));
 }
 
 int StopLoggingEngine() {

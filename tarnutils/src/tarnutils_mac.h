@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/plist/plist_value.h"
 #include "tarnutils/src/TarnSystemutil_mac.h"
 
 namespace tarn {
@@ -12,19 +13,40 @@ namespace tarn {
 // Size at which a log is rotated (2 MiB).
 inline constexpr std::uintmax_t kRotateLogThreshold = 2097152;
 
+// The agent configuration "agent-conf.plist" in the agent data directory.
+inline constexpr const char* kAgentConfigurationFileName = "agent-conf.plist";
+// Its keys for the management server's certificate (all optional; none set accepts any
+// certificate): a PEM bundle of authorities to check the chain against (absolute, or relative
+// to the data directory), "1" to check against the system's authorities, and pinned public
+// keys ("sha256//<base64>" joined by ";").
+inline constexpr const char* kTlsCaFileKey = "TLS_CA_FILE";
+inline constexpr const char* kTlsVerifyKey = "TLS_VERIFY";
+inline constexpr const char* kTlsPinnedPublicKeyKey = "TLS_PINNED_PUBKEY";
+
+// The value of key in "agent-conf.plist" (the agent paths are derived first); absent when
+// the file or the key is missing.
+PlistPtr AgentConfigurationValue(const char* key);
+
 // "Loglevel" of "agent-conf.plist" in the agent data directory; 3 when it is
 // missing or the store fails.
 int GetLogLevel();
 
+// Reads the three TLS keys of "agent-conf.plist" into the settings object (tlsCaFile,
+// tlsVerify, tlsPinnedPublicKeys) and logs the policy in force when any is set. A key that is
+// set but unusable fails closed: a CA file that is not a text leaves the system's
+// authorities in force, a pin that is not a list of key hashes fails every HTTPS request.
+void ReadTlsSettings();
+
 // Starts the logging engine on fileName in the agent log directory at level,
-// and re-opens standard error onto the same file (append). Returns 0.
+// and points standard error at the same open file. Returns 0.
 int StartLoggingEngine(const char* fileName, int level);
 
 // Stops the engine and releases its names. Returns 0.
 int StopLoggingEngine();
 
 // Rotates "<log dir>/<baseName>.log" once it has reached 2 MiB, keeping
-// generations "<baseName>1.log" (newest) to "<baseName>9.log". 0 when the log
+// generations "<baseName>1.log" (newest) to "<baseName>9.log"; files are copied without
+// following links (CopyRegularFile). 0 when the log
 // was small or a pass ran, 1 when the log directory could not be listed or is
 // empty.
 DWORD RotateLog(const std::string& baseName);

@@ -1,0 +1,453 @@
+// The built scanner against what a local user, a planted file or a hostile server can do: a
+// second scanner, links in its folders, folders others can write, the server's certificate,
+// the server's documents, values that carry URL or log syntax, volume names that are paths.
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <regex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "tests/agent_folder.h"
+#include "tests/inventory_server.h"
+#include "tests/scan_checks.h"
+
+namespace tarn::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using Keys = std::vector<std::pair<std::string, std::string>>;
+
+constexpr const char* kStopLine =
+    "int main(int, const char**) [Line 57] main : stopping inventory scan\n";
+
+std::string Machine(const std::string& name) {
+  return std::string(TARN_SOURCE_DIR) + "/testdata/machines/" + name;
+}
+
+// agent-conf.plist replaying a recorded machine, with more text keys.
+void Configure(const AgentFolder& agent, const std::string& machine, const Keys& keys = {}) {
+  std::string body =
+      "\t<key>Loglevel</key><integer>3</integer>\n"
+      "\t<key>TOOL_REPLAY_DIRECTORY</key><string>" +
+      machine + "</string>\n";
+  for (const auto& [key, value] : keys) {
+    body += "\t<key>" + key + "</key><string>" + value + "</string>\n";
+  }
+  AgentFolder::WritePlist(agent.data() / "agent-conf.plist", body);
+}
+
+// Server details as AgentFolder::ServeAt writes them, with a customer id and domain of the
+// test's choosing (texts as they stand in the property list, XML escapes included).
+void ServeAs(const AgentFolder& agent, int port, const std::string& customerId,
+             const std::string& domain) {
+  AgentFolder::WritePlist(agent.data() / "serverinfo.plist",
+                          "\t<key>tarnlastaccessname</key><string>127.0.0.1</string>\n"
+                          "\t<key>SERVERPROTOCOL</key><string>http</string>\n"
+                          "\t<key>SERVERPORT</key><string>" +
+                              std::to_string(port) +
+                              "</string>\n"
+                              "\t<key>CUSTOMERID</key><string>" +
+                              customerId +
+                              "</string>\n"
+                              "\t<key>REMOTEOFFICEID</key><string>301</string>\n"
+                              "\t<key>MAC_DOMAIN</key><string>" +
+                              domain + "</string>\n");
+  fs::remove(agent.data() / "dupserverinfo.plist");
+}
+
+bool Contains(const std::string& text, const std::string& piece) {
+  return text.find(piece) != std::string::npos;
+}
+
+std::size_t Occurrences(const std::string& text, const std::string& piece) {
+  std::size_t count = 0;
+  for (auto at = text.find(piece); at != std::string::npos; at = text.find(piece, at + 1)) ++count;
+  return count;
+}
+
+// ---- One scanner at a time.
+
+// A process that runs a copy of /bin/sleep under the given name (so its process name is that
+// name), as the given user; killed and reaped with the object.
+class NamedSleeper {
+ public:
+  NamedSleeper(const fs::path& folder, const std::string& name, uid_t uid) {
+    fs::create_directories(folder);
+    fs::permissions(folder, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                                fs::perms::others_read | fs::perms::others_exec);
+    const fs::path copy = folder / name;
+    fs::copy_file("/bin/sleep", copy, fs::copy_options::overwrite_existing);
+    fs::permissions(copy, fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec);
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      if (::setgroups(0, nullptr) != 0 || ::setgid(uid) != 0 || ::setuid(uid) != 0) ::_exit(126);
+      ::execl(copy.c_str(), name.c_str(), "30", static_cast<char*>(nullptr));
+      ::_exit(127);
+    }
+    // Running under its name once the exec is done.
+    for (int wait = 0; wait < 200 && CommOf(pid_) != name.substr(0, 15); ++wait) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  }
+  ~NamedSleeper() {
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+  }
+  NamedSleeper(const NamedSleeper&) = delete;
+  NamedSleeper& operator=(const NamedSleeper&) = delete;
+
+ private:
+  static std::string CommOf(pid_t pid) {
+    std::string comm = ReadFileText("/proc/" + std::to_string(pid) + "/comm");
+    if (!comm.empty() && comm.back() == '\n') comm.pop_back();
+    return comm;
+  }
+  pid_t pid_ = -1;
+};
+
+TEST(SecuritySingleInstance, ASecondRealScanExitsAtOnceAndWritesNothing) {
+  AgentFolder agent("sec-second");
+  Configure(agent, Machine("macbook-sample"));
+  InventoryServer server;
+  server.SetResourceAnswer(Answer::kSlow);  // the first scan waits for its resource id
+  agent.ServeAt(server.port());
+  const pid_t first = agent.Start({"assetscan"});
+  for (int wait = 0; wait < 500 && server.Requests().empty(); ++wait) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ASSERT_FALSE(server.Requests().empty()) << "the first scan never asked for its id";
+  const std::string scanLog = agent.ScanLog();
+  const std::string accessLog = agent.AccessLog();
+
+  const auto start = std::chrono::steady_clock::now();
+  const ScannerResult second = agent.Run({"assetscan"}, std::chrono::seconds(20));
+  EXPECT_EQ(second.exitCode, 1);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  EXPECT_EQ(second.standardOutput, "");
+  EXPECT_EQ(agent.ScanLog(), scanLog);
+  EXPECT_EQ(agent.AccessLog(), accessLog);
+  EXPECT_EQ(server.Requests().size(), 1u);
+
+  ::kill(first, SIGKILL);
+  agent.Wait(first);
+}
+
+TEST(SecuritySingleInstance, WithoutTheLockOnlyThisUsersProcessesCount) {
+  if (::geteuid() != 0) GTEST_SKIP() << "starting a process as another user needs root";
+  struct Case {
+    const char* name;
+    uid_t uid;
+    int exitCode;
+  };
+  const Case cases[] = {{"another user", 65534, 0}, {"this user", 0, 1}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    AgentFolder agent("sec-uid");
+    Configure(agent, Machine("macbook-sample"));
+    agent.WriteResourceId("42");
+    InventoryServer server;
+    agent.ServeAt(server.port());
+    // A link where the lock would be: the guard cannot lock and looks at the processes.
+    fs::create_symlink(agent.base() / "elsewhere", agent.data() / "tarninventory.lock");
+    const NamedSleeper sleeper(agent.base() / "other", agent.scannerName(), c.uid);
+    EXPECT_EQ(agent.Run({"assetscan"}).exitCode, c.exitCode);
+    EXPECT_EQ(server.Uploads().size(), c.exitCode == 0 ? 1u : 0u);
+    EXPECT_FALSE(fs::exists(agent.base() / "elsewhere"));
+  }
+}
+
+// ---- The run's own files and folders.
+
+TEST(SecurityFiles, FoldersOthersCanWriteStopTheRunBeforeAnythingIsWritten) {
+  struct Case {
+    const char* name;
+    const char* folder;
+    fs::perms mode;
+    bool otherOwner;
+  };
+  const fs::perms ownerAll = fs::perms::owner_all;
+  const Case cases[] = {
+      {"logs writable by all", "logs", ownerAll | fs::perms::others_all, false},
+      {"logs writable by the group", "logs", ownerAll | fs::perms::group_all, false},
+      {"data writable by the group", "data", ownerAll | fs::perms::group_all, false},
+      {"logs of another owner", "logs", ownerAll, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    if (c.otherOwner && ::geteuid() != 0) continue;
+    AgentFolder agent("sec-folders");
+    Configure(agent, Machine("macbook-sample"));
+    agent.WriteResourceId("42");
+    InventoryServer server;
+    agent.ServeAt(server.port());
+    const fs::path folder = agent.base() / c.folder;
+    fs::create_directories(folder);
+    fs::permissions(folder, c.mode);
+    if (c.otherOwner) {
+      ASSERT_EQ(::chown(folder.c_str(), 65534, 65534), 0);
+    }
+
+    const ScannerResult result = agent.Run({"assetscan"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_TRUE(Contains(
+        result.standardError,
+        "main : " + folder.string() + " is writable by group or others or not owned by this user;"))
+        << result.standardError;
+    EXPECT_TRUE(Contains(result.standardError, kStopLine));
+    EXPECT_TRUE(!fs::exists(agent.logs()) || fs::is_empty(agent.logs()));
+    EXPECT_FALSE(fs::exists(agent.data() / "tarninventory_data.plist"));
+    EXPECT_TRUE(server.Requests().empty());
+  }
+}
+
+TEST(SecurityFiles, LinksPlantedWhereTheRunWritesAreNeverWrittenThrough) {
+  AgentFolder agent("sec-links");
+  Configure(agent, Machine("macbook-sample"));
+  agent.WriteResourceId("42");
+  InventoryServer server;
+  agent.ServeAt(server.port());
+  fs::create_directories(agent.logs());
+  fs::permissions(agent.logs(), fs::perms::owner_all);
+  const fs::path precious = agent.base() / "precious";
+  WriteFileText(precious, "keep me");
+  fs::create_symlink(precious, agent.logs() / "tarndevicescan.log");
+  fs::create_hard_link(precious, agent.logs() / "tarndevicescanaccess.log");
+  fs::create_symlink(precious, agent.data() / "tarninventory_data.plist");
+  fs::create_symlink(agent.base() / "dangling", agent.data() / "invFullData");
+
+  EXPECT_EQ(agent.Run({"assetscan"}).exitCode, 0);
+  EXPECT_EQ(ReadFileText(precious), "keep me");
+  EXPECT_FALSE(fs::exists(agent.base() / "dangling"));
+  EXPECT_TRUE(fs::is_symlink(agent.logs() / "tarndevicescan.log"));
+  // The state store and the snapshot are written whole and replace the links.
+  EXPECT_FALSE(fs::is_symlink(agent.data() / "tarninventory_data.plist"));
+  EXPECT_FALSE(fs::is_symlink(agent.data() / "invFullData"));
+  EXPECT_EQ(server.Uploads().size(), 1u);
+}
+
+// ---- The server's certificate.
+
+// The base64 SHA-256 pin of a certificate's public key, as libcurl takes it.
+std::string PinOf(const fs::path& certificate) {
+  const fs::path out = certificate.string() + ".pin";
+  const std::string command = "openssl x509 -in '" + certificate.string() +
+                              "' -pubkey -noout | openssl pkey -pubin -outform der | "
+                              "openssl dgst -sha256 -binary | base64 > '" +
+                              out.string() + "'";
+  if (std::system(command.c_str()) != 0) return "";
+  std::string pin = ReadFileText(out);
+  while (!pin.empty() && pin.back() == '\n') pin.pop_back();
+  return "sha256//" + pin;
+}
+
+TEST(SecurityTls, TheConfiguredCertificateChecksDecideEveryRequest) {
+  AgentFolder keys("sec-tls-keys");
+  fs::create_directories(keys.base() / "other");
+  const SelfSignedCertificate certificate(keys.base());
+  const SelfSignedCertificate other(keys.base() / "other");
+  ASSERT_TRUE(certificate.made() && other.made());
+  const std::string pin = PinOf(certificate.certificate());
+  const std::string otherPin = PinOf(other.certificate());
+  ASSERT_EQ(pin.size(), 52u);
+  ASSERT_NE(pin, otherPin);
+
+  struct Case {
+    const char* name;
+    Keys keys;
+    bool accepted;
+  };
+  const Case cases[] = {
+      {"no key: any certificate", {}, true},
+      {"the server's own certificate as CA file",
+       {{"TLS_CA_FILE", certificate.certificate().string()}},
+       true},
+      {"another CA file", {{"TLS_CA_FILE", other.certificate().string()}}, false},
+      {"the system's authorities", {{"TLS_VERIFY", "1"}}, false},
+      {"the right pin, chain unchecked", {{"TLS_PINNED_PUBKEY", pin}}, true},
+      {"the right pin among others", {{"TLS_PINNED_PUBKEY", otherPin + ";" + pin}}, true},
+      {"another key's pin", {{"TLS_PINNED_PUBKEY", otherPin}}, false},
+      {"a certificate file as pin",
+       {{"TLS_PINNED_PUBKEY", certificate.certificate().string()}},
+       false},
+      {"CA file and pin",
+       {{"TLS_CA_FILE", certificate.certificate().string()}, {"TLS_PINNED_PUBKEY", pin}},
+       true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    AgentFolder agent("sec-tls");
+    Configure(agent, Machine("macbook-sample"), c.keys);
+    agent.WriteResourceId("42");
+    InventoryServer server(certificate);
+    agent.ServeAt(server.port(), "https");
+    EXPECT_EQ(agent.Run({"assetscan"}).exitCode, 0);
+    EXPECT_TRUE(LastLineIs(agent, "Manual", {"FullData", c.accepted ? "Success" : "Failure"}))
+        << agent.AccessLog();
+    // A refused server learns nothing of the upload.
+    EXPECT_EQ(server.Requests().size(), c.accepted ? 1u : 0u);
+  }
+
+  // The resource id is asked for under the same policy.
+  AgentFolder agent("sec-tls-resid");
+  Configure(agent, Machine("macbook-sample"), {{"TLS_PINNED_PUBKEY", otherPin}});
+  InventoryServer server(certificate);
+  agent.ServeAt(server.port(), "https");
+  EXPECT_EQ(agent.Run({"assetscan"}).exitCode, 0);
+  EXPECT_TRUE(LastLineIs(agent, "Manual", {"ResIDNotfound", "---"})) << agent.AccessLog();
+  EXPECT_TRUE(server.Requests().empty());
+}
+
+// ---- The server's documents and values that carry syntax.
+
+// The resource document is written by InventoryServer around the id it is given, so the id
+// can carry markup.
+TEST(SecurityServer, HostileResourceDocumentsGiveNoIdAndNoFurtherRequest) {
+  const std::pair<const char*, std::string> cases[] = {
+      {"a row of another table", "1\" /><Resource RESOURCE_ID=\"5\" NAME=\"planted"},
+      {"a document over a mebibyte", std::string(1024 * 1024, 'x')},
+  };
+  for (const auto& [name, id] : cases) {
+    SCOPED_TRACE(name);
+    AgentFolder agent("sec-resdoc");
+    Configure(agent, Machine("macbook-sample"));
+    InventoryServer server;
+    server.SetResourceId(id);
+    agent.ServeAt(server.port());
+    EXPECT_EQ(agent.Run({"assetscan"}).exitCode, 0);
+    EXPECT_TRUE(LastLineIs(agent, "Manual", {"ResIDNotfound", "---"})) << agent.AccessLog();
+    // The run asks for its id twice (settings, then upload) and sends nothing else.
+    EXPECT_EQ(server.Requests().size(), 2u);
+    EXPECT_TRUE(server.Uploads().empty());
+    EXPECT_FALSE(fs::exists(agent.data() / "resource.plist"));
+  }
+}
+
+TEST(SecurityServer, ValuesStayOneUrlPieceAndOneLogLine) {
+  // A resource id from the server with a line feed written as a character reference (and no
+  // ":", which would make the value a reference).
+  AgentFolder agent("sec-values");
+  Configure(agent, Machine("macbook-sample"));
+  InventoryServer server;
+  server.SetResourceId("42&#10;[ 2024-01-01 ] [ERROR] forged");
+  ServeAs(agent, server.port(), "..", "a/../b#c");
+  EXPECT_EQ(agent.Run({"assetscan"}).exitCode, 0);
+  const auto requests = server.Requests();
+  ASSERT_EQ(requests.size(), 2u);  // the id, then the upload
+  EXPECT_EQ(requests[0].target,
+            "/client-data/%2E%2E/domains/a%2F..%2Fb%23c/resources/office-mac.xml");
+  EXPECT_TRUE(Contains(requests[1].target,
+                       "?computer=office-mac&domain=a%2F..%2Fb%23c&customerId=%2E%2E&auditid=12345"
+                       "&resourceid=42%0A%5B%202024-01-01%20%5D%20%5BERROR%5D%20forged"
+                       "&remoffId=301&isOnDemand=false&scanType=1&jsonFormat=0"))
+      << requests[1].target;
+  const std::string scanLog = agent.ScanLog();
+  EXPECT_TRUE(Contains(scanLog, "given  by 42\\x0A[ 2024-01-01 ] [ERROR] forged \n")) << scanLog;
+  EXPECT_FALSE(Contains(scanLog, "\n[ 2024-01-01 ] [ERROR] forged"));
+
+  // A stored resource id with "&" or "#" adds no parameter and cuts none.
+  for (const std::string& stored : {std::string("42&amp;customerId=666"), std::string("42#x")}) {
+    SCOPED_TRACE(stored);
+    AgentFolder again("sec-values-stored");
+    Configure(again, Machine("macbook-sample"));
+    again.WriteResourceId(stored);
+    InventoryServer upload;
+    again.ServeAt(upload.port());
+    EXPECT_EQ(again.Run({"assetscan"}).exitCode, 0);
+    ASSERT_EQ(upload.Uploads().size(), 1u);
+    const std::string target = upload.Uploads()[0].target;
+    EXPECT_EQ(Occurrences(target, "customerId="), 1u) << target;
+    EXPECT_EQ(Occurrences(target, "&resourceid=42%2"), 1u) << target;
+    EXPECT_TRUE(Contains(target, "&remoffId=301&isOnDemand=false&scanType=1")) << target;
+  }
+}
+
+// ---- Volume names are chosen by users.
+
+// A recorded machine in folder whose diskutil lists the given volume names, each mounted.
+void RecordVolumeMachine(const fs::path& folder, const std::vector<std::string>& names) {
+  fs::create_directories(folder);
+  std::string commands =
+      "\t<dict><key>launchPath</key><string>/usr/sbin/diskutil</string>\n"
+      "\t<key>arguments</key><array><string>list</string><string>-plist</string></array>\n"
+      "\t<key>output</key><string>list.plist</string></dict>\n";
+  std::string list;
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    const std::string escaped = std::regex_replace(names[i], std::regex("\""), "&quot;");
+    const std::string output = "info-" + std::to_string(i) + ".plist";
+    list += "<string>" + escaped + "</string>";
+    commands +=
+        "\t<dict><key>launchPath</key><string>/usr/sbin/diskutil</string>\n"
+        "\t<key>arguments</key><array><string>info</string><string>-plist</string>"
+        "<string>" +
+        escaped +
+        "</string></array>\n"
+        "\t<key>output</key><string>" +
+        output + "</string></dict>\n";
+    AgentFolder::WritePlist(
+        folder / output,
+        "<key>MountPoint</key><string>/Volumes/" + escaped +
+            "</string>"
+            "<key>VolumeName</key><string>" +
+            escaped +
+            "</string>"
+            "<key>Ejectable</key><false/><key>FilesystemName</key><string>APFS</string>"
+            "<key>DeviceIdentifier</key><string>disk1s" +
+            std::to_string(i + 1) +
+            "</string>"
+            "<key>TotalSize</key><integer>1000000000</integer>"
+            "<key>FreeSpace</key><integer>500000000</integer>\n");
+  }
+  AgentFolder::WritePlist(folder / "list.plist",
+                          "<key>VolumesFromDisks</key><array>" + list + "</array>\n");
+  AgentFolder::WritePlist(folder / "manifest.plist",
+                          "<key>commands</key><array>\n" + commands +
+                              "</array>\n"
+                              "<key>host</key><dict><key>hostName</key>"
+                              "<string>Office-Mac.local</string></dict>\n");
+}
+
+TEST(SecurityVolumes, NamesThatArePathsOrShellTextStayInsideThePrivateFolder) {
+  AgentFolder agent("sec-volumes");
+  const std::string probe = "/tmp/tarn-shell-probe-" + std::to_string(::getpid());
+  const std::vector<std::string> names = {"../../x", "a/b", "$(touch " + probe + ")",
+                                          "it's \"quoted\""};
+  RecordVolumeMachine(agent.base() / "machine", names);
+  Configure(agent, (agent.base() / "machine").string());
+  agent.WriteResourceId("42");
+  InventoryServer server;
+  agent.ServeAt(server.port());
+  // Links planted where a careless collector would write its tool output.
+  const fs::path bin = agent.base() / "bin";
+  WriteFileText(agent.base() / "precious", "keep me");
+  fs::create_symlink(agent.base() / "precious", bin / "volumes.plist");
+  fs::create_symlink(agent.base() / "created", bin / "x.plist");
+  const auto binBefore = std::distance(fs::directory_iterator(bin), fs::directory_iterator());
+  const std::vector<fs::path> outside = {agent.base() / "x",       agent.base() / "x.plist",
+                                         agent.base() / "a",       bin / "a",
+                                         agent.base() / "created", fs::path(probe)};
+
+  EXPECT_EQ(agent.Run({"assetscan"}).exitCode, 0);
+  ASSERT_EQ(server.Uploads().size(), 1u);
+  const std::string volumes = RowsOfClass(server.Uploads()[0].body, 4);
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    // Each volume was asked for by its exact name and recorded.
+    EXPECT_TRUE(Contains(volumes, "|disk1s" + std::to_string(i + 1) + ";")) << volumes;
+  }
+  for (const fs::path& path : outside) EXPECT_FALSE(fs::exists(path)) << path;
+  EXPECT_EQ(std::distance(fs::directory_iterator(bin), fs::directory_iterator()), binBefore);
+  EXPECT_TRUE(fs::is_symlink(bin / "volumes.plist"));
+  EXPECT_EQ(ReadFileText(agent.base() / "precious"), "keep me");
+}
+
+}  // namespace
+}  // namespace tarn::testing
