@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the project and runs every test with CTest.
 # --sanitize (or CI set in the environment) adds a second build with
-# AddressSanitizer and UndefinedBehaviorSanitizer, which must run silently.
+# AddressSanitizer and UndefinedBehaviorSanitizer, which must run silently, and a short run
+# of every fuzz target (fuzz/run.sh, a clang build in build-fuzz).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -27,9 +28,11 @@ build_and_test() {
   ctest --test-dir "$dir" --output-on-failure -j "$jobs"
 }
 
-build_and_test build
+# The normal build also has the benchmark, for its smoke test (a tiny generated machine).
+build_and_test build -DTARN_BENCH=ON
 if [ "$sanitize" -eq 1 ]; then
   export ASAN_OPTIONS=abort_on_error=1:detect_leaks=1
   export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
   build_and_test build-sanitize -DTARN_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
+  bash fuzz/run.sh --seconds 30
 fi

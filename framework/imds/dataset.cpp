@@ -224,11 +224,56 @@ TableData* GetTableDataByName(const char* tableName) {
   return tableName == nullptr ? nullptr : Tables().Find(tableName);
 }
 
-std::unique_ptr<RowObject> CreateNewRowObject(std::vector<ValueSlot> values,
-                                              std::vector<std::int32_t> lengths) {
-  auto row = std::make_unique<RowObject>();
-  row->values = std::move(values);
-  row->lengths = std::move(lengths);
+namespace {
+
+// Where a row's slots and lengths begin within its allocation.
+constexpr std::size_t kSlotsOffset =
+    (sizeof(RowObject) + alignof(ValueSlot) - 1) / alignof(ValueSlot) * alignof(ValueSlot);
+
+// Moves slots and lengths into a new row of `columns`; extra ones are dropped.
+RowPtr Resized(RowObject& row, std::size_t columns) {
+  RowPtr resized = RowObject::Create(columns);
+  const std::size_t kept = std::min(columns, row.values.size());
+  for (std::size_t i = 0; i < kept; ++i) {
+    resized->values[i] = std::move(row.values[i]);
+    resized->lengths[i] = row.lengths[i];
+  }
+  resized->state = row.state;
+  return resized;
+}
+
+}  // namespace
+
+RowPtr RowObject::Create(std::size_t columns) {
+  static_assert(alignof(std::int32_t) <= alignof(ValueSlot));
+  const std::size_t bytes =
+      kSlotsOffset + columns * (sizeof(ValueSlot) + sizeof(std::int32_t));
+  void* memory = ::operator new(bytes);
+  auto* row = new (memory) RowObject;
+  auto* base = static_cast<unsigned char*>(memory);
+  auto* slots = reinterpret_cast<ValueSlot*>(base + kSlotsOffset);
+  auto* lengths = reinterpret_cast<std::int32_t*>(base + kSlotsOffset + columns * sizeof(ValueSlot));
+  for (std::size_t i = 0; i < columns; ++i) {
+    new (slots + i) ValueSlot();
+    new (lengths + i) std::int32_t(0);
+  }
+  row->values = std::span<ValueSlot>(slots, columns);
+  row->lengths = std::span<std::int32_t>(lengths, columns);
+  return RowPtr(row);
+}
+
+void RowDeleter::operator()(RowObject* row) const noexcept {
+  for (ValueSlot& slot : row->values) slot.~ValueSlot();
+  row->~RowObject();
+  ::operator delete(static_cast<void*>(row));
+}
+
+RowPtr CreateNewRowObject(std::vector<ValueSlot> values, std::vector<std::int32_t> lengths) {
+  RowPtr row = RowObject::Create(values.size());
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    row->values[i] = std::move(values[i]);
+    row->lengths[i] = i < lengths.size() ? lengths[i] : 0;
+  }
   row->state = kRowStateNew;
   return row;
 }
@@ -258,14 +303,13 @@ std::optional<std::int32_t> GenerateNextId(const std::string& generatorName) {
   return value;
 }
 
-int AddNewRow(const char* tableName, std::unique_ptr<RowObject> row) {
+int AddNewRow(const char* tableName, RowPtr row) {
   TableData* table = GetTableDataByName(tableName);
   if (table == nullptr || !row || !table->tableDefn || table->tableDefn->columns().empty()) {
     return 0;
   }
   const auto count = static_cast<std::size_t>(table->columnCount);
-  row->values.resize(count);
-  row->lengths.resize(count, 0);
+  if (row->values.size() != count) row = Resized(*row, count);
   const auto& columns = table->tableDefn->columns();
   for (std::size_t i = 0; i < std::min(count, columns.size()); ++i) {
     if (!row->values[i]) {

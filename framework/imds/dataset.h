@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -33,14 +34,26 @@ inline constexpr std::uint32_t kRowStateDeleted = 8;
 inline constexpr int kTableKind = 1;
 inline constexpr int kCustomViewKind = 2;
 
-// Bucket count of the generator sequence table and of the reader's identifier map.
+// Bucket count of the generator sequence table.
 inline constexpr std::int32_t kStoreHashBuckets = 50;
 
-using ValueSlot = std::optional<OwnedBlock>;
+// A column value of a row: the value in its storage form, or null.
+using ValueSlot = OptionalBlock;
 
+struct RowObject;
+struct RowDeleter {
+  void operator()(RowObject* row) const noexcept;
+};
+// A row owns its slots and lengths, which live in the same allocation as the row.
+using RowPtr = std::unique_ptr<RowObject, RowDeleter>;
+
+// One row: a value slot and a recorded length per column, and the row state.
 struct RowObject {
-  std::vector<ValueSlot> values;
-  std::vector<std::int32_t> lengths;
+  // A row of `columns` null slots with length 0 and state new, in one allocation.
+  static RowPtr Create(std::size_t columns);
+
+  std::span<ValueSlot> values;
+  std::span<std::int32_t> lengths;
   std::uint32_t state = kRowStateNew;
 };
 
@@ -50,7 +63,7 @@ struct TableData {
   std::shared_ptr<const TableDefn> tableDefn;
   std::int32_t columnCount = 0;
   std::int32_t rowCount = 0;
-  std::vector<std::unique_ptr<RowObject>> rows;  // insertion order
+  std::vector<RowPtr> rows;  // insertion order
 };
 
 // The answer of a query: references to rows of one table.
@@ -96,9 +109,9 @@ int CreateTable(const char* tableName);
 // The loaded table named tableName (ignoring letter case), or null.
 TableData* GetTableDataByName(const char* tableName);
 
-// A new row with state 2 owning the given slots and lengths (one entry per column).
-std::unique_ptr<RowObject> CreateNewRowObject(std::vector<ValueSlot> values,
-                                              std::vector<std::int32_t> lengths);
+// A new row with state 2 owning the given slots and lengths (one entry per column; missing
+// lengths are 0).
+RowPtr CreateNewRowObject(std::vector<ValueSlot> values, std::vector<std::int32_t> lengths);
 
 // Completes the row (null slots of generator columns receive the next
 // generated identifier, -1 when the generator has no sequence state; other
@@ -106,7 +119,7 @@ std::unique_ptr<RowObject> CreateNewRowObject(std::vector<ValueSlot> values,
 // table. Slots beyond the column count are dropped, missing ones are null. No
 // uniqueness, key or nullability check is made. 0 when the table is not
 // loaded, its definition has no columns or row is null.
-int AddNewRow(const char* tableName, std::unique_ptr<RowObject> row);
+int AddNewRow(const char* tableName, RowPtr row);
 
 // Sequence state of a generator: next value to hand out and the last value of
 // the current batch. Batches are filled by the persistence layer.

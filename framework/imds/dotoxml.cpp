@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string_view>
 #include <cstdio>
+#include <cstring>
 #include <new>
 
 #include "framework/imds/dataset.h"
@@ -107,14 +108,59 @@ void AppendRow(std::string& document, const char* listedName, const TableData& t
   document += "/>\n";
 }
 
-void AppendTable(std::string& document, const char* listedName) {
+// The loaded table a listed name writes, or null when it writes nothing.
+const TableData* WrittenTable(const char* listedName) {
   const TableData* table = GetTableDataByName(listedName);
   if (table == nullptr || !table->tableDefn || table->tableDefn->columns().empty()) {
-    return;
+    return nullptr;
   }
-  for (const auto& row : table->rows) {
-    AppendRow(document, listedName, *table, *row);
+  return table;
+}
+
+void AppendTable(std::string& document, const char* listedName) {
+  if (const TableData* table = WrittenTable(listedName)) {
+    for (const auto& row : table->rows) {
+      AppendRow(document, listedName, *table, *row);
+    }
   }
+}
+
+// At least as many bytes as the attribute takes (a value equal to its default is counted
+// too), so that the document is allocated once.
+std::size_t AttributeBound(const ColumnDefn& column, const OwnedBlock& value) {
+  constexpr std::size_t kQuotesAndBlank = 4;  // ="" and the blank
+  constexpr std::size_t kShortValue = 40;     // integers, dates, times, Booleans
+  std::size_t bound = column.name.size() + kQuotesAndBlank;
+  switch (column.type) {
+    case kTypeSqlChar:
+    case kTypeChar:
+    case kTypeText:
+      return bound + value.size();
+    case kTypeFloat:
+    case kTypeDouble:
+      // "%f" of the largest double has 309 integral digits.
+      return bound + 320;
+    default:
+      return bound + kShortValue;
+  }
+}
+
+std::size_t DocumentBound(std::span<const char* const> tableNames, std::size_t rootLength) {
+  std::size_t bound = 64 + 2 * rootLength;
+  for (const char* name : tableNames) {
+    if (name == nullptr) break;
+    const TableData* table = WrittenTable(name);
+    if (table == nullptr) continue;
+    const auto& columns = table->tableDefn->columns();
+    for (const auto& row : table->rows) {
+      bound += std::strlen(name) + 5;  // "<", " " and "/>\n"
+      const std::size_t count = std::min(columns.size(), row->values.size());
+      for (std::size_t i = 0; i < count; ++i) {
+        if (row->values[i]) bound += AttributeBound(columns[i], *row->values[i]);
+      }
+    }
+  }
+  return bound;
 }
 
 }  // namespace
@@ -125,6 +171,7 @@ std::optional<std::string> ConvertDOtoXMLBuffer(std::span<const char* const> tab
   const char* root = rootName == nullptr ? "" : rootName;
   std::string document;
   try {
+    document.reserve(DocumentBound(tableNames, std::strlen(root)));
     document = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
     document += '<';
     document += root;

@@ -133,7 +133,7 @@ TEST(Substrings, SingleForwardScanQuirks) {
 }
 
 TEST(CopyHelpers, StoreATerminatedCopy) {
-  std::optional<OwnedBlock> slot;
+  OptionalBlock slot;
   ASSERT_EQ(AllocateAndDoStrcpy(slot, "text"), 1);
   EXPECT_EQ(slot->size(), 4u);
   EXPECT_STREQ(slot->c_str(), "text");

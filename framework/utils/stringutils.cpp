@@ -37,7 +37,7 @@ std::size_t FirstOccurrence(const char* text, const char* pattern) {
 
 }  // namespace
 
-int AllocateAndDoStrcpy(std::optional<OwnedBlock>& slot, const char* text) {
+int AllocateAndDoStrcpy(OptionalBlock& slot, const char* text) {
   slot.reset();
   if (text == nullptr) {
     return kAllocOutOfMemory;
@@ -50,7 +50,7 @@ int AllocateAndDoStrcpy(std::optional<OwnedBlock>& slot, const char* text) {
   return kAllocSuccess;
 }
 
-int AllocateAndDoMemcpy(std::optional<OwnedBlock>& slot, const void* source, std::size_t size) {
+int AllocateAndDoMemcpy(OptionalBlock& slot, const void* source, std::size_t size) {
   slot.reset();
   try {
     slot = OwnedBlock::Copy(source, size);

@@ -20,11 +20,11 @@ inline constexpr int kAllocOutOfMemory = 99;
 
 // Stores a copy of text (with its terminating zero) in slot. Returns 1, or 99
 // when memory ran out or text is null; the slot is then empty.
-int AllocateAndDoStrcpy(std::optional<OwnedBlock>& slot, const char* text);
+int AllocateAndDoStrcpy(OptionalBlock& slot, const char* text);
 
 // Stores a copy of size bytes of source, followed by a zero byte, in slot.
 // Returns 1, or 99 after logging "Unable to allocate memory\n".
-int AllocateAndDoMemcpy(std::optional<OwnedBlock>& slot, const void* source, std::size_t size);
+int AllocateAndDoMemcpy(OptionalBlock& slot, const void* source, std::size_t size);
 
 // Position of the first occurrence of pattern in text; 0 both when the
 // pattern starts the text and when it does not occur; -1 for a null argument.

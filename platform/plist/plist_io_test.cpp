@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -161,6 +162,57 @@ TEST(PlistIoTest, NestingIsBoundedBeforeLibplistSeesIt) {
   EXPECT_EQ(ParsePlist(NestedBinaryArrays(3, /*cycle=*/true)), nullptr);
 }
 
+// `levels` arrays over one string "x", each holding the one below twice: about 60 + 3 *
+// levels bytes that libplist reads as 2^(levels + 1) - 1 values.
+std::string DoublingBinaryArrays(int levels) {
+  std::string bytes = "bplist00\x51x";
+  for (int level = 1; level <= levels; ++level) {
+    bytes += '\xA2';
+    bytes += static_cast<char>(level - 1);
+    bytes += static_cast<char>(level - 1);
+  }
+  const std::size_t table = bytes.size();
+  bytes += static_cast<char>(8);
+  for (int level = 1; level <= levels; ++level) bytes += static_cast<char>(10 + 3 * (level - 1));
+  bytes += std::string(6, '\0') + "\x01\x01";
+  for (const auto field : {std::uint64_t(levels) + 1, std::uint64_t(levels), std::uint64_t{table}}) {
+    for (int shift = 56; shift >= 0; shift -= 8) bytes += static_cast<char>(field >> shift);
+  }
+  return bytes;
+}
+
+TEST(PlistIoTest, HiddenNestingAndSharedExpansionNeverReachLibplist) {
+  // Closing tags inside processing instructions: libplist would nest 200,000 levels and
+  // crash freeing them.
+  std::string hidden;
+  for (int i = 0; i < 200000; ++i) hidden += "<array><? ></array>?>";
+  EXPECT_EQ(ParsePlist(XmlDocument(hidden)), nullptr);
+
+  // 20 levels in under 130 bytes would make libplist build two million values.
+  ASSERT_LT(DoublingBinaryArrays(20).size(), 130u);
+  EXPECT_EQ(ParsePlist(DoublingBinaryArrays(20)), nullptr);
+  // A little sharing reads as usual.
+  const PlistPtr shared = ParsePlist(DoublingBinaryArrays(3));
+  ASSERT_NE(shared, nullptr);
+  EXPECT_EQ(shared->ObjectAtIndex(1)->ObjectAtIndex(0)->ObjectAtIndex(1)->String(), "x");
+}
+
+// libplist asserts (and aborts the process) on a string holding a NUL character.
+TEST(PlistIoTest, TextWithANulCharacterIsRefusedBeforeLibplistSeesIt) {
+  EXPECT_EQ(ParsePlist(XmlDocument(std::string("<array><string>a\0b</string></array>", 36))),
+            nullptr);
+  EXPECT_EQ(ParsePlist(XmlDocument(std::string("<dict><key>a\0b</key><true/></dict>", 34))),
+            nullptr);
+  // kBinarySample's "Mac" (ASCII) and "\u00e9" (UTF-16) with a NUL in place of a letter.
+  std::string ascii = kBinarySample;
+  ascii[0x3f] = '\0';
+  EXPECT_EQ(ParsePlist(ascii), nullptr);
+  std::string utf16 = kBinarySample;
+  utf16[0x70] = '\0';
+  EXPECT_EQ(ParsePlist(utf16), nullptr);
+  EXPECT_NE(ParsePlist(kBinarySample), nullptr);
+}
+
 TEST(PlistIoTest, WritingRefusesWhatCannotBeWrittenFaithfully) {
   EXPECT_THROW(ToXmlPlist(*PlistValue::MakeString("caf\xE9")), PlatformException);
   EXPECT_THROW(ToXmlPlist(*PlistValue::MakeString(std::string("a\0b", 3))), PlatformException);
@@ -200,20 +252,24 @@ TEST_F(PlistFileTest, AtomicWriteReplacesTheFileAndLeavesNothingOnFailure) {
   EXPECT_EQ(ReadPlistFile((directory_ / "absent.plist").string()), nullptr);
 }
 
-TEST_F(PlistFileTest, AtomicWriteHonoursTheFileCreationMask) {
+TEST_F(PlistFileTest, AtomicWriteIsOwnerOnlyWhateverTheMaskAndNeverWritesThroughALink) {
   const std::string path = (directory_ / "store.plist").string();
-  const mode_t previous = ::umask(077);
-  const bool ownerOnly = WriteFileAtomically(path, "secret");
-  const auto ownerOnlyMode = std::filesystem::status(path).permissions();
-  ::umask(022);
-  const bool shared = WriteFileAtomically(path, "shared");
-  const auto sharedMode = std::filesystem::status(path).permissions();
+  const mode_t previous = ::umask(022);
+  const bool written = WriteFileAtomically(path, "secret");
   ::umask(previous);
-  ASSERT_TRUE(ownerOnly && shared);
+  ASSERT_TRUE(written);
   using std::filesystem::perms;
-  EXPECT_EQ(ownerOnlyMode, perms::owner_read | perms::owner_write);
-  EXPECT_EQ(sharedMode, perms::owner_read | perms::owner_write | perms::group_read |
-                            perms::others_read);
+  EXPECT_EQ(std::filesystem::status(path).permissions(), perms::owner_read | perms::owner_write);
+
+  // A link planted at the path is replaced by the new file; its target keeps its content.
+  const auto target = directory_ / "target";
+  std::ofstream(target) << "untouched";
+  std::filesystem::remove(path);
+  std::filesystem::create_symlink(target, path);
+  ASSERT_TRUE(WriteFileAtomically(path, "new"));
+  EXPECT_FALSE(std::filesystem::is_symlink(path));
+  EXPECT_EQ(ReadWholeFile(path), "new");
+  EXPECT_EQ(ReadWholeFile(target.string()), "untouched");
 }
 
 }  // namespace

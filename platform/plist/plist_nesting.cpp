@@ -10,12 +10,6 @@
 namespace tarn {
 namespace {
 
-// Position just past the terminator, or npos when the construct is not terminated.
-std::size_t SkipPast(std::string_view text, std::size_t from, std::string_view terminator) {
-  const std::size_t end = text.find(terminator, from);
-  return end == std::string_view::npos ? end : end + terminator.size();
-}
-
 bool IsNameChar(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
          c == '-' || c == ':' || c == '.';
@@ -72,17 +66,14 @@ bool IsContainerMarker(unsigned char marker) {
   return kind == 0xA || kind == 0xC || kind == 0xD;
 }
 
-// The object references a container holds (for a dictionary: keys, then values); an empty
-// list for a scalar; nothing when the object runs off the end of the data.
-std::optional<std::vector<std::uint64_t>> ReferencesOf(const BinaryLayout& layout,
-                                                       std::uint64_t object) {
-  const std::string_view bytes = layout.bytes;
-  const std::uint64_t offset = ReadBigEndian(
-      bytes, static_cast<std::size_t>(layout.offsetTableStart + object * layout.offsetSize),
-      layout.offsetSize);
-  if (offset < kHeaderSize || offset >= layout.offsetTableStart) return std::nullopt;
+// The element count of the object whose marker is at offset and where its content starts;
+// nothing when the count runs off the end of the data.
+struct Counted {
+  std::uint64_t count;
+  std::size_t position;
+};
+std::optional<Counted> CountOf(std::string_view bytes, std::uint64_t offset) {
   const auto marker = static_cast<unsigned char>(bytes[offset]);
-  if (!IsContainerMarker(marker)) return std::vector<std::uint64_t>{};
   std::size_t position = static_cast<std::size_t>(offset) + 1;
   std::uint64_t count = marker & 0x0F;
   if (count == 0x0F) {
@@ -95,6 +86,47 @@ std::optional<std::vector<std::uint64_t>> ReferencesOf(const BinaryLayout& layou
     count = ReadBigEndian(bytes, position + 1, width);
     position += 1 + width;
   }
+  return Counted{count, position};
+}
+
+std::uint64_t OffsetOf(const BinaryLayout& layout, std::uint64_t object) {
+  return ReadBigEndian(
+      layout.bytes,
+      static_cast<std::size_t>(layout.offsetTableStart + object * layout.offsetSize),
+      layout.offsetSize);
+}
+
+// True for a string object (ASCII, UTF-16 or UTF-8) without a NUL character, and for every
+// object that is not a string: libplist asserts on a string holding one. False also when the
+// string runs off the end of the data.
+bool TextWithoutNul(const BinaryLayout& layout, std::uint64_t offset) {
+  const std::string_view bytes = layout.bytes;
+  const unsigned kind = static_cast<unsigned char>(bytes[offset]) >> 4;
+  if (kind != 0x5 && kind != 0x6 && kind != 0x7) return true;
+  const std::optional<Counted> counted = CountOf(bytes, offset);
+  const std::uint64_t unit = kind == 0x6 ? 2 : 1;
+  if (!counted || counted->count > (bytes.size() - counted->position) / unit) return false;
+  const std::string_view text = bytes.substr(counted->position, counted->count * unit);
+  if (unit == 1) return text.find('\0') == std::string_view::npos;
+  for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
+    if (text[i] == '\0' && text[i + 1] == '\0') return false;
+  }
+  return true;
+}
+
+// The object references a container holds (for a dictionary: keys, then values); an empty
+// list for a scalar; nothing when the object runs off the end of the data.
+std::optional<std::vector<std::uint64_t>> ReferencesOf(const BinaryLayout& layout,
+                                                       std::uint64_t object) {
+  const std::string_view bytes = layout.bytes;
+  const std::uint64_t offset = OffsetOf(layout, object);
+  if (offset < kHeaderSize || offset >= layout.offsetTableStart) return std::nullopt;
+  const auto marker = static_cast<unsigned char>(bytes[offset]);
+  if (!IsContainerMarker(marker)) return std::vector<std::uint64_t>{};
+  const std::optional<Counted> counted = CountOf(bytes, offset);
+  if (!counted) return std::nullopt;
+  const std::uint64_t count = counted->count;
+  const std::size_t position = counted->position;
   const std::uint64_t referenceCount = (marker >> 4) == 0xD ? count * 2 : count;
   if (count > bytes.size() || referenceCount > (bytes.size() - position) / layout.referenceSize) {
     return std::nullopt;
@@ -111,19 +143,22 @@ std::optional<std::vector<std::uint64_t>> ReferencesOf(const BinaryLayout& layou
 }
 
 // Depth-first walk with an explicit stack; "height" is the number of nested containers from
-// an object down to its deepest descendant, remembered per object so shared objects are
-// walked once.
+// an object down to its deepest descendant and "nodes" the number of values the object
+// expands to when every reference is read as a copy (as libplist reads them), both
+// remembered per object so shared objects are walked once.
 class BinaryDepthWalk {
  public:
-  BinaryDepthWalk(const BinaryLayout& layout, int maxDepth)
+  BinaryDepthWalk(const BinaryLayout& layout, int maxDepth, std::uint64_t maxNodes)
       : layout_(layout),
         maxDepth_(static_cast<std::size_t>(maxDepth)),
+        maxNodes_(maxNodes),
         state_(static_cast<std::size_t>(layout.objectCount), kUnseen),
-        height_(static_cast<std::size_t>(layout.objectCount), 0) {}
+        height_(static_cast<std::size_t>(layout.objectCount), 0),
+        nodes_(static_cast<std::size_t>(layout.objectCount), 0) {}
 
   bool Within() {
     if (!Enter(layout_.topObject)) return false;
-    while (!stack_.empty()) {
+    while (!stack_.empty() && !tooMany_) {
       Frame& frame = stack_.back();
       if (frame.next == frame.references.size()) {
         Leave();
@@ -133,9 +168,10 @@ class BinaryDepthWalk {
       const State childState = state_[static_cast<std::size_t>(child)];
       if (childState == kOnPath) return false;  // a cycle
       if (childState == kUnseen && !Enter(child)) return false;
-      NoteChildHeight(child);
+      NoteChild(child);
     }
-    return height_[static_cast<std::size_t>(layout_.topObject)] <= maxDepth_;
+    const auto top = static_cast<std::size_t>(layout_.topObject);
+    return !tooMany_ && height_[top] <= maxDepth_ && nodes_[top] <= maxNodes_;
   }
 
  private:
@@ -150,11 +186,10 @@ class BinaryDepthWalk {
     auto references = ReferencesOf(layout_, object);
     if (!references) return false;
     const auto index = static_cast<std::size_t>(object);
-    const std::uint64_t offset = ReadBigEndian(
-        layout_.bytes,
-        static_cast<std::size_t>(layout_.offsetTableStart + object * layout_.offsetSize),
-        layout_.offsetSize);
+    nodes_[index] = 1;
+    const std::uint64_t offset = OffsetOf(layout_, object);
     if (!IsContainerMarker(static_cast<unsigned char>(layout_.bytes[offset]))) {
+      if (!TextWithoutNul(layout_, offset)) return false;
       state_[index] = kDone;
       height_[index] = 0;
       return true;
@@ -170,64 +205,144 @@ class BinaryDepthWalk {
     state_[index] = kDone;
     height_[index] += 1;  // the container itself
     stack_.pop_back();
-    if (!stack_.empty()) NoteChildHeight(static_cast<std::uint64_t>(index));
+    if (!stack_.empty()) NoteChild(static_cast<std::uint64_t>(index));
   }
 
-  // Called for a child that is finished: raise the parent's height to the child's.
-  void NoteChildHeight(std::uint64_t child) {
+  // Called for a child that is finished: raise the parent's height to the child's and add
+  // the child's values to the parent's.
+  void NoteChild(std::uint64_t child) {
     const auto childIndex = static_cast<std::size_t>(child);
     if (state_[childIndex] != kDone || stack_.empty()) return;
-    auto& parentHeight = height_[static_cast<std::size_t>(stack_.back().object)];
-    parentHeight = std::max(parentHeight, height_[childIndex]);
+    const auto parentIndex = static_cast<std::size_t>(stack_.back().object);
+    height_[parentIndex] = std::max(height_[parentIndex], height_[childIndex]);
+    // Both counts stay at most maxNodes_, so the sum cannot overflow.
+    nodes_[parentIndex] += nodes_[childIndex];
+    if (nodes_[parentIndex] > maxNodes_) tooMany_ = true;
   }
 
   const BinaryLayout& layout_;
   std::size_t maxDepth_;
+  std::uint64_t maxNodes_;
+  bool tooMany_ = false;
   std::vector<State> state_;
   std::vector<std::size_t> height_;
+  std::vector<std::uint64_t> nodes_;
   std::vector<Frame> stack_;
+};
+
+// ---- XML.
+
+// Follows the markup the way libplist's reader does (comments end at "-->", processing
+// instructions at "?>", quoted attribute values may hold ">"), counting open <dict> and
+// <array> elements. Where the reader skips text, closing tags are never counted but opening
+// ones are, so the count never falls below the reader's real nesting.
+class XmlDepthScan {
+ public:
+  XmlDepthScan(std::string_view xml, int maxDepth) : xml_(xml), maxDepth_(maxDepth) {}
+
+  bool Within() {
+    std::size_t i = 0;
+    while ((i = xml_.find('<', i)) != std::string_view::npos) {
+      const std::string_view rest = xml_.substr(i);
+      std::optional<std::size_t> next;
+      if (rest.starts_with("<!--")) {
+        next = SkipSection(i + 4, "-->");
+      } else if (rest.starts_with("<![CDATA[")) {
+        next = SkipSection(i + 9, "]]>");
+      } else if (rest.starts_with("<?")) {
+        next = SkipSection(i + 2, "?>");
+      } else if (rest.starts_with("<!")) {
+        next = SkipDeclaration(i + 2);
+      } else {
+        next = ReadTag(i);
+      }
+      if (!next || depth_ > maxDepth_) return false;
+      i = *next;
+    }
+    return true;
+  }
+
+ private:
+  // Past the terminator of a section the reader skips; openings inside still count.
+  std::optional<std::size_t> SkipSection(std::size_t from, std::string_view terminator) {
+    const std::size_t end = xml_.find(terminator, from);
+    if (end == std::string_view::npos) return std::nullopt;
+    CountHiddenOpenings(xml_.substr(from, end - from));
+    return end + terminator.size();
+  }
+
+  // A declaration such as <!DOCTYPE ...>. One with an internal subset ("[") is not followed.
+  std::optional<std::size_t> SkipDeclaration(std::size_t from) {
+    const std::size_t end = xml_.find('>', from);
+    if (end == std::string_view::npos) return std::nullopt;
+    const std::string_view body = xml_.substr(from, end - from);
+    if (body.find('[') != std::string_view::npos) return std::nullopt;
+    CountHiddenOpenings(body);
+    return end + 1;
+  }
+
+  void CountHiddenOpenings(std::string_view hidden) {
+    for (const std::string_view name : {std::string_view("<dict"), std::string_view("<array")}) {
+      for (std::size_t at = hidden.find(name); at != std::string_view::npos;
+           at = hidden.find(name, at + 1)) {
+        ++depth_;
+      }
+    }
+  }
+
+  // An element tag starting at i; past its ">", or nothing when it does not end.
+  std::optional<std::size_t> ReadTag(std::size_t i) {
+    const bool closing = i + 1 < xml_.size() && xml_[i + 1] == '/';
+    std::size_t at = i + (closing ? 2 : 1);
+    const std::size_t nameStart = at;
+    while (at < xml_.size() && IsNameChar(xml_[at])) ++at;
+    const std::string_view name = xml_.substr(nameStart, at - nameStart);
+    const std::optional<std::size_t> end = TagEnd(at);
+    if (!end) return std::nullopt;
+    const bool selfClosing = xml_[*end - 1] == '/';
+    if (name == "dict" || name == "array") {
+      if (closing) {
+        depth_ = std::max(0, depth_ - 1);
+      } else if (!selfClosing) {
+        ++depth_;
+      }
+    }
+    return *end + 1;
+  }
+
+  // The position of the ">" ending a tag whose attributes start at i; quoted values may
+  // hold ">".
+  std::optional<std::size_t> TagEnd(std::size_t i) const {
+    char quote = 0;
+    for (; i < xml_.size(); ++i) {
+      const char c = xml_[i];
+      if (quote != 0) {
+        if (c == quote) quote = 0;
+      } else if (c == '"' || c == '\'') {
+        quote = c;
+      } else if (c == '>') {
+        return i;
+      }
+    }
+    return std::nullopt;
+  }
+
+  std::string_view xml_;
+  int maxDepth_;
+  int depth_ = 0;
 };
 
 }  // namespace
 
 bool XmlNestingWithin(std::string_view xml, int maxDepth) {
-  int depth = 0;
-  std::size_t i = 0;
-  while ((i = xml.find('<', i)) != std::string_view::npos) {
-    const std::string_view rest = xml.substr(i);
-    if (rest.starts_with("<!--")) {
-      i = SkipPast(xml, i + 4, "-->");
-    } else if (rest.starts_with("<![CDATA[")) {
-      i = SkipPast(xml, i + 9, "]]>");
-    } else if (rest.starts_with("<!") || rest.starts_with("<?")) {
-      i = SkipPast(xml, i + 2, ">");
-    } else {
-      const bool closing = rest.size() > 1 && rest[1] == '/';
-      std::size_t nameEnd = i + (closing ? 2 : 1);
-      const std::size_t nameStart = nameEnd;
-      while (nameEnd < xml.size() && IsNameChar(xml[nameEnd])) ++nameEnd;
-      const std::string_view name = xml.substr(nameStart, nameEnd - nameStart);
-      const std::size_t tagEnd = xml.find('>', nameEnd);
-      if (tagEnd == std::string_view::npos) return false;
-      const bool selfClosing = xml[tagEnd - 1] == '/';
-      if (name == "dict" || name == "array") {
-        if (closing) {
-          depth = std::max(0, depth - 1);
-        } else if (!selfClosing && ++depth > maxDepth) {
-          return false;
-        }
-      }
-      i = tagEnd + 1;
-    }
-    if (i == std::string_view::npos) return false;
-  }
-  return true;
+  XmlDepthScan scan(xml, maxDepth);
+  return scan.Within();
 }
 
-bool BinaryNestingWithin(std::string_view bytes, int maxDepth) {
+bool BinaryNestingWithin(std::string_view bytes, int maxDepth, std::uint64_t maxNodes) {
   const auto layout = ReadLayout(bytes);
   if (!layout) return false;
-  return BinaryDepthWalk(*layout, maxDepth).Within();
+  return BinaryDepthWalk(*layout, maxDepth, maxNodes).Within();
 }
 
 }  // namespace tarn

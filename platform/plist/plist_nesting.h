@@ -1,19 +1,27 @@
 #pragma once
 
+#include <cstdint>
 #include <string_view>
 
 namespace tarn {
 
 // Checks that run before property-list bytes reach libplist, which recurses over nesting
-// and crashes on very deep input. Both answer false for input they cannot follow (an
+// (and crashes on very deep input when it frees or writes a tree) and expands shared
+// objects of the binary form. Both answer false for input they cannot follow (an
 // unterminated comment, a damaged binary trailer, a reference cycle): such input is
 // rejected rather than risked.
 
-// True when no chain of open <dict>/<array> elements of the XML text is deeper than maxDepth.
+// True when no chain of open <dict>/<array> elements of the XML text is deeper than maxDepth,
+// reading the markup as libplist does: comments end at "-->", processing instructions at
+// "?>", quoted attribute values may hold ">". Text libplist skips may hide openings but never
+// closings. A DOCTYPE with an internal subset is not followed.
 bool XmlNestingWithin(std::string_view xml, int maxDepth);
 
-// True when the binary property list ("bplist00") is well-formed enough to walk and no chain
-// of nested containers from its top object is deeper than maxDepth.
-bool BinaryNestingWithin(std::string_view bytes, int maxDepth);
+// True when the binary property list ("bplist00") is well-formed enough to walk, no chain of
+// nested containers from its top object is deeper than maxDepth, the top object expands to
+// at most maxNodes values, and no string it reaches holds a NUL character (libplist asserts
+// on one). libplist copies an object at every reference to it, so a few bytes of shared
+// containers can expand to millions of values.
+bool BinaryNestingWithin(std::string_view bytes, int maxDepth, std::uint64_t maxNodes);
 
 }  // namespace tarn

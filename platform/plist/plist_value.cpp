@@ -33,21 +33,12 @@ const char* TypeWord(PlistType type) {
   return "value";
 }
 
-[[noreturn]] void RaiseWrongKind(PlistType actual, const char* operation) {
-  throw PlatformException(kInvalidArgumentException,
-                          std::string(operation) + " sent to a " + TypeWord(actual) + " value");
-}
 
 [[noreturn]] void RaiseAbsent(const char* operation) {
   throw PlatformException(kInvalidArgumentException,
                           std::string(operation) + ": the value is absent (nil)");
 }
 
-[[noreturn]] void RaiseOutOfRange(std::size_t index, std::size_t count) {
-  throw PlatformException(kRangeException, "index " + std::to_string(index) +
-                                               " beyond bounds for an array of " +
-                                               std::to_string(count) + " elements");
-}
 
 bool NeedsQuotes(std::string_view text) {
   if (text.empty()) return true;
@@ -59,7 +50,20 @@ bool NeedsQuotes(std::string_view text) {
   return false;
 }
 
-void AppendQuotedIfNeeded(std::string& out, std::string_view text) {
+}  // namespace
+
+void RaiseWrongKind(PlistType actual, const char* operation) {
+  throw PlatformException(kInvalidArgumentException,
+                          std::string(operation) + " sent to a " + TypeWord(actual) + " value");
+}
+
+void RaiseOutOfRange(std::size_t index, std::size_t count) {
+  throw PlatformException(kRangeException, "index " + std::to_string(index) +
+                                               " beyond bounds for an array of " +
+                                               std::to_string(count) + " elements");
+}
+
+void AppendDescriptionText(std::string& out, std::string_view text) {
   if (!NeedsQuotes(text)) {
     out += text;
     return;
@@ -85,6 +89,8 @@ void AppendQuotedIfNeeded(std::string& out, std::string_view text) {
   }
   out += '"';
 }
+
+namespace {
 
 void AppendIndent(std::string& out, int depth) {
   out.append(static_cast<std::size_t>(depth) * 4, ' ');
@@ -281,11 +287,50 @@ const std::vector<PlistPtr>& PlistValue::ArrayStorage() const {
   return std::get<std::vector<PlistPtr>>(storage_);
 }
 
+std::optional<std::size_t> PlistValue::Dictionary::Find(std::string_view key) const {
+  if (positions) {
+    const auto found = positions->find(key);
+    if (found == positions->end()) return std::nullopt;
+    return found->second;
+  }
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    if (entries[i].first == key) return i;
+  }
+  return std::nullopt;
+}
+
+void PlistValue::Dictionary::Append(std::string_view key, PlistPtr value) {
+  const bool entriesMove = entries.size() == entries.capacity();
+  entries.emplace_back(std::string(key), std::move(value));
+  if (positions && !entriesMove) {
+    positions->emplace(entries.back().first, entries.size() - 1);
+  } else if (positions || entries.size() >= kIndexedEntries) {
+    Reindex();
+  }
+}
+
+void PlistValue::Dictionary::Erase(std::size_t position) {
+  entries.erase(entries.begin() + static_cast<std::ptrdiff_t>(position));
+  if (positions) Reindex();
+}
+
+// The map's keys view the entries' own strings, so it is rebuilt whenever entries move.
+void PlistValue::Dictionary::Reindex() {
+  if (entries.size() < kIndexedEntries) {
+    positions.reset();
+    return;
+  }
+  auto index = std::make_unique<std::unordered_map<std::string_view, std::size_t>>();
+  index->reserve(entries.size() * 2);
+  for (std::size_t i = 0; i < entries.size(); ++i) index->emplace(entries[i].first, i);
+  positions = std::move(index);
+}
+
 PlistPtr PlistValue::ValueForKey(std::string_view key) const {
   const Dictionary& dictionary = DictionaryStorage();
-  const auto found = dictionary.positions.find(std::string(key));
-  if (found == dictionary.positions.end()) return nullptr;
-  return dictionary.entries[found->second].second;
+  const auto found = dictionary.Find(key);
+  if (!found) return nullptr;
+  return dictionary.entries[*found].second;
 }
 
 void PlistValue::SetValueForKey(std::string_view key, PlistPtr value) {
@@ -294,13 +339,11 @@ void PlistValue::SetValueForKey(std::string_view key, PlistPtr value) {
     RemoveKey(key);
     return;
   }
-  const auto found = dictionary.positions.find(std::string(key));
-  if (found != dictionary.positions.end()) {
-    dictionary.entries[found->second].second = std::move(value);
+  if (const auto found = dictionary.Find(key)) {
+    dictionary.entries[*found].second = std::move(value);
     return;
   }
-  dictionary.positions.emplace(std::string(key), dictionary.entries.size());
-  dictionary.entries.emplace_back(std::string(key), std::move(value));
+  dictionary.Append(key, std::move(value));
 }
 
 void PlistValue::SetObjectForKey(std::string_view key, PlistPtr value) {
@@ -311,14 +354,9 @@ void PlistValue::SetObjectForKey(std::string_view key, PlistPtr value) {
 
 bool PlistValue::RemoveKey(std::string_view key) {
   Dictionary& dictionary = MutableDictionary();
-  const auto found = dictionary.positions.find(std::string(key));
-  if (found == dictionary.positions.end()) return false;
-  const std::size_t position = found->second;
-  dictionary.positions.erase(found);
-  dictionary.entries.erase(dictionary.entries.begin() + static_cast<std::ptrdiff_t>(position));
-  for (std::size_t i = position; i < dictionary.entries.size(); ++i) {
-    dictionary.positions[dictionary.entries[i].first] = i;
-  }
+  const auto found = dictionary.Find(key);
+  if (!found) return false;
+  dictionary.Erase(*found);
   return true;
 }
 
@@ -433,7 +471,7 @@ void PlistValue::DescribeInto(std::string& out, int depth) const {
       out += "{\n";
       for (const auto& [key, value] : Entries()) {
         AppendIndent(out, depth + 1);
-        AppendQuotedIfNeeded(out, key);
+        AppendDescriptionText(out, key);
         out += " = ";
         value->DescribeInto(out, depth + 1);
         out += ";\n";
@@ -454,7 +492,7 @@ void PlistValue::DescribeInto(std::string& out, int depth) const {
       return;
     }
     case PlistType::kString:
-      AppendQuotedIfNeeded(out, std::get<std::string>(storage_));
+      AppendDescriptionText(out, std::get<std::string>(storage_));
       return;
     case PlistType::kInteger: {
       const Integer& integer = std::get<Integer>(storage_);
@@ -469,7 +507,7 @@ void PlistValue::DescribeInto(std::string& out, int depth) const {
       out += std::get<bool>(storage_) ? "1" : "0";
       return;
     case PlistType::kDate:
-      AppendQuotedIfNeeded(out, DateText(std::get<DateSeconds>(storage_).sinceReferenceDate));
+      AppendDescriptionText(out, DateText(std::get<DateSeconds>(storage_).sinceReferenceDate));
       return;
     case PlistType::kData: {
       static constexpr char kHex[] = "0123456789abcdef";

@@ -122,9 +122,28 @@ class PlistValue {
   struct DateSeconds {
     double sinceReferenceDate = 0;
   };
+  // Entries in insertion order. Small dictionaries (most are: instances, settings) are
+  // searched in place; from kIndexedEntries on, a map from key to position is kept as well.
   struct Dictionary {
+    static constexpr std::size_t kIndexedEntries = 24;
     std::vector<Entry> entries;
-    std::unordered_map<std::string, std::size_t> positions;
+    // Views the entries' own key strings: rebuilt whenever the entries move.
+    std::unique_ptr<std::unordered_map<std::string_view, std::size_t>> positions;
+
+    Dictionary() = default;
+    Dictionary(const Dictionary& other) : entries(other.entries) { Reindex(); }
+    Dictionary& operator=(const Dictionary& other) {
+      entries = other.entries;
+      Reindex();
+      return *this;
+    }
+    Dictionary(Dictionary&&) noexcept = default;
+    Dictionary& operator=(Dictionary&&) noexcept = default;
+
+    std::optional<std::size_t> Find(std::string_view key) const;
+    void Append(std::string_view key, PlistPtr value);
+    void Erase(std::size_t position);
+    void Reindex();
   };
   using Storage = std::variant<std::monostate, Dictionary, std::vector<PlistPtr>, std::string,
                                Integer, double, bool, DateSeconds, std::vector<std::uint8_t>>;
@@ -149,6 +168,15 @@ std::size_t Count(const PlistPtr& container);
 // The text a value prints as in a message: a text as it is, an integer in decimal (unsigned
 // ones without a sign), anything else in its Description; absent for absent.
 std::optional<std::string> TextOf(const PlistPtr& value);
+
+// The raises of PlistValue's reading operations (operation "objectForKey:", "objectAtIndex:",
+// "count", ...), for readers of other trees that must answer as PlistValue does.
+[[noreturn]] void RaiseWrongKind(PlistType actual, const char* operation);
+[[noreturn]] void RaiseOutOfRange(std::size_t index, std::size_t count);
+
+// Appends a text as Description writes one: as it is when it is made only of letters, digits
+// and "_.$/:-", otherwise in double quotes with \", \\, \n and \t escaped.
+void AppendDescriptionText(std::string& out, std::string_view text);
 
 // Seconds between 1970-01-01 and 2001-01-01 (UTC).
 inline constexpr double kSecondsFrom1970To2001 = 978307200.0;

@@ -27,6 +27,41 @@ TEST(PlistValueTest, DictionaryKeepsInsertionOrderAndHasTwoInsertionRules) {
   EXPECT_EQ(dictionary->Count(), 3u);
 }
 
+// Large dictionaries keep a key index besides the entries; it must follow every change.
+TEST(PlistValueTest, LargeDictionariesFindEveryKeyThroughGrowthRemovalAndCopies) {
+  auto dictionary = PlistValue::MakeDictionary();
+  std::vector<std::string> expected;
+  for (int i = 0; i < 200; ++i) {
+    // Short keys live inside the strings, so moving the entries moves the key bytes too.
+    const std::string key = (i % 2 == 0 ? "k" : "a long key that is stored apart ") +
+                            std::to_string(i);
+    dictionary->SetValueForKey(key, PlistValue::MakeInteger(i));
+    expected.push_back(key);
+  }
+  for (int i = 0; i < 200; i += 3) {
+    dictionary->RemoveKey(expected[static_cast<std::size_t>(i)]);
+  }
+  std::erase_if(expected, [&](const std::string& key) {
+    return dictionary->ValueForKey(key) == nullptr;
+  });
+  ASSERT_EQ(dictionary->Keys(), expected);
+  dictionary->SetValueForKey(expected[5], PlistValue::MakeString("replaced"));
+  const PlistPtr copy = dictionary->Clone();
+  for (const PlistPtr& value : {dictionary, copy}) {
+    for (const std::string& key : expected) {
+      ASSERT_NE(value->ValueForKey(key), nullptr) << key;
+    }
+    EXPECT_EQ(value->ValueForKey(expected[5])->String(), "replaced");
+    EXPECT_EQ(value->ValueForKey("k0"), nullptr);
+  }
+  // Shrinking below the index size and growing again.
+  for (std::size_t i = 0; i + 3 < expected.size(); ++i) dictionary->RemoveKey(expected[i]);
+  dictionary->SetValueForKey("new", PlistValue::MakeBoolean(true));
+  EXPECT_EQ(dictionary->Count(), 4u);
+  EXPECT_EQ(dictionary->ValueForKey(expected.back())->AsInteger(), 199);
+  EXPECT_EQ(dictionary->ValueForKey("new")->AsBoolean(), true);
+}
+
 TEST(PlistValueTest, WrongKindAndOutOfRangeRaiseButMissingKeyIsAbsent) {
   auto array = PlistValue::MakeArray({PlistValue::MakeString("x")});
   EXPECT_EQ(array->ObjectAtIndex(0)->String(), "x");

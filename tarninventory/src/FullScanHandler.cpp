@@ -12,9 +12,14 @@
 #include <utility>
 #include <vector>
 
+#include <sys/stat.h>
+
 #include "framework/logging/logger.h"
 #include "platform/exception/platform_exception.h"
+#include "platform/file/file_util.h"
+#include "platform/plist/plist_io.h"
 #include "tarninventory/src/scanrun.h"
+#include "tarninventory/src/snapshotfile.h"
 #include "tarninventory/src/tarninventoryutil.h"
 #include "tarnutils/src/TarnDiagnostics.h"
 #include "tarnutils/src/proplisthandler.h"
@@ -61,6 +66,67 @@ std::uint64_t ContentHash(const PlistValue& value) {
     sum += Mix(hashText(key) * 31 + entryHash);
   }
   return sum;
+}
+
+// What a snapshot file holds besides the scan data, which a save keeps.
+struct OtherEntries {
+  bool rootIsDictionary = true;
+  std::vector<PlistValue::Entry> entries;
+};
+
+// The other entries of a snapshot file read as a general property list: none for an
+// unreadable file (the store starts empty), none of any use for a root that is not a
+// dictionary.
+OtherEntries OtherEntriesOf(const PlistPtr& root) {
+  OtherEntries others;
+  if (!root) return others;
+  if (!root->IsDictionary()) {
+    others.rootIsDictionary = false;
+    return others;
+  }
+  for (const auto& entry : root->Entries()) {
+    if (entry.first != kSnapshotKey) others.entries.push_back(entry);
+  }
+  return others;
+}
+
+// Which file a path led to, and in which state: equal stamps mean the file was not replaced
+// or changed in between.
+struct FileStamp {
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  std::int64_t modifiedNanoseconds = 0;
+  bool operator==(const FileStamp&) const = default;
+};
+
+std::optional<FileStamp> StampOf(const std::string& path) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) return std::nullopt;
+  return FileStamp{info.st_dev, info.st_ino, info.st_size,
+                   std::int64_t{info.st_mtim.tv_sec} * 1000000000 + info.st_mtim.tv_nsec};
+}
+
+// The other entries of the snapshot file last loaded, so that saving over the same file
+// does not read it again.
+struct LoadedSnapshotFile {
+  std::string path;
+  FileStamp stamp;
+  OtherEntries others;
+};
+
+std::optional<LoadedSnapshotFile>& LastLoadedFile() {
+  static std::optional<LoadedSnapshotFile> loaded;
+  return loaded;
+}
+
+// The snapshot file's other entries, as they are now.
+OtherEntries CurrentOtherEntries(const std::string& path) {
+  const std::optional<LoadedSnapshotFile>& loaded = LastLoadedFile();
+  if (loaded && loaded->path == path && StampOf(path) == loaded->stamp) return loaded->others;
+  const std::optional<std::string> bytes = ReadWholeFile(path);
+  if (!bytes || ReadPlainSnapshot(*bytes, /*buildScanData=*/false)) return {};
+  return OtherEntriesOf(ParsePlist(*bytes));
 }
 
 }  // namespace
@@ -168,10 +234,24 @@ FullScanHandler::FullScanHandler(PlistPtr scanDict)
 FullScanHandler::~FullScanHandler() = default;
 
 std::unique_ptr<FullScanHandler> FullScanHandler::InitWithScanDataFile(const std::string& path) {
+  // The file is read as the property-list store would read it; a file in the plain shape
+  // this program writes is read directly.
+  const std::optional<FileStamp> before = StampOf(path);
+  const std::optional<std::string> bytes = ReadWholeFile(path);
   PlistPtr scanDict;
-  {
-    const auto store = Proplisthandler::InitwithFile(path);
-    scanDict = store->GetValueForKey(kSnapshotKey);
+  OtherEntries others;
+  if (bytes) {
+    if (std::optional<PlainSnapshot> plain = ReadPlainSnapshot(*bytes)) {
+      scanDict = std::move(plain->scanData);
+    } else {
+      const PlistPtr root = ParsePlist(*bytes);
+      others = OtherEntriesOf(root);
+      if (others.rootIsDictionary && root) scanDict = root->ValueForKey(kSnapshotKey);
+    }
+  }
+  LastLoadedFile().reset();
+  if (before && StampOf(path) == before) {
+    LastLoadedFile() = LoadedSnapshotFile{path, *before, std::move(others)};
   }
   if (!scanDict || !scanDict->IsDictionary()) {
     UserLogMessage("InitWithScanDataFile : File doesnt have valid scan data \n");
@@ -181,18 +261,15 @@ std::unique_ptr<FullScanHandler> FullScanHandler::InitWithScanDataFile(const std
   return std::make_unique<FullScanHandler>(std::move(scanDict));
 }
 
-void FullScanHandler::SaveCurrentScanData(const PlistPtr& scanData, const std::string& path) {
+void FullScanHandler::SaveCurrentScanData(const ScanData& scanData, const std::string& path) {
   DebugLogMessage(" Inside SaveCurrentScanData method \n");
   try {
-    if (!scanData) {
-      throw PlatformException(kInvalidArgumentException,
-                              "attempt to insert nil object for key INVDatadict");
-    }
-    const auto store = Proplisthandler::InitwithFile(path);
-    if (store->SetValueForKey(kSnapshotKey, scanData) != 1) {
+    const OtherEntries others = CurrentOtherEntries(path);
+    if (!others.rootIsDictionary) {
       throw PlatformException(kInvalidArgumentException, "the snapshot file is not a dictionary");
     }
-    if (store->WriteToProplist(path) != 1) {
+    const auto serialize = [&] { return SnapshotXml(others.entries, scanData); };
+    if (Proplisthandler::WriteDocument(serialize, path) != 1) {
       throw PlatformException(kInvalidArgumentException, "the snapshot could not be written");
     }
     DebugLogMessage("SaveCurrentScanData : done successfully \n");

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "platform/plist/plist_value.h"
+#include "tarninventory/src/scandata.h"
 
 namespace tarn {
 
@@ -26,8 +27,11 @@ class FullScanHandler {
   static std::unique_ptr<FullScanHandler> InitWithScanDataFile(const std::string& path);
 
   // Writes scanData under "INVDatadict" into the property list at path,
-  // keeping the file's other top-level keys. Failures are logged only.
-  static void SaveCurrentScanData(const PlistPtr& scanData, const std::string& path);
+  // keeping the file's other top-level keys (as read when the snapshot was
+  // loaded, when the file is still the one loaded; otherwise read now).
+  // Nothing is written when the file's root is not a dictionary. Failures are
+  // logged only.
+  static void SaveCurrentScanData(const ScanData& scanData, const std::string& path);
 
   // The class's live array of remaining previous instances, or null. Matches
   // made after this call are written into that array only when the class is

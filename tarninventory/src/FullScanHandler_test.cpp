@@ -40,7 +40,7 @@ TEST_F(FullScanHandlerTest, SnapshotFileRoundTripKeepsOtherKeysAndRejectsFilesWi
   std::ofstream(path) << "<plist version=\"1.0\"><dict><key>OTHER</key><string>kept</string>"
                          "<key>INVDatadict</key><dict><key>9</key><array/></dict></dict></plist>";
   const PlistPtr scanData = ScanDict("13", {Instance("disk0"), Instance("S&N<1>", "\"q\"")});
-  FullScanHandler::SaveCurrentScanData(scanData, path);
+  FullScanHandler::SaveCurrentScanData(*ScanData::FromPlist(*scanData), path);
 
   const PlistPtr root = ReadPlistFile(path);
   ASSERT_NE(root, nullptr);
@@ -59,6 +59,34 @@ TEST_F(FullScanHandlerTest, SnapshotFileRoundTripKeepsOtherKeysAndRejectsFilesWi
     EXPECT_EQ(FullScanHandler::InitWithScanDataFile(file), nullptr) << file;
     EXPECT_EQ(CurrentScanRun().scanType, kFullScanType) << file;
   }
+}
+
+// The other top-level keys are those of the file as it is when saving: remembered from the
+// load while the file is the one loaded, read again when another writer replaced it.
+TEST_F(FullScanHandlerTest, SavingKeepsTheOtherKeysOfTheFileAsItIsNow) {
+  testing::TempDir folder("fullscan");
+  const std::string path = folder.str() + "/invFullData";
+  const auto write = [&](const std::string& otherKey) {
+    std::ofstream(path, std::ios::trunc)
+        << "<plist version=\"1.0\"><dict><key>" << otherKey
+        << "</key><string>x</string><key>INVDatadict</key><dict/></dict></plist>";
+  };
+  const ScanData scanData = *ScanData::FromPlist(*ScanDict("13", {Instance("disk0")}));
+
+  write("LOADED");
+  ASSERT_NE(FullScanHandler::InitWithScanDataFile(path), nullptr);
+  FullScanHandler::SaveCurrentScanData(scanData, path);
+  EXPECT_EQ(ReadPlistFile(path)->Keys(), (std::vector<std::string>{"LOADED", "INVDatadict"}));
+
+  ASSERT_NE(FullScanHandler::InitWithScanDataFile(path), nullptr);
+  write("REPLACED");
+  FullScanHandler::SaveCurrentScanData(scanData, path);
+  EXPECT_EQ(ReadPlistFile(path)->Keys(), (std::vector<std::string>{"REPLACED", "INVDatadict"}));
+
+  // A root that is not a dictionary is left as it is.
+  std::ofstream(path, std::ios::trunc) << "<plist version=\"1.0\"><array/></plist>";
+  FullScanHandler::SaveCurrentScanData(scanData, path);
+  EXPECT_TRUE(ReadPlistFile(path)->IsArray());
 }
 
 // The indexed matching must answer exactly as the plain walk it replaces: the

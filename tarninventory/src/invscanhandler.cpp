@@ -6,6 +6,7 @@
 
 #include "platform/console_log.h"
 #include "platform/exception/platform_exception.h"
+#include "platform/file/file_util.h"
 #include "platform/plist/plist_io.h"
 #include "tarninventory/src/tarninventoryutil.h"
 #include "tarnutils/src/TarnStringutil.h"
@@ -55,6 +56,10 @@ std::optional<std::string> TextAt(const PlistPtr& dictionary, std::string_view k
   return TextOf(ValueForKey(dictionary, key));
 }
 
+std::optional<std::string> TextAt(const PlistNode& dictionary, std::string_view key) {
+  return TextOf(ValueForKey(dictionary, key));
+}
+
 std::string adjustBytes(const PlistPtr& number) {
   if (IntegerValueOf(number) == 0) {
     return kZero;
@@ -91,15 +96,30 @@ PlistPtr ProplistXMLParser::GetItemsArrayfromPropertylist(
   return ValueForKey(ObjectAtIndex(ParsePlist(*output), 0), "_items");
 }
 
+namespace {
+
+void LogUnreadableReport(const std::string& path) {
+  ConsoleLog("Error: %s\n",
+             ("The file \"" + path + "\" couldn't be read because it isn't in the correct format.")
+                 .c_str());
+}
+
+}  // namespace
+
 PlistPtr ProplistXMLParser::GetArrayObjectFromPlist(const std::string& path) {
   const PlistPtr report = ReadPlistFile(path);
   if (!report) {
-    ConsoleLog("Error: %s\n", ("The file \"" + path +
-                               "\" couldn't be read because it isn't in the correct format.")
-                                  .c_str());
+    LogUnreadableReport(path);
     return nullptr;
   }
   return ValueForKey(ObjectAtIndex(report, 0), "_items");
+}
+
+std::unique_ptr<PlistDocument> ProplistXMLParser::ReadPlistDocument(const std::string& path) {
+  const std::optional<std::string> bytes = ReadWholeFile(path);
+  std::unique_ptr<PlistDocument> report = bytes ? PlistDocument::Parse(*bytes) : nullptr;
+  if (!report) LogUnreadableReport(path);
+  return report;
 }
 
 std::optional<std::string> ProplistXMLParser::BufferText(const char* key) const {

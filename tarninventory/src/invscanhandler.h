@@ -14,7 +14,9 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
 #include <initializer_list>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -22,6 +24,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/plist/plist_document.h"
 #include "platform/plist/plist_value.h"
 
 namespace tarn {
@@ -57,6 +60,7 @@ void RecordFillers(std::int32_t classId, std::int32_t instance,
                    std::initializer_list<std::int32_t> propertyIds);
 // The text of a report dictionary's value for the key; absent when missing.
 std::optional<std::string> TextAt(const PlistPtr& dictionary, std::string_view key);
+std::optional<std::string> TextAt(const PlistNode& dictionary, std::string_view key);
 
 // The piece after the first ": " of a tool's output line. Raises
 // PlatformException (index past the end) when there is none.
@@ -64,6 +68,8 @@ std::string TextAfterColon(const std::string& output);
 
 // Virtual memory in KiB: total (used truncated to 32 bits, plus free) and free.
 void GetVirtualMemInfo(std::uint64_t& total, std::uint64_t& free);
+
+struct ApplicationFields;
 
 class ProplistXMLParser {
  public:
@@ -83,6 +89,9 @@ class ProplistXMLParser {
   // The same from a property-list file; absent (after "Error: %@\n" on the
   // console) when the file does not parse.
   PlistPtr GetArrayObjectFromPlist(const std::string& path);
+  // The property-list file parsed and kept as parsed, for reading it in place; absent (after
+  // the same console message) when it does not parse.
+  std::unique_ptr<PlistDocument> ReadPlistDocument(const std::string& path);
 
   // ---- Collectors, in the run's order (gather + parse).
   void FetchInstalledSoftwareInfo();
@@ -108,6 +117,8 @@ class ProplistXMLParser {
   // ---- Parse steps (the gather steps above hand them the tools' output).
   // Software: the applications report's items.
   void RecordInstalledSoftware(const PlistPtr& items);
+  // The applications report file (as GetArrayObjectFromPlist reads one) and its items.
+  void RecordInstalledSoftwareReport(const std::string& path);
   // Hardware report, item 0 of "_items" (may be absent: no report).
   void RecordHardwareReport(const PlistPtr& hardware);
   void RecordVideoController(const PlistPtr& items);
@@ -135,6 +146,9 @@ class ProplistXMLParser {
   std::set<std::pair<std::string, std::string>> swSet;
 
  private:
+  // Records the applications read from the report, then raises what stopped the reading.
+  void RecordApplications(const std::vector<ApplicationFields>& applications,
+                          const std::exception_ptr& failure);
   std::optional<std::string> BufferText(const char* key) const;
   void SetBufferText(const char* key, const std::optional<std::string>& value);
 };

@@ -1,5 +1,7 @@
 // Installed applications.
+#include <exception>
 #include <filesystem>
+#include <vector>
 #include <system_error>
 
 #include "framework/logging/logger.h"
@@ -57,7 +59,7 @@ void ProplistXMLParser::FetchInstalledSoftwareInfo() {
                    ran ? 0 : 1);
       return;
     }
-    RecordInstalledSoftware(GetArrayObjectFromPlist(reportPath));
+    RecordInstalledSoftwareReport(reportPath);
     RemoveFile(reportPath);
   } catch (const PlatformException& failure) {
     ConsoleWhere(kSoftwareSignature, __LINE__, "Caught exception***************:%s",
@@ -65,13 +67,63 @@ void ProplistXMLParser::FetchInstalledSoftwareInfo() {
   }
 }
 
+// What the collector reads of one item of the applications report.
+struct ApplicationFields {
+  OptText name;
+  OptText version;
+  OptText path;
+  OptText info;
+};
+
+namespace {
+
+// The fields of every item, in order, as far as they can be read: what reading the next
+// item raised, if anything, comes back instead of being thrown, so that the items before it
+// are still recorded first.
+template <typename Node>
+std::exception_ptr ReadApplications(const Node& items, std::vector<ApplicationFields>& read) {
+  try {
+    for (std::size_t i = 0; i < Count(items); ++i) {
+      const Node item = ObjectAtIndex(items, i);
+      // A dictionary answers every key, so "info" cannot raise where "_name" did not.
+      read.push_back({TextAt(item, "_name"), TextAt(item, "version"), TextAt(item, "path"),
+                      TextAt(item, "info")});
+    }
+  } catch (const PlatformException&) {
+    return std::current_exception();
+  }
+  return nullptr;
+}
+
+}  // namespace
+
 void ProplistXMLParser::RecordInstalledSoftware(const PlistPtr& items) {
+  std::vector<ApplicationFields> applications;
+  const std::exception_ptr failure = ReadApplications(items, applications);
+  RecordApplications(applications, failure);
+}
+
+void ProplistXMLParser::RecordInstalledSoftwareReport(const std::string& path) {
+  // The report is the one large document of a run: it is read in place, and released before
+  // the applications are recorded.
+  std::vector<ApplicationFields> applications;
+  std::exception_ptr failure;
+  {
+    const std::unique_ptr<PlistDocument> report = ReadPlistDocument(path);
+    const PlistNode items =
+        report ? ValueForKey(ObjectAtIndex(report->Root(), 0), "_items") : PlistNode();
+    failure = ReadApplications(items, applications);
+  }
+  RecordApplications(applications, failure);
+}
+
+void ProplistXMLParser::RecordApplications(const std::vector<ApplicationFields>& applications,
+                                           const std::exception_ptr& failure) {
   std::int32_t recorded = 0;
-  for (std::size_t i = 0; i < Count(items); ++i) {
-    const PlistPtr item = ObjectAtIndex(items, i);
-    const OptText name = TextAt(item, "_name");
-    const OptText version = TextAt(item, "version");
-    const OptText path = TextAt(item, "path");
+  for (const ApplicationFields& application : applications) {
+    const OptText& name = application.name;
+    const OptText& version = application.version;
+    const OptText& path = application.path;
     if (name == kAgentHelperName) continue;
     if (name == kAgentName && !IsInstalledAgentCopy(path)) continue;
     if (!name) {
@@ -84,7 +136,7 @@ void ProplistXMLParser::RecordInstalledSoftware(const PlistPtr& items) {
     ++recorded;
     RecordValue(1801, kSoftwareClass, recorded, name);
     RecordValue(1802, kSoftwareClass, recorded, version ? *version : kFiller);
-    RecordValue(1803, kSoftwareClass, recorded, TextAt(item, "info").value_or(kFiller));
+    RecordValue(1803, kSoftwareClass, recorded, application.info.value_or(kFiller));
     RecordValue(1812, kSoftwareClass, recorded, path ? *path : kFiller);
     RecordFillers(kSoftwareClass, recorded, {1804, 1805, 1806});
     RecordValue(1807, kSoftwareClass, recorded, kNotAvailable);
@@ -92,6 +144,7 @@ void ProplistXMLParser::RecordInstalledSoftware(const PlistPtr& items) {
     RecordValue(1810, kSoftwareClass, recorded, kNotAvailable);
     RecordFillers(kSoftwareClass, recorded, {1811, 1813, 1814, 1815});
   }
+  if (failure) std::rethrow_exception(failure);
   UserLogMessage("FetchInstalledSoftwareInfo : %d Softwares found \n", recorded);
   CurrentScanRun().osIndex = static_cast<std::uint32_t>(recorded) + 1;
 }

@@ -13,8 +13,7 @@ std::unique_ptr<ScanRun>& RunSlot() {
 
 }  // namespace
 
-ScanRun::ScanRun()
-    : invScanData(PlistValue::MakeDictionary()), invDiffData(PlistValue::MakeDictionary()) {}
+ScanRun::ScanRun() : invDiffData(PlistValue::MakeDictionary()) {}
 
 ScanRun::~ScanRun() = default;
 
@@ -25,10 +24,10 @@ void ResetScanRun() { RunSlot() = std::make_unique<ScanRun>(); }
 void ReleaseScanRun() {
   ScanRun& run = CurrentScanRun();
   run.invDiffData.reset();
-  run.invScanData.reset();
+  run.invScanData.Clear();
   run.fullScanobj.reset();
   run.tarninventory_datalist.reset();
-  run.propertyDict.reset();
+  run.propertyDict.Clear();
 }
 
 bool IsDiffScan() { return CurrentScanRun().scanType == kDiffScanType; }

@@ -13,6 +13,7 @@
 #include <memory>
 
 #include "platform/plist/plist_value.h"
+#include "tarninventory/src/scandata.h"
 
 namespace tarn {
 
@@ -35,7 +36,7 @@ struct ScanRun {
   std::uint32_t osIndex = 0;
 
   // Class id text to the array of this scan's instance dictionaries.
-  PlistPtr invScanData;
+  ScanData invScanData;
   // The difference document sent by a difference upload.
   PlistPtr invDiffData;
   // The previous snapshot; null unless a difference scan loaded it.
@@ -46,7 +47,7 @@ struct ScanRun {
   // The recorder's gathering state: the instance being gathered, its class
   // (0 = none yet) and instance number (-1 = none), and the value-id counter
   // of the WMIFetchedValue rows. Never reset during a run.
-  PlistPtr propertyDict;
+  PendingInstance propertyDict;
   std::int32_t prevclassID = 0;
   std::int32_t previndexID = -1;
   std::int32_t valueIdCounter = 0;

@@ -112,7 +112,7 @@ const TarnGlobvars& Settings() {
 // Raises std::bad_alloc when a value cannot be stored.
 class RowBuilder {
  public:
-  explicit RowBuilder(std::size_t columns) : values_(columns), lengths_(columns, 0) {}
+  explicit RowBuilder(std::size_t columns) : row_(RowObject::Create(columns)) {}
 
   RowBuilder& Int(std::size_t position, std::int32_t value) {
     return Put(position, OwnedBlock::Of(value), sizeof value);
@@ -125,29 +125,27 @@ class RowBuilder {
   RowBuilder& Text(std::size_t position, const std::optional<std::string>& text,
                    std::optional<std::int32_t> size = std::nullopt) {
     if (!text) return *this;
-    if (AllocateAndDoStrcpy(values_[position], text->c_str()) != kAllocSuccess) {
+    if (AllocateAndDoStrcpy(row_->values[position], text->c_str()) != kAllocSuccess) {
       throw std::bad_alloc();
     }
-    lengths_[position] = size.value_or(static_cast<std::int32_t>(text->size()));
+    row_->lengths[position] = size.value_or(static_cast<std::int32_t>(text->size()));
     return *this;
   }
 
   // Adds the row to the table: the row, now owned by the table, or null when refused.
   RowObject* AddTo(const char* tableName) {
-    std::unique_ptr<RowObject> row = CreateNewRowObject(std::move(values_), std::move(lengths_));
-    RowObject* added = row.get();
-    return AddNewRow(tableName, std::move(row)) == 1 ? added : nullptr;
+    if (AddNewRow(tableName, std::move(row_)) != 1) return nullptr;
+    return GetTableDataByName(tableName)->rows.back().get();
   }
 
  private:
   RowBuilder& Put(std::size_t position, OwnedBlock value, std::int32_t size) {
-    values_[position] = std::move(value);
-    lengths_[position] = size;
+    row_->values[position] = std::move(value);
+    row_->lengths[position] = size;
     return *this;
   }
 
-  std::vector<ValueSlot> values_;
-  std::vector<std::int32_t> lengths_;
+  RowPtr row_;
 };
 
 bool IsTextColumn(int type) {
@@ -187,21 +185,21 @@ void AddAgentParam(const char* name, const std::optional<std::string>& value) {
 
 // "KEY": the values of the class's primary-key properties in catalogue order,
 // without separator, skipping those the instance lacks.
-std::string InstanceKey(const PlistValue& instance, std::int32_t classId) {
+std::string InstanceKey(const PendingInstance& instance, std::int32_t classId) {
   std::string key;
   const PropertyIdList primaryKeys =
       invClassObj().GetPrimaryKeysArr(static_cast<std::uint32_t>(classId));
   if (!primaryKeys) return key;
   for (const std::string& propertyId : *primaryKeys) {
-    if (const PlistPtr value = instance.ValueForKey(propertyId)) key += value->String();
+    if (const auto value = instance.Find(propertyId)) key += *value;
   }
   return key;
 }
 
 // Files the gathered instance (when asked) and starts an empty one.
 void FileGathered(ScanRun& run, bool file) {
-  PlistPtr gathered = std::exchange(run.propertyDict, PlistValue::MakeDictionary());
-  if (file) WriteToINVScanData(gathered, run.prevclassID);
+  if (file) WriteToINVScanData(run.propertyDict, run.prevclassID);
+  run.propertyDict.Clear();
 }
 
 // The debug log takes a dictionary's text only when it would write it.
@@ -379,20 +377,18 @@ void SaveScanData(std::int32_t propertyId, std::int32_t classId, std::int32_t in
     if (run.previndexID == -1) run.previndexID = instanceNumber;
     if (run.prevclassID == 0) {
       run.prevclassID = classId;
-      run.propertyDict = PlistValue::MakeDictionary();
+      run.propertyDict.Clear();
     }
-    if (!run.propertyDict) run.propertyDict = PlistValue::MakeDictionary();
     if (classId != run.prevclassID) {
       // A new class ends the pending instance, even an empty one.
       FileGathered(run, true);
       run.prevclassID = classId;
       run.previndexID = -1;
     } else if (instanceNumber != run.previndexID) {
-      FileGathered(run, run.propertyDict->Count() > 0);
+      FileGathered(run, run.propertyDict.size() > 0);
       run.previndexID = instanceNumber;
     }
-    run.propertyDict->SetObjectForKey(std::to_string(propertyId),
-                                      PlistValue::MakeString(value.value_or(kNullText)));
+    run.propertyDict.Set(propertyId, value ? std::string_view(*value) : kNullText);
     if (propertyId == invClassObj().GetLastPropertyID()) {
       FileGathered(run, true);
       run.previndexID = instanceNumber;
@@ -403,30 +399,34 @@ void SaveScanData(std::int32_t propertyId, std::int32_t classId, std::int32_t in
   }
 }
 
-void WriteToINVScanData(const PlistPtr& instance, std::int32_t classId) {
+void WriteToINVScanData(const PendingInstance& instance, std::int32_t classId) {
   try {
-    Require(instance, "instance")
-        ->SetObjectForKey(kInstanceKey, PlistValue::MakeString(InstanceKey(*instance, classId)));
+    const std::string key = InstanceKey(instance, classId);
+    std::vector<InstanceEntry> entries;
+    entries.reserve(instance.size() + 1);
+    for (std::size_t i = 0; i < instance.size(); ++i) entries.push_back(instance[i]);
+    entries.push_back({kInstanceKey, key});
     ScanRun& run = CurrentScanRun();
-    ChildOf(Require(run.invScanData, "scan data"), ClassKey(classId), [] {
-      return PlistValue::MakeArray();
-    })->Append(instance);
+    run.invScanData.AddInstance(ClassKey(classId), entries);
     if (!IsDiffScan()) return;
-    const std::string status = GetDictStatus(instance, classId);
-    if (status == kStatusNew || status == kStatusModified) AddtoDiffData(status, classId, instance);
+    const ScanData::Instance filed = run.invScanData.LastFiled();
+    const std::string status = GetDictStatus(filed, classId);
+    if (status == kStatusNew || status == kStatusModified) {
+      AddtoDiffData(status, classId, filed.ToPlist());
+    }
   } catch (const std::exception& failure) {
     ConsoleWhere(kWriteToINVScanDataSignature, __LINE__,
                  "SaveScanData :Caught exception>>>>>>>>>>>:%s", failure.what());
   }
 }
 
-std::string GetDictStatus(const PlistPtr& instance, std::int32_t classId) {
+std::string GetDictStatus(const ScanData::Instance& instance, std::int32_t classId) {
   std::string status = kStatusNew;
   try {
     FullScanHandler* snapshot = CurrentScanRun().fullScanobj.get();
-    const PlistPtr key = Require(instance, "instance")->ValueForKey(kInstanceKey);
-    const PlistPtr match = snapshot != nullptr && key && key->IsString()
-                               ? snapshot->FindFirstByKey(classId, key->String())
+    const std::optional<std::string_view> key = instance.Find(kInstanceKey);
+    const PlistPtr match = snapshot != nullptr && key
+                               ? snapshot->FindFirstByKey(classId, std::string(*key))
                                : nullptr;
     if (!match) {
       DebugLogMessage("GetDictStatus :Newly added \n");
@@ -447,25 +447,34 @@ std::string GetDictStatus(const PlistPtr& instance, std::int32_t classId) {
   return status;
 }
 
-DWORD CompareDicts(const PlistPtr& current, const PlistPtr& previous) {
+namespace {
+
+// The one-way comparison of CompareDicts over the `count` entries of the current instance:
+// keyAt(i) gives an entry's key, textAt(i) its value text (raising for a value that is not
+// text, as the platform would).
+template <typename KeyAt, typename TextAt>
+DWORD CompareInstances(std::size_t count, const PlistPtr& previous,
+                       const std::string& currentDescription, KeyAt keyAt, TextAt textAt) {
   try {
-    Require(current, "current instance");
     Require(previous, "previous instance");
     if (DebugLogging()) {
       DebugLogMessage("CompareDicts :PrevData : %s ", previous->Description().c_str());
-      DebugLogMessage("CompareDicts :CurData : %s", current->Description().c_str());
+      DebugLogMessage("CompareDicts :CurData : %s", currentDescription.c_str());
     }
-    for (const auto& [propertyId, value] : current->Entries()) {
+    for (std::size_t i = 0; i < count; ++i) {
+      const std::string_view propertyId = keyAt(i);
       const PlistPtr previousValue = previous->ValueForKey(propertyId);
       if (!previousValue) {
         UserLogMessage("CompareDicts  propertyId : %s doesnt found in prevScanData \n",
-                       propertyId.c_str());
+                       std::string(propertyId).c_str());
         return kDictsDiffer;
       }
-      if (value->String() != previousValue->String()) {
+      const std::string_view value = textAt(i);
+      const std::string& previousText = previousValue->String();
+      if (value != previousText) {
         UserLogMessage("CompareDicts :modified propertyID : %s curValue:%s prevValue : %s",
-                       propertyId.c_str(), value->String().c_str(),
-                       previousValue->String().c_str());
+                       std::string(propertyId).c_str(), std::string(value).c_str(),
+                       previousText.c_str());
         return kDictsDiffer;
       }
     }
@@ -475,6 +484,29 @@ DWORD CompareDicts(const PlistPtr& current, const PlistPtr& previous) {
                  failure.what());
     return 0;
   }
+}
+
+}  // namespace
+
+DWORD CompareDicts(const ScanData::Instance& current, const PlistPtr& previous) {
+  return CompareInstances(
+      current.size(), previous, DebugLogging() && previous ? current.Description() : std::string(),
+      [&current](std::size_t i) { return current[i].key; },
+      [&current](std::size_t i) { return current[i].value; });
+}
+
+DWORD CompareDicts(const PlistPtr& current, const PlistPtr& previous) {
+  if (!current) {
+    ConsoleWhere(kCompareDictsSignature, __LINE__, "CompareDicts :Caught exception>>>>>>>>>>>:%s",
+                 PlatformException(kInvalidArgumentException, "no current instance").what());
+    return 0;
+  }
+  const auto& entries = current->Entries();
+  return CompareInstances(
+      entries.size(), previous,
+      DebugLogging() && previous ? current->Description() : std::string(),
+      [&entries](std::size_t i) { return std::string_view(entries[i].first); },
+      [&entries](std::size_t i) { return std::string_view(entries[i].second->String()); });
 }
 
 DWORD AddtoDiffData(const std::string& status, std::int32_t classId, const PlistPtr& instance) {

@@ -14,6 +14,7 @@
 
 #include "framework/imds/dataset.h"
 #include "platform/plist/plist_value.h"
+#include "tarninventory/src/scandata.h"
 #include "tarnutils/src/TarnSystemutil_mac.h"
 
 namespace tarn {
@@ -66,14 +67,16 @@ void AddAgentParamsforInvinXML(const std::string& currentScanTime,
 // catalogue's last property id is recorded. The flag is not used.
 void SaveScanData(std::int32_t propertyId, std::int32_t classId, std::int32_t instanceNumber,
                   std::int32_t flag, const std::optional<std::string>& value);
-// Files a finished instance: sets its "KEY", appends it to invScanData and,
+// Files a finished instance: appends it with its "KEY" to invScanData and,
 // in a difference scan, files it as new or modified in invDiffData.
-void WriteToINVScanData(const PlistPtr& instance, std::int32_t classId);
-// Matches the instance against the previous snapshot by "KEY" and removes the
-// match from it: "0" new, "2" modified, "3" not modified.
-std::string GetDictStatus(const PlistPtr& instance, std::int32_t classId);
+void WriteToINVScanData(const PendingInstance& instance, std::int32_t classId);
+// Matches the filed instance against the previous snapshot by "KEY" and
+// removes the match from it: "0" new, "2" modified, "3" not modified.
+std::string GetDictStatus(const ScanData::Instance& instance, std::int32_t classId);
 // kDictsDiffer when a key of current is missing from previous or has another
-// value there; 0 otherwise (keys only previous has are not looked at).
+// value there; 0 otherwise (keys only previous has are not looked at). A
+// value that is not text ends the comparison as a failure, which answers 0.
+DWORD CompareDicts(const ScanData::Instance& current, const PlistPtr& previous);
 DWORD CompareDicts(const PlistPtr& current, const PlistPtr& previous);
 // Files a copy of the instance without "KEY" under invDiffData[class][status]
 // (software goes through AddtoSWDiffData). 0, or 1 after a caught failure.

@@ -130,7 +130,7 @@ TEST_F(RecorderTest, ValueRowsCountAcrossClassesAndEscapeTheirValues) {
   // The recorder saw 117 as instance 1 (one class-1 instance), keeps the
   // texts unescaped and an absent value as "(null)".
   RecordRunEnd();
-  EXPECT_EQ(Json(CurrentScanRun().invScanData),
+  EXPECT_EQ(Json(CurrentScanRun().invScanData.ToPlist()),
             R"({"1":[{"101":"OS \"X\" <14> & more","117":"3","102":"a\nb","KEY":""}],)"
             R"j("3":[{"301":"(null)","KEY":""}],)j"
             R"("18":[{"1801":"Zed","1812":"/Z","KEY":"Zed/Z"},{"1801":"Alpha","KEY":"Alpha"}],)"
@@ -149,7 +149,7 @@ TEST_F(RecorderTest, ValueRowsCountAcrossClassesAndEscapeTheirValues) {
 TEST_F(RecorderTest, InstancesEndOnClassChangeNumberChangeAndLastProperty) {
   Record(5, 1, {{"501", "a"}});
   Record(5, 2, {{"501", "b"}});
-  EXPECT_EQ(Json(CurrentScanRun().invScanData), R"({"5":[{"501":"a","KEY":""}]})");
+  EXPECT_EQ(Json(CurrentScanRun().invScanData.ToPlist()), R"({"5":[{"501":"a","KEY":""}]})");
   // The first class-7 value files b. Then 1, 2, 1 are three instances.
   Record(7, 1, {{"701", "v"}, {"702", "v"}});
   Record(7, 2, {{"701", "w"}});
@@ -161,7 +161,7 @@ TEST_F(RecorderTest, InstancesEndOnClassChangeNumberChangeAndLastProperty) {
   Record(24, 1, {{"2401", "e"}});
   Record(28, 1, {{"2808", "end"}});
   Record(1, 1, {{"101", "os"}});
-  EXPECT_EQ(Json(CurrentScanRun().invScanData),
+  EXPECT_EQ(Json(CurrentScanRun().invScanData.ToPlist()),
             R"({"5":[{"501":"a","KEY":""},{"501":"b","KEY":""}],)"
             R"("7":[{"701":"v","702":"v","KEY":""},{"701":"w","KEY":""},{"701":"x","KEY":""}],)"
             R"("28":[{"2801":"m","2808":"end","KEY":""},{"2801":"n","KEY":""},)"
@@ -179,7 +179,7 @@ TEST_F(RecorderTest, DifferenceDocumentHasTheExactShape) {
   Record(18, 1, {{"1801", "Safari"}, {"1812", "/A"}, {"1814", "OS_EXT"}});
   Record(18, 2, {{"1801", "Gone"}, {"1812", "/G"}});
   RecordRunEnd();
-  const PlistPtr previous = CurrentScanRun().invScanData;
+  const PlistPtr previous = CurrentScanRun().invScanData.ToPlist();
   ResetScanRun();
   StartDiffScan(previous);
 
@@ -200,7 +200,7 @@ TEST_F(RecorderTest, DifferenceDocumentHasTheExactShape) {
             R"("0":{"S-1-1-0":[{"1801":"Mail","1812":"/M"}]},)"
             R"("1":{"S-1-1-0":[{"1801":"Gone","1812":"/G"}]}}})");
   // Filing works on copies: the scan data keeps "KEY" and "OS_EXT".
-  EXPECT_EQ(Json(CurrentScanRun().invScanData->ValueForKey("18")->ObjectAtIndex(0)),
+  EXPECT_EQ(Json(CurrentScanRun().invScanData.ToPlist()->ValueForKey("18")->ObjectAtIndex(0)),
             R"({"1801":"Safari","1812":"/A","1813":"17","1814":"OS_EXT","KEY":"Safari/A"})");
 
   AddUserinDict(diff);
@@ -300,7 +300,7 @@ TEST_F(RecorderTest, TwentyThousandApplicationsAreDiffedQuickly) {
     SaveScanData(2808, 28, 1, 0, "end");
   };
   run(0, kCount, false);
-  const PlistPtr previous = CurrentScanRun().invScanData;
+  const PlistPtr previous = CurrentScanRun().invScanData.ToPlist();
   ResetScanRun();
   StartDiffScan(previous);
 

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <new>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -13,9 +15,8 @@ namespace tarn {
 namespace {
 
 // The class names the platform reports for each kind of value, used in error messages.
-const char* PlatformClassName(const PlistPtr& value) {
-  if (!value) return "(null)";
-  switch (value->type()) {
+const char* PlatformClassNameOf(PlistType type) {
+  switch (type) {
     case PlistType::kDictionary:
       return "__NSDictionaryM";
     case PlistType::kArray:
@@ -34,6 +35,10 @@ const char* PlatformClassName(const PlistPtr& value) {
       return "NSConcreteData";
   }
   return "NSObject";
+}
+
+const char* PlatformClassName(const PlistPtr& value) {
+  return value ? PlatformClassNameOf(value->type()) : "(null)";
 }
 
 // Decodes the code point starting at bytes[i] of valid UTF-8 and advances i past it.
@@ -57,13 +62,30 @@ class JsonWriter {
       return Fail(std::string("Unable to serialize object class ") + PlatformClassName(object) +
                   ", expected a NSArray or NSDictionary.");
     }
-    return WriteValue(object);
+    try {
+      return WriteTree(*object);
+    } catch (const std::bad_alloc&) {
+      std::string().swap(out_);
+      return Fail(kOutOfMemory);
+    }
   }
 
   std::string TakeOutput() { return std::move(out_); }
   const std::string& message() const { return message_; }
 
  private:
+  static constexpr const char* kOutOfMemory = "Unable to resize temporary buffer.";
+
+  // A container being written: its entries (a dictionary's in writing order) and the next one.
+  struct Frame {
+    const PlistValue* container;
+    std::vector<const PlistValue::Entry*> entries;  // dictionaries only
+    std::size_t next = 0;
+    std::size_t Count() const {
+      return container->IsDictionary() ? entries.size() : container->Elements().size();
+    }
+  };
+
   bool Pretty() const { return (options_ & kJsonPrettyPrint) != 0; }
 
   bool Fail(std::string message) {
@@ -71,16 +93,56 @@ class JsonWriter {
     return false;
   }
 
-  void NewlineAndIndent() {
-    out_ += '\n';
-    out_.append(static_cast<std::size_t>(depth_) * 2, ' ');
+  // Writes the tree depth first with an explicit stack, so deep nesting costs no call depth.
+  bool WriteTree(const PlistValue& root) {
+    if (!WriteValue(root)) return false;
+    while (!stack_.empty()) {
+      Frame& frame = stack_.back();
+      if (frame.next == frame.Count()) {
+        Close(frame.container->IsDictionary() ? '}' : ']');
+        stack_.pop_back();
+        continue;
+      }
+      if (frame.next > 0) Separate();
+      const PlistValue* child;
+      if (frame.container->IsDictionary()) {
+        const PlistValue::Entry& entry = *frame.entries[frame.next++];
+        if (!WriteString(entry.first)) return false;
+        out_ += Pretty() ? ": " : ":";
+        child = entry.second.get();
+      } else {
+        child = frame.container->Elements()[frame.next++].get();
+      }
+      if (!WriteValue(*child)) return false;  // may push a frame: `frame` is not used after
+    }
+    return true;
   }
 
-  void Open(char bracket) {
-    out_ += bracket;
-    if (!Pretty()) return;
-    ++depth_;
-    NewlineAndIndent();
+  void NewlineAndIndent() {
+    out_ += '\n';
+    out_.append(stack_.size() * 2, ' ');
+  }
+
+  // Writes the opening bracket of a container and makes it the one being written.
+  bool Open(const PlistValue& container) {
+    if (stack_.size() >= kMaxJsonNesting) {
+      return Fail("Unable to serialize objects nested deeper than " +
+                  std::to_string(kMaxJsonNesting) + " levels.");
+    }
+    Frame frame{&container, {}, 0};
+    if (container.IsDictionary()) {
+      const auto& entries = container.Entries();
+      frame.entries.reserve(entries.size());
+      for (const auto& entry : entries) frame.entries.push_back(&entry);
+      if (Pretty()) {
+        std::sort(frame.entries.begin(), frame.entries.end(),
+                  [](const auto* left, const auto* right) { return left->first < right->first; });
+      }
+    }
+    out_ += container.IsDictionary() ? '{' : '[';
+    stack_.push_back(std::move(frame));
+    if (Pretty()) NewlineAndIndent();
+    return true;
   }
 
   void Separate() {
@@ -88,64 +150,35 @@ class JsonWriter {
     if (Pretty()) NewlineAndIndent();
   }
 
+  // Ends the innermost container; it is still on the stack.
   void Close(char bracket) {
     if (Pretty()) {
-      --depth_;
-      NewlineAndIndent();
+      out_ += '\n';
+      out_.append((stack_.size() - 1) * 2, ' ');
     }
     out_ += bracket;
   }
 
-  bool WriteValue(const PlistPtr& value) {
-    switch (value->type()) {
+  bool WriteValue(const PlistValue& value) {
+    switch (value.type()) {
       case PlistType::kDictionary:
-        return WriteDictionary(*value);
       case PlistType::kArray:
-        return WriteArray(*value);
+        return Open(value);
       case PlistType::kString:
-        return WriteString(value->String());
+        return WriteString(value.String());
       case PlistType::kBoolean:
-        out_ += *value->AsBoolean() ? "true" : "false";
+        out_ += *value.AsBoolean() ? "true" : "false";
         return true;
       case PlistType::kInteger:
-        out_ += value->IsUnsignedInteger() ? std::to_string(*value->AsUnsigned())
-                                           : std::to_string(*value->AsInteger());
+        out_ += value.IsUnsignedInteger() ? std::to_string(*value.AsUnsigned())
+                                          : std::to_string(*value.AsInteger());
         return true;
       case PlistType::kReal:
-        return WriteReal(*value->AsReal());
+        return WriteReal(*value.AsReal());
       default:
-        return Fail(std::string("Unable to serialize object class ") + PlatformClassName(value) +
-                    ".");
+        return Fail(std::string("Unable to serialize object class ") +
+                    PlatformClassNameOf(value.type()) + ".");
     }
-  }
-
-  bool WriteDictionary(const PlistValue& dictionary) {
-    std::vector<const PlistValue::Entry*> entries;
-    for (const auto& entry : dictionary.Entries()) entries.push_back(&entry);
-    if (Pretty()) {
-      std::sort(entries.begin(), entries.end(),
-                [](const auto* left, const auto* right) { return left->first < right->first; });
-    }
-    Open('{');
-    for (std::size_t i = 0; i < entries.size(); ++i) {
-      if (i > 0) Separate();
-      if (!WriteString(entries[i]->first)) return false;
-      out_ += Pretty() ? ": " : ":";
-      if (!WriteValue(entries[i]->second)) return false;
-    }
-    Close('}');
-    return true;
-  }
-
-  bool WriteArray(const PlistValue& array) {
-    const auto& elements = array.Elements();
-    Open('[');
-    for (std::size_t i = 0; i < elements.size(); ++i) {
-      if (i > 0) Separate();
-      if (!WriteValue(elements[i])) return false;
-    }
-    Close(']');
-    return true;
   }
 
   bool WriteReal(double real) {
@@ -174,6 +207,13 @@ class JsonWriter {
     WriteUnicodeEscape(0xDC00 + (offset & 0x3FF));
   }
 
+  // True for a byte that is written as it is.
+  bool IsPlain(unsigned char byte) const {
+    if (byte >= 0x80) return (options_ & kJsonEscapeUnicode) == 0;
+    if (byte == '/') return (options_ & kJsonEscapeForwardSlashes) == 0;
+    return byte >= 0x20 && byte != '"' && byte != '\\';
+  }
+
   void WriteAsciiByte(char c) {
     switch (c) {
       case '"':
@@ -198,14 +238,10 @@ class JsonWriter {
         out_ += "\\r";
         return;
       case '/':
-        out_ += (options_ & kJsonEscapeForwardSlashes) != 0 ? "\\/" : "/";
+        out_ += "\\/";
         return;
       default:
-        if (static_cast<unsigned char>(c) < 0x20) {
-          WriteUnicodeEscape(static_cast<unsigned char>(c));
-        } else {
-          out_ += c;
-        }
+        WriteUnicodeEscape(static_cast<unsigned char>(c));
     }
   }
 
@@ -216,13 +252,16 @@ class JsonWriter {
     out_ += '"';
     std::size_t i = 0;
     while (i < text.size()) {
-      const auto byte = static_cast<unsigned char>(text[i]);
-      if (byte < 0x80) {
+      // Runs of bytes written as they are go in one piece.
+      std::size_t plain = i;
+      while (plain < text.size() && IsPlain(static_cast<unsigned char>(text[plain]))) ++plain;
+      out_.append(text, i, plain - i);
+      i = plain;
+      if (i == text.size()) break;
+      if (static_cast<unsigned char>(text[i]) < 0x80) {
         WriteAsciiByte(text[i++]);
-      } else if ((options_ & kJsonEscapeUnicode) != 0) {
-        WriteEscapedCodePoint(NextCodePoint(text, i));
       } else {
-        out_ += text[i++];
+        WriteEscapedCodePoint(NextCodePoint(text, i));
       }
     }
     out_ += '"';
@@ -230,7 +269,7 @@ class JsonWriter {
   }
 
   unsigned options_;
-  int depth_ = 0;
+  std::vector<Frame> stack_;
   std::string out_;
   std::string message_;
 };

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 
@@ -13,6 +14,9 @@ inline constexpr unsigned kJsonEscapeUnicode = 2;          // non-ASCII as \uXXX
 inline constexpr unsigned kJsonEscapeForwardSlashes = 16;  // "/" as "\/"
 
 inline constexpr const char* kJsonEncoderErrorDomain = "JSONEncoderErrorDomain";
+
+// The deepest nesting of containers EncodeJson writes; the difference document nests four.
+inline constexpr std::size_t kMaxJsonNesting = 512;
 
 // The failure of an encoding run: domain "JSONEncoderErrorDomain", code -1 and the message.
 struct JsonEncoderError {
@@ -33,7 +37,9 @@ struct JsonEncoderError {
 // hold ("Unable to serialize object class %@." with the platform's class name: "__NSDate"
 // for a date, "NSConcreteData" for data), a top-level value that is not a container ("...,
 // expected a NSArray or NSDictionary."), a real that is NaN or infinite, text that is not
-// UTF-8. The input must not contain itself.
+// UTF-8, containers nested deeper than kMaxJsonNesting ("Unable to serialize objects nested
+// deeper than 512 levels."), memory running out ("Unable to resize temporary buffer."). The
+// input must not contain itself.
 std::optional<std::string> EncodeJson(const PlistPtr& object, unsigned options,
                                       JsonEncoderError* error = nullptr);
 

@@ -2,12 +2,39 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
+#include <new>
 #include <string>
+
+// Fault injection for the whole test binary: while armed, every allocation of at least that
+// many bytes fails as an exhausted heap would.
+namespace {
+std::atomic<std::size_t> gFailAllocationsFrom{0};  // 0: never
+}  // namespace
+
+void* operator new(std::size_t size) {
+  const std::size_t limit = gFailAllocationsFrom.load();
+  if (limit != 0 && size >= limit) throw std::bad_alloc();
+  if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace tarn {
 namespace {
+
+// Makes allocations of at least `bytes` fail for its lifetime.
+class LargeAllocationsFail {
+ public:
+  explicit LargeAllocationsFail(std::size_t bytes) { gFailAllocationsFrom = bytes; }
+  ~LargeAllocationsFail() { gFailAllocationsFrom = 0; }
+  LargeAllocationsFail(const LargeAllocationsFail&) = delete;
+  LargeAllocationsFail& operator=(const LargeAllocationsFail&) = delete;
+};
 
 PlistPtr Text(const std::string& text) { return PlistValue::MakeString(text); }
 
@@ -113,6 +140,45 @@ TEST(JsonEncoderTest, FailuresGiveNoDocumentAndTheExactMessage) {
   EXPECT_EQ(FailureOf(PlistValue::MakeArray({PlistValue::MakeDate(0), PlistValue::MakeReal(NAN)})),
             "Unable to serialize object class __NSDate.");
   EXPECT_EQ(EncodeJson(PlistValue::MakeArray({PlistValue::MakeDate(0)}), 0), std::nullopt);  // no error record asked for
+}
+
+// Arrays nested `depth` deep around one text.
+PlistPtr NestedArrays(std::size_t depth) {
+  PlistPtr value = Text("core");
+  for (std::size_t i = 0; i < depth; ++i) value = PlistValue::MakeArray({value});
+  return value;
+}
+
+TEST(JsonEncoderTest, NestingIsBoundedWithoutRecursion) {
+  const std::string deepest = *EncodeJson(NestedArrays(kMaxJsonNesting), 0);
+  EXPECT_EQ(deepest, std::string(kMaxJsonNesting, '[') + "\"core\"" +
+                         std::string(kMaxJsonNesting, ']'));
+  const std::string tooDeep = "Unable to serialize objects nested deeper than 512 levels.";
+  EXPECT_EQ(FailureOf(NestedArrays(kMaxJsonNesting + 1)), tooDeep);
+  // Far deeper than any call stack would take.
+  const PlistPtr deep = NestedArrays(200000);
+  EXPECT_EQ(FailureOf(deep), tooDeep);
+  // The tree is taken apart from the outside in, so that freeing it does not recurse either.
+  for (PlistPtr level = deep; level && level->IsArray();) {
+    PlistPtr inner = level->ObjectAtIndex(0);
+    level->RemoveAtIndex(0);
+    level = inner;
+  }
+}
+
+TEST(JsonEncoderTest, MemoryRunningOutGivesTheErrorRecord) {
+  // A document of about two megabytes, whose buffer cannot grow past one.
+  const PlistPtr big = PlistValue::MakeArray();
+  for (int i = 0; i < 20000; ++i) big->Append(Text(std::string(100, 'x')));
+  std::string message;
+  {
+    const LargeAllocationsFail failing(1 << 20);
+    JsonEncoderError error;
+    EXPECT_EQ(EncodeJson(big, kJsonPrettyPrint, &error), std::nullopt);
+    message = error.localizedDescription;
+  }
+  EXPECT_EQ(message, "Unable to resize temporary buffer.");
+  EXPECT_TRUE(EncodeJson(big, kJsonPrettyPrint).has_value());
 }
 
 }  // namespace

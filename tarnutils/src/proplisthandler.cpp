@@ -50,14 +50,18 @@ int Proplisthandler::RemoveFromProplist(std::optional<std::string_view> key) {
 
 int Proplisthandler::WriteToProplist(const std::optional<std::string>& path) {
   if (!plistDict) return 0;
+  return WriteDocument([this] { return ToXmlPlist(*plistDict); }, path ? path : plistfilepath);
+}
+
+int Proplisthandler::WriteDocument(const std::function<std::string()>& serialize,
+                                   const std::optional<std::string>& target) {
   std::string xml;
   try {
-    xml = ToXmlPlist(*plistDict);
+    xml = serialize();
   } catch (const PlatformException& failure) {
     ConsoleLog("Exception occurred in WriteToProplist: %s\n", failure.description().c_str());
     return 0;
   }
-  const std::optional<std::string>& target = path ? path : plistfilepath;
   if (!target) {
     ConsoleLog("plistfilepath is not initialized properly\n");
     return 0;

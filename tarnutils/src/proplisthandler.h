@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -34,6 +35,11 @@ class Proplisthandler {
   // atomically. 0 when there is no dictionary, no path at all, or the value cannot be written
   // as XML; a failed file write is only logged and still gives 1.
   int WriteToProplist(const std::optional<std::string>& path = std::nullopt);
+  // Writes the document serialize gives to target with the rules of WriteToProplist: 0 after
+  // logging when serialize raises PlatformException or there is no target; a failed file
+  // write is only logged and still gives 1. For stores written without a tree of their own.
+  static int WriteDocument(const std::function<std::string()>& serialize,
+                           const std::optional<std::string>& target);
   // Number of top-level entries (elements for an array root); 0 without a dictionary.
   int GetDataCount() const;
   // Logs the contents.

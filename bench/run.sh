@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# The scan benchmark in one command: builds the scanner and the benchmark (Release, in
+# build-bench), generates recorded machines of 1,000, 5,000 and 20,000 applications and, in
+# one run, measures replayed full and difference scans against a loopback server next to the
+# libplist-only floor. Prints the table and writes it as CSV to build-bench/bench-results.csv.
+# Extra arguments go to the driver, e.g.: bash bench/run.sh --runs 7 --sizes 5000
+# Another build can be timed in the same run, its runs alternating with the current one:
+#   bash bench/run.sh --scanner before=/path/to/older/tarninventory
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${BENCH_BUILD_DIR:-build-bench}
+jobs=$(nproc 2>/dev/null || echo 2)
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DTARN_BENCH=ON -DTARN_TESTS=OFF >/dev/null
+cmake --build "$build" -j "$jobs" --target tarninventory tarn_bench tarn_bench_floor >/dev/null
+work=$(mktemp -d /tmp/tarn-bench-XXXXXX)
+trap 'rm -rf "$work"' EXIT
+"$build/tarn_bench" --scanner "current=$build/tarninventory" \
+  --floor "$build/tarn_bench_floor" --source . --work "$work" --csv "$build/bench-results.csv" "$@"

@@ -1,0 +1,300 @@
+#include "tarninventory/src/snapshotfile.h"
+
+#include <cstring>
+
+#include "platform/exception/platform_exception.h"
+#include "platform/plist/plist_io.h"
+#include "platform/text/utf8.h"
+
+namespace tarn {
+namespace {
+
+constexpr std::string_view kSnapshotKey = "INVDatadict";
+constexpr std::string_view kHeader =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+    "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+    "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+    "<plist version=\"1.0\">\n";
+constexpr std::string_view kRootEnd = "</dict>\n</plist>\n";
+
+// ---- Writing: libplist's layout, one tab per level of nesting.
+
+void AppendIndent(std::string& out, int depth) { out.append(static_cast<std::size_t>(depth), '\t'); }
+
+void AppendElement(std::string& out, int depth, std::string_view tag, std::string_view text) {
+  RequirePlistWritableText(text);
+  AppendIndent(out, depth);
+  out += '<';
+  out += tag;
+  out += '>';
+  AppendPlistXmlText(out, text);
+  out += "</";
+  out += tag;
+  out += ">\n";
+}
+
+void AppendInstance(std::string& out, const ScanData::Instance& instance) {
+  if (instance.size() == 0) {
+    out += "\t\t\t<dict/>\n";
+    return;
+  }
+  out += "\t\t\t<dict>\n";
+  for (std::size_t i = 0; i < instance.size(); ++i) {
+    const InstanceEntry entry = instance[i];
+    AppendElement(out, 4, "key", entry.key);
+    AppendElement(out, 4, "string", entry.value);
+  }
+  out += "\t\t\t</dict>\n";
+}
+
+// "INVDatadict" and its value, as an entry of the root dictionary.
+void AppendScanData(std::string& out, const ScanData& scanData) {
+  out += "\t<key>INVDatadict</key>\n";
+  if (scanData.ClassCount() == 0) {
+    out += "\t<dict/>\n";
+    return;
+  }
+  out += "\t<dict>\n";
+  for (std::size_t c = 0; c < scanData.ClassCount(); ++c) {
+    AppendElement(out, 2, "key", scanData.ClassKey(c));
+    if (scanData.InstanceCount(c) == 0) {
+      out += "\t\t<array/>\n";
+      continue;
+    }
+    out += "\t\t<array>\n";
+    for (std::size_t i = 0; i < scanData.InstanceCount(c); ++i) {
+      AppendInstance(out, scanData.InstanceAt(c, i));
+    }
+    out += "\t\t</array>\n";
+  }
+  out += "\t</dict>\n";
+}
+
+// ---- Reading the plain shape.
+
+class PlainReader {
+ public:
+  PlainReader(std::string_view in, bool build) : in_(in), build_(build) {}
+
+  std::optional<PlainSnapshot> Read() {
+    if (!ReadProlog() || !SkipSpace()) return std::nullopt;
+    PlainSnapshot snapshot;
+    if (Take("<dict/>")) {
+      return ReadEpilog() ? std::optional<PlainSnapshot>(snapshot) : std::nullopt;
+    }
+    if (!Take("<dict>") || !SkipSpace()) return std::nullopt;
+    if (!Take("</dict>")) {
+      if (!Take("<key>") || !ReadText(key_) || key_ != kSnapshotKey || !Take("</key>") ||
+          !SkipSpace() || !ReadScanData(snapshot) || !SkipSpace() || !Take("</dict>")) {
+        return std::nullopt;
+      }
+    }
+    return ReadEpilog() ? std::optional<PlainSnapshot>(std::move(snapshot)) : std::nullopt;
+  }
+
+ private:
+  bool AtEnd() const { return pos_ >= in_.size(); }
+
+  bool Take(std::string_view token) {
+    if (in_.compare(pos_, token.size(), token) != 0) return false;
+    pos_ += token.size();
+    return true;
+  }
+
+  // White space between elements; always true.
+  bool SkipSpace() {
+    while (!AtEnd() && (in_[pos_] == ' ' || in_[pos_] == '\t' || in_[pos_] == '\n' ||
+                        in_[pos_] == '\r')) {
+      ++pos_;
+    }
+    return true;
+  }
+
+  // Attributes in the plain form ` name="value"`, then optional white space: true when the
+  // tag continues with `end`, which is then taken.
+  bool ReadAttributes(std::string_view end) {
+    const auto isNameChar = [](char c) {
+      return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+             c == ':' || c == '_' || c == '-';
+    };
+    for (;;) {
+      if (Take(end)) return true;
+      if (!Take(" ")) return false;
+      SkipSpace();
+      if (Take(end)) return true;
+      const std::size_t nameStart = pos_;
+      while (!AtEnd() && isNameChar(in_[pos_])) ++pos_;
+      if (pos_ == nameStart || !Take("=\"")) return false;
+      const std::size_t close = in_.find('"', pos_);
+      if (close == std::string_view::npos ||
+          in_.substr(pos_, close - pos_).find_first_of("<>&") != std::string_view::npos) {
+        return false;
+      }
+      pos_ = close + 1;
+    }
+  }
+
+  // An optional declaration, the platform's DOCTYPE if any, then "<plist ...>".
+  bool ReadProlog() {
+    static constexpr std::string_view kDoctype =
+        "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+        "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">";
+    SkipSpace();
+    if (Take("<?xml") && !ReadAttributes("?>")) return false;
+    SkipSpace();
+    Take(kDoctype);
+    SkipSpace();
+    return Take("<plist") && ReadAttributes(">");
+  }
+
+  bool ReadEpilog() {
+    SkipSpace();
+    if (!Take("</plist>")) return false;
+    SkipSpace();
+    return AtEnd();
+  }
+
+  // Text up to the next "<", with the five named character entities decoded. False for any
+  // other "&".
+  bool ReadText(std::string& out) {
+    out.clear();
+    while (!AtEnd()) {
+      const std::size_t stop = in_.find_first_of("<&", pos_);
+      if (stop == std::string_view::npos) return false;
+      out.append(in_, pos_, stop - pos_);
+      pos_ = stop;
+      if (in_[stop] == '<') return true;
+      if (!ReadEntity(out)) return false;
+    }
+    return false;
+  }
+
+  bool ReadEntity(std::string& out) {
+    static constexpr std::pair<std::string_view, char> kEntities[] = {
+        {"&amp;", '&'}, {"&lt;", '<'}, {"&gt;", '>'}, {"&quot;", '"'}, {"&apos;", '\''}};
+    for (const auto& [entity, character] : kEntities) {
+      if (Take(entity)) {
+        out += character;
+        return true;
+      }
+    }
+    return false;
+  }
+
+  bool ReadScanData(PlainSnapshot& snapshot) {
+    snapshot.hasScanData = true;
+    if (build_) snapshot.scanData = PlistValue::MakeDictionary();
+    if (Take("<dict/>")) return true;
+    if (!Take("<dict>")) return false;
+    classKeys_.clear();
+    for (;;) {
+      SkipSpace();
+      if (Take("</dict>")) return true;
+      if (!Take("<key>") || !ReadText(classKey_) || !Take("</key>") || !SkipSpace()) {
+        return false;
+      }
+      if (!FirstTime(classKeys_, classKey_)) return false;
+      PlistPtr instances = build_ ? PlistValue::MakeArray() : nullptr;
+      if (!ReadInstances(instances)) return false;
+      if (build_) snapshot.scanData->SetValueForKey(classKey_, std::move(instances));
+    }
+  }
+
+  bool ReadInstances(const PlistPtr& instances) {
+    if (Take("<array/>")) return true;
+    if (!Take("<array>")) return false;
+    for (;;) {
+      SkipSpace();
+      if (Take("</array>")) return true;
+      PlistPtr instance = build_ ? PlistValue::MakeDictionary() : nullptr;
+      if (!ReadInstance(instance)) return false;
+      if (build_) instances->Append(std::move(instance));
+    }
+  }
+
+  bool ReadInstance(const PlistPtr& instance) {
+    if (Take("<dict/>")) return true;
+    if (!Take("<dict>")) return false;
+    instanceKeys_.clear();
+    for (;;) {
+      SkipSpace();
+      if (Take("</dict>")) return true;
+      if (!Take("<key>") || !ReadText(key_) || !Take("</key>") || !SkipSpace()) return false;
+      if (!FirstTime(instanceKeys_, key_)) return false;
+      if (Take("<string/>")) {
+        value_.clear();
+      } else if (!Take("<string>") || !ReadText(value_) || !Take("</string>")) {
+        return false;
+      }
+      if (build_) instance->SetValueForKey(key_, PlistValue::MakeString(value_));
+    }
+  }
+
+  // False when key was seen before in the same dictionary (a repeated key is left to the
+  // general reader).
+  static bool FirstTime(std::vector<std::string>& seen, const std::string& key) {
+    for (const std::string& earlier : seen) {
+      if (earlier == key) return false;
+    }
+    seen.push_back(key);
+    return true;
+  }
+
+  std::string_view in_;
+  bool build_;
+  std::size_t pos_ = 0;
+  std::string classKey_;
+  std::string key_;
+  std::string value_;
+  std::vector<std::string> classKeys_;
+  std::vector<std::string> instanceKeys_;
+};
+
+}  // namespace
+
+void AppendPlistXmlText(std::string& out, std::string_view text) {
+  std::size_t from = 0;
+  for (;;) {
+    const std::size_t special = text.find_first_of("&<>", from);
+    out.append(text, from, special == std::string_view::npos ? text.size() - from : special - from);
+    if (special == std::string_view::npos) return;
+    switch (text[special]) {
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      default:
+        out += "&gt;";
+    }
+    from = special + 1;
+  }
+}
+
+std::string SnapshotXml(const std::vector<PlistValue::Entry>& otherEntries,
+                        const ScanData& scanData) {
+  std::string out;
+  if (otherEntries.empty()) {
+    out.reserve(kHeader.size() + 64);
+    out += kHeader;
+    out += "<dict>\n";
+  } else {
+    // The other entries as libplist writes them, the dictionary left open.
+    const PlistPtr others = PlistValue::MakeDictionary();
+    for (const auto& [key, value] : otherEntries) others->SetValueForKey(key, value);
+    out = ToXmlPlist(*others);
+    out.resize(out.size() - kRootEnd.size());
+  }
+  AppendScanData(out, scanData);
+  out += kRootEnd;
+  return out;
+}
+
+std::optional<PlainSnapshot> ReadPlainSnapshot(std::string_view bytes, bool buildScanData) {
+  // As ParsePlist: XML that is not UTF-8 or holds a NUL byte is no property list.
+  if (!IsValidUtf8(bytes) || bytes.find('\0') != std::string_view::npos) return std::nullopt;
+  return PlainReader(bytes, buildScanData).Read();
+}
+
+}  // namespace tarn
