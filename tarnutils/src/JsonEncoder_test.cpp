@@ -9,6 +9,12 @@
 #include <new>
 #include <string>
 
+// GCC pairs the replaced operator delete's free() with the operator new it cannot see through
+// and warns; the pair below allocates with malloc and frees with free, so it does match.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+
 // Fault injection for the whole test binary: while armed, every allocation of at least that
 // many bytes fails as an exhausted heap would.
 namespace {
