@@ -142,7 +142,9 @@ TEST(SnapshotFileTest, OnlyThePlainShapeIsReadDirectly) {
     ASSERT_NE(general, nullptr);
     const PlistPtr scanData = general->ValueForKey("INVDatadict");
     ASSERT_EQ(plain->hasScanData, scanData != nullptr);
-    if (scanData) EXPECT_TRUE(*plain->scanData == *scanData);
+    if (scanData) {
+      EXPECT_TRUE(*plain->scanData == *scanData);
+    }
   }
 }
 
