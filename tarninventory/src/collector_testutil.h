@@ -70,20 +70,6 @@ class CollectorTest : public ::testing::Test {
     ResetStore();
   }
 
-  // The recorded values as "property|class|instance|value;" in recording order.
-  static std::string Rows() {
-    const TableData* table = GetTableDataByName("WMIFetchedValue");
-    std::string text;
-    for (const auto& row : table->rows) {
-      for (std::size_t i = 1; i <= 4; ++i) {
-        const ValueSlot& value = row->values[i];
-        text += i == 4 ? (value ? value->c_str() : "null") + std::string(";")
-                       : std::to_string(value->Read<std::int32_t>()) + "|";
-      }
-    }
-    return text;
-  }
-
   // The rows of one class only.
   static std::string RowsOfClass(std::int32_t classId) {
     const TableData* table = GetTableDataByName("WMIFetchedValue");

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include "platform/console_log.h"
 #include "platform/exception/platform_exception.h"
@@ -71,14 +72,19 @@ std::string adjustBytes(const PlistPtr& number) {
   return std::to_string(static_cast<std::int64_t>(converted));
 }
 
-std::string TextAfterColon(const std::string& output) {
-  const std::vector<std::string> pieces = SplitText(output, ": ");
-  if (pieces.size() < 2) {
-    throw PlatformException(kRangeException,
-                            "index 1 beyond bounds [0 .. 0] of the pieces of \"" + output + "\"");
+std::optional<std::string> PieceOf(const std::optional<std::string>& text,
+                                   const std::string& separator, std::size_t index) {
+  if (!text) return std::nullopt;
+  std::vector<std::string> pieces = SplitText(*text, separator);
+  if (index >= pieces.size()) {
+    throw PlatformException(
+        kRangeException,
+        "index " + std::to_string(index) + " beyond bounds of the pieces of \"" + *text + "\"");
   }
-  return pieces[1];
+  return std::move(pieces[index]);
 }
+
+std::string TextAfterColon(const std::string& output) { return *PieceOf(output, ": ", 1); }
 
 ProplistXMLParser::ProplistXMLParser() : bufferDict(PlistValue::MakeDictionary()) {}
 

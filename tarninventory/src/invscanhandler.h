@@ -62,6 +62,12 @@ void RecordFillers(std::int32_t classId, std::int32_t instance,
 std::optional<std::string> TextAt(const PlistPtr& dictionary, std::string_view key);
 std::optional<std::string> TextAt(const PlistNode& dictionary, std::string_view key);
 
+// Piece index of the text split at separator, as the platform reads it: an
+// absent text gives an absent piece, a present one raises PlatformException
+// (NSRangeException) past its last piece.
+std::optional<std::string> PieceOf(const std::optional<std::string>& text,
+                                   const std::string& separator, std::size_t index);
+
 // The piece after the first ": " of a tool's output line. Raises
 // PlatformException (index past the end) when there is none.
 std::string TextAfterColon(const std::string& output);

@@ -228,16 +228,8 @@ void ProplistXMLParser::RecordVideoController(const PlistPtr& items) {
 
   // "1024 MB" in bytes, kept in 32 bits: 4096 MB wraps to 0.
   const OptText vram = TextAt(card, "spdisplays_vram");
-  std::optional<std::vector<std::string>> vramPieces;
-  if (vram) {
-    vramPieces = SplitText(*vram, " ");
-    if (vramPieces->size() < 2) {
-      throw PlatformException(kRangeException,
-                              "index 1 beyond bounds [0 .. 0] of \"" + *vram + "\"");
-    }
-  }
-  if (vramPieces && (*vramPieces)[1] == "MB") {
-    const auto megabytes = static_cast<std::uint32_t>(std::atoi((*vramPieces)[0].c_str()));
+  if (PieceOf(vram, " ", 1) == "MB") {
+    const auto megabytes = static_cast<std::uint32_t>(std::atoi(PieceOf(vram, " ", 0)->c_str()));
     const std::string bytes = std::to_string(static_cast<std::uint32_t>(megabytes << 20));
     ConsoleLog("Video card RAM size: %s\n", bytes.c_str());
     RecordValue(703, kVideoClass, 1, bytes);

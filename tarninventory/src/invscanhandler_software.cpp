@@ -1,8 +1,8 @@
 // Installed applications.
 #include <exception>
 #include <filesystem>
-#include <vector>
 #include <system_error>
+#include <vector>
 
 #include "framework/logging/logger.h"
 #include "platform/exception/platform_exception.h"

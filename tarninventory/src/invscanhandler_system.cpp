@@ -37,19 +37,6 @@ using OptText = std::optional<std::string>;
 
 const char* Shown(const OptText& text) { return Describe(text); }
 
-// Piece i of the text split at separator, as the platform reads it: an absent text gives
-// absent pieces, a present one raises past its last piece.
-OptText PieceOf(const OptText& text, const std::string& separator, std::size_t index) {
-  if (!text) return std::nullopt;
-  const std::vector<std::string> pieces = SplitText(*text, separator);
-  if (index >= pieces.size()) {
-    throw PlatformException(
-        kRangeException,
-        "index " + std::to_string(index) + " beyond bounds of the pieces of \"" + *text + "\"");
-  }
-  return pieces[index];
-}
-
 // The family code of the processor name: the first of these found, case-sensitively.
 const char* ProcessorFamily(const OptText& cpuType) {
   struct Family {
