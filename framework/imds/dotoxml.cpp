@@ -129,13 +129,25 @@ void AppendTable(std::string& document, const char* listedName) {
 // too), so that the document is allocated once.
 std::size_t AttributeBound(const ColumnDefn& column, const OwnedBlock& value) {
   constexpr std::size_t kQuotesAndBlank = 4;  // ="" and the blank
-  constexpr std::size_t kShortValue = 40;     // integers, dates, times, Booleans
+  constexpr std::size_t kShortValue = 40;     // dates, times, Booleans
   std::size_t bound = column.name.size() + kQuotesAndBlank;
   switch (column.type) {
     case kTypeSqlChar:
     case kTypeChar:
     case kTypeText:
       return bound + value.size();
+    case kTypeTinyInt:
+    case kTypeUnsignedTinyInt:
+    case kTypeSmallInt:
+    case kTypeInt:
+    case kTypeUnsignedInt:
+    case kTypeLongInt: {
+      char digits[16];
+      return bound + static_cast<std::size_t>(
+                         std::to_chars(digits, digits + sizeof digits, value.Read<std::int32_t>())
+                             .ptr -
+                         digits);
+    }
     case kTypeFloat:
     case kTypeDouble:
       // "%f" of the largest double has 309 integral digits.

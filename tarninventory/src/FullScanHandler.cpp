@@ -133,8 +133,9 @@ OtherEntries CurrentOtherEntries(const std::string& path) {
 
 // Per class, the previous instances as they stood when the class was indexed:
 // instances by "KEY" in array order and by content, plus tombstones for the
-// matched ones. Matches only mark tombstones; the class's array is compacted
-// when it is read, so a match costs no shifting of the array.
+// matched ones. While a class is indexed the index holds its instances and its
+// array is empty; they are written back when the class is read. So a match
+// costs no shifting of the array, and a matched instance is released at once.
 struct FullScanHandler::Index {
   struct KeyChain {
     std::vector<std::size_t> positions;  // ascending
@@ -145,7 +146,6 @@ struct FullScanHandler::Index {
     std::vector<PlistPtr> elements;
     std::vector<char> removed;
     std::size_t remaining = 0;
-    bool hasTombstones = false;
     // The elements a walk in order could not read: not a dictionary, or a
     // "KEY" that is not text. FindFirstByKey never answers with them.
     KeyChain unreadable;
@@ -163,10 +163,13 @@ struct FullScanHandler::Index {
     }
   };
 
+  // Takes the array's instances into the index (the array stays empty until WriteBack), so
+  // that a matched instance is freed at once.
   static ClassIndex Build(const PlistPtr& array) {
     ClassIndex index;
     index.array = array;
     index.elements = array->Elements();
+    while (array->Count() > 0) array->RemoveAtIndex(array->Count() - 1);
     index.removed.assign(index.elements.size(), 0);
     index.remaining = index.elements.size();
     for (std::size_t i = 0; i < index.elements.size(); ++i) {
@@ -193,7 +196,10 @@ struct FullScanHandler::Index {
       return nullptr;
     }
     const auto found = classes.find(classKey);
-    if (found != classes.end() && found->second.array == array) return &found->second;
+    if (found != classes.end()) {
+      if (found->second.array == array) return &found->second;
+      WriteBack(found->second);  // the replaced array gets its instances back
+    }
     if (!array->IsArray()) {
       throw PlatformException(kInvalidArgumentException,
                               "the snapshot of class " + classKey + " is not an array");
@@ -203,24 +209,24 @@ struct FullScanHandler::Index {
 
   // Writes the class's remaining instances back into its live array (in
   // place, so whoever holds the array sees them) and forgets the index.
-  void Compact(PlistValue& scanDict, const std::string& classKey) {
+  static void WriteBack(ClassIndex& index) {
+    for (std::size_t i = 0; i < index.elements.size(); ++i) {
+      if (!index.removed[i]) index.array->Append(index.elements[i]);
+    }
+  }
+
+  void Compact(const std::string& classKey) {
     const auto found = classes.find(classKey);
     if (found == classes.end()) return;
-    ClassIndex& index = found->second;
-    if (index.hasTombstones && scanDict.ValueForKey(classKey) == index.array) {
-      while (index.array->Count() > 0) index.array->RemoveAtIndex(index.array->Count() - 1);
-      for (std::size_t i = 0; i < index.elements.size(); ++i) {
-        if (!index.removed[i]) index.array->Append(index.elements[i]);
-      }
-    }
+    WriteBack(found->second);
     classes.erase(found);
   }
 
-  void CompactAll(PlistValue& scanDict) {
+  void CompactAll() {
     std::vector<std::string> classKeys;
     classKeys.reserve(classes.size());
     for (const auto& entry : classes) classKeys.push_back(entry.first);
-    for (const std::string& classKey : classKeys) Compact(scanDict, classKey);
+    for (const std::string& classKey : classKeys) Compact(classKey);
   }
 
   std::unordered_map<std::string, ClassIndex> classes;
@@ -285,7 +291,7 @@ PlistPtr FullScanHandler::GetClassData(std::int32_t classId) {
     const std::string classKey = ClassKey(classId);
     // The caller may change the array it gets, so the class is indexed afresh
     // at its next match.
-    index_->Compact(*fullScanDict, classKey);
+    index_->Compact(classKey);
     return fullScanDict->ValueForKey(classKey);
   } catch (const std::exception& failure) {
     ConsoleWhere(kGetClassDataSignature, __LINE__, "GetClassData :Caught exception>>>>>>>>>>>:%s",
@@ -305,7 +311,7 @@ void FullScanHandler::AddArrayObjectToClass(std::int32_t classId, const PlistPtr
 
 void FullScanHandler::addObjectToClass(std::int32_t classId, const PlistPtr& array) {
   const std::string classKey = ClassKey(classId);
-  index_->Compact(*fullScanDict, classKey);
+  index_->Compact(classKey);
   if (Count(array) > 0) {
     fullScanDict->SetObjectForKey(classKey, array);
   } else {
@@ -341,8 +347,8 @@ void FullScanHandler::RemoveMatched(std::int32_t classId, const PlistPtr& instan
     if (index->removed[position]) continue;
     if (*index->elements[position] == *instance) {
       index->removed[position] = 1;
+      index->elements[position].reset();
       --index->remaining;
-      index->hasTombstones = true;
     } else {
       kept.push_back(position);
     }
@@ -359,7 +365,7 @@ void FullScanHandler::RemoveMatched(std::int32_t classId, const PlistPtr& instan
 }
 
 void FullScanHandler::WritetoDiffData() {
-  index_->CompactAll(*fullScanDict);
+  index_->CompactAll();
   // A copy of the entries: filing must not depend on the dictionary staying put.
   const std::vector<PlistValue::Entry> classes = fullScanDict->Entries();
   for (const auto& [classKey, instances] : classes) {
@@ -375,7 +381,7 @@ void FullScanHandler::WritetoDiffData() {
 }
 
 void FullScanHandler::Print() {
-  index_->CompactAll(*fullScanDict);
+  index_->CompactAll();
   ConsoleWhere(kPrintSignature, __LINE__, "Prev fullScanDict : %s",
                fullScanDict->Description().c_str());
 }

@@ -33,9 +33,9 @@ class FullScanHandler {
   // logged only.
   static void SaveCurrentScanData(const ScanData& scanData, const std::string& path);
 
-  // The class's live array of remaining previous instances, or null. Matches
-  // made after this call are written into that array only when the class is
-  // read again (GetClassData, WritetoDiffData, Print).
+  // The class's live array of remaining previous instances, or null. Matching
+  // the class afterwards (FindFirstByKey, RemoveMatched) empties that array
+  // until the class is read again (GetClassData, WritetoDiffData, Print).
   PlistPtr GetClassData(std::int32_t classId);
   // Stores the array for the class, or removes the class when it is empty.
   void AddArrayObjectToClass(std::int32_t classId, const PlistPtr& array);

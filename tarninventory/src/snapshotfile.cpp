@@ -47,6 +47,38 @@ void AppendInstance(std::string& out, const ScanData::Instance& instance) {
   out += "\t\t\t</dict>\n";
 }
 
+// The size of text as AppendPlistXmlText writes it.
+std::size_t PlistXmlTextSize(std::string_view text) {
+  std::size_t size = text.size();
+  for (const char c : text) {
+    if (c == '&') size += 4;  // &amp;
+    if (c == '<' || c == '>') size += 3;  // &lt; &gt;
+  }
+  return size;
+}
+
+// The size of what AppendScanData writes, so that the text is allocated once.
+std::size_t ScanDataSize(const ScanData& scanData) {
+  // Per entry: two indents of four tabs, "<key></key>\n" and "<string></string>\n"; per
+  // instance "<dict>" and "</dict>" lines; per class its key and "<array>" lines.
+  constexpr std::size_t kEntry = 2 * 4 + 12 + 18;
+  constexpr std::size_t kInstance = 24;
+  constexpr std::size_t kClass = 40;
+  std::size_t size = 64;
+  for (std::size_t c = 0; c < scanData.ClassCount(); ++c) {
+    size += kClass + PlistXmlTextSize(scanData.ClassKey(c));
+    for (std::size_t i = 0; i < scanData.InstanceCount(c); ++i) {
+      const ScanData::Instance instance = scanData.InstanceAt(c, i);
+      size += kInstance;
+      for (std::size_t e = 0; e < instance.size(); ++e) {
+        const InstanceEntry entry = instance[e];
+        size += kEntry + PlistXmlTextSize(entry.key) + PlistXmlTextSize(entry.value);
+      }
+    }
+  }
+  return size;
+}
+
 // "INVDatadict" and its value, as an entry of the root dictionary.
 void AppendScanData(std::string& out, const ScanData& scanData) {
   out += "\t<key>INVDatadict</key>\n";
@@ -276,8 +308,7 @@ std::string SnapshotXml(const std::vector<PlistValue::Entry>& otherEntries,
                         const ScanData& scanData) {
   std::string out;
   if (otherEntries.empty()) {
-    out.reserve(kHeader.size() + 64);
-    out += kHeader;
+    out = kHeader;
     out += "<dict>\n";
   } else {
     // The other entries as libplist writes them, the dictionary left open.
@@ -286,6 +317,7 @@ std::string SnapshotXml(const std::vector<PlistValue::Entry>& otherEntries,
     out = ToXmlPlist(*others);
     out.resize(out.size() - kRootEnd.size());
   }
+  out.reserve(out.size() + ScanDataSize(scanData) + kRootEnd.size());
   AppendScanData(out, scanData);
   out += kRootEnd;
   return out;
