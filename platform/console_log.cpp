@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <ctime>
 #include <string>
-#include <utility>
 
 #include "platform/host/live_host_info.h"
 #include "platform/text/log_text.h"
@@ -27,24 +26,42 @@ std::string TimeStamp() {
   return buffer;
 }
 
+std::string ConsolePrefix() {
+  static const std::string processName = ExecutableShortName();
+  return TimeStamp() + " " + processName + "[" + std::to_string(::getpid()) + "] ";
+}
+
+// Ends the line when the message did not, and writes it in one call, so that lines of
+// several writers do not interleave.
+void WriteConsoleLine(std::string& line, std::size_t prefixLength) {
+  if (line.size() == prefixLength || line.back() != '\n') line += '\n';
+  std::fwrite(line.data(), 1, line.size(), stderr);
+  std::fflush(stderr);
+}
+
 }  // namespace
 
 void ConsoleLog(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  std::string message = FormatEscapingValues(format, arguments);
+  ConsoleLogWithLead({}, format, arguments);
   va_end(arguments);
-  ConsoleLogMessage(std::move(message));
 }
 
-void ConsoleLogMessage(std::string message) {
-  if (message.empty() || message.back() != '\n') message += '\n';
-  static const std::string processName = ExecutableShortName();
-  const std::string line =
-      TimeStamp() + " " + processName + "[" + std::to_string(::getpid()) + "] " + message;
-  // One write call per line, so lines of several writers do not interleave.
-  std::fwrite(line.data(), 1, line.size(), stderr);
-  std::fflush(stderr);
+void ConsoleLogWithLead(std::string_view lead, const char* format, std::va_list arguments) {
+  std::string line = ConsolePrefix();
+  const std::size_t prefixLength = line.size();
+  line += lead;
+  StringSink sink(line);
+  FormatEscapingValuesTo(sink, format, arguments);
+  WriteConsoleLine(line, prefixLength);
+}
+
+void ConsoleLogMessage(std::string_view message) {
+  std::string line = ConsolePrefix();
+  const std::size_t prefixLength = line.size();
+  line += message;
+  WriteConsoleLine(line, prefixLength);
 }
 
 }  // namespace tarn

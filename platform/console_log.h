@@ -1,6 +1,7 @@
 #pragma once
 
-#include <string>
+#include <cstdarg>
+#include <string_view>
 
 namespace tarn {
 
@@ -10,8 +11,11 @@ namespace tarn {
 // (FormatEscapingValues). A line end is added when the message has none. Never raises.
 void ConsoleLog(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
+// As ConsoleLog, with a lead text (written as it stands) between the prefix and the message.
+void ConsoleLogWithLead(std::string_view lead, const char* format, std::va_list arguments);
+
 // As ConsoleLog for a message that is already formatted (and escaped where it needs to be):
 // it is written as it stands.
-void ConsoleLogMessage(std::string message);
+void ConsoleLogMessage(std::string_view message);
 
 }  // namespace tarn

@@ -6,7 +6,9 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <string>
+#include <string_view>
 
 #include "framework/system/rsrclockimpl.h"
 #include "framework/utils/advtime.h"
@@ -97,26 +99,40 @@ bool Writes(std::uint8_t threshold) {
   return state.file && state.level >= threshold && state.syncKey;
 }
 
-// Writes one line: the prefix and the message text as given.
-void WriteLine(const char* severity, const std::string& message) {
+// Hands each piece of a message straight to the log file's stream.
+class FileSink final : public TextSink {
+ public:
+  explicit FileSink(std::FILE* file) : file_(file) {}
+  void Append(std::string_view piece) override {
+    std::fwrite(piece.data(), 1, piece.size(), file_);
+  }
+
+ private:
+  std::FILE* file_;
+};
+
+// Writes one line: the prefix, then the message the writer hands to the file, then flushes.
+template <typename MessageWriter>
+void WriteLine(const char* severity, MessageWriter&& writeMessage) {
   LogState& state = State();
   ResourceGuard guard(state.syncKey.get());
-  const std::string line = "[ " + CurrentDateTimeText() + " ] " + severity + " " + message;
-  std::FILE* file = state.file.get();
-  std::fwrite(line.data(), 1, line.size(), file);
-  std::fflush(file);
+  FileSink sink(state.file.get());
+  const std::string prefix = "[ " + CurrentDateTimeText() + " ] " + severity + " ";
+  sink.Append(prefix);
+  writeMessage(sink);
+  std::fflush(state.file.get());
 }
 
 void WriteMessage(std::uint8_t threshold, const char* severity, const char* format,
                   std::va_list args) {
   if (Writes(threshold)) {
-    WriteLine(severity, FormatEscapingValues(format, args));
+    WriteLine(severity, [&](TextSink& sink) { FormatEscapingValuesTo(sink, format, args); });
   }
 }
 
 void WriteText(std::uint8_t threshold, const char* severity, const char* text) {
   if (Writes(threshold) && text != nullptr) {
-    WriteLine(severity, text);
+    WriteLine(severity, [text](TextSink& sink) { sink.Append(text); });
   }
 }
 

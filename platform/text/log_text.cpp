@@ -93,28 +93,39 @@ std::string FormatUnsigned(const Conversion& c, std::va_list* arguments) {
   return FormatOne(c.spec, va_arg(*arguments, unsigned int));
 }
 
-std::string FormatText(const Conversion& c, std::va_list* arguments) {
+// A %s or %ls value: a plain "%s" goes to the sink as it stands (escaped, never copied);
+// width and precision go through snprintf first.
+void FormatText(const Conversion& c, std::va_list* arguments, TextSink& sink) {
   if (c.length == "l") {
     const wchar_t* wide = va_arg(*arguments, const wchar_t*);
-    return EscapeControlCharacters(FormatOne(c.spec, wide != nullptr ? wide : L"(null)"));
+    AppendEscaped(FormatOne(c.spec, wide != nullptr ? wide : L"(null)"), sink);
+    return;
   }
   const char* text = va_arg(*arguments, const char*);
-  return EscapeControlCharacters(FormatOne(c.spec, text != nullptr ? text : "(null)"));
+  if (text == nullptr) text = "(null)";
+  if (c.spec == "%s") {
+    AppendEscaped(text, sink);
+  } else {
+    AppendEscaped(FormatOne(c.spec, text), sink);
+  }
 }
 
-// The text of one conversion, its arguments taken from the list.
-std::string FormatConversion(const Conversion& c, std::va_list* arguments) {
+// The text of one conversion, its arguments taken from the list, handed to the sink.
+void FormatConversion(const Conversion& c, std::va_list* arguments, TextSink& sink) {
   switch (c.conversion) {
     case '%':
-      return "%";
+      sink.Append("%");
+      return;
     case 'd':
     case 'i':
-      return FormatSigned(c, arguments);
+      sink.Append(FormatSigned(c, arguments));
+      return;
     case 'o':
     case 'u':
     case 'x':
     case 'X':
-      return FormatUnsigned(c, arguments);
+      sink.Append(FormatUnsigned(c, arguments));
+      return;
     case 'e':
     case 'E':
     case 'f':
@@ -123,21 +134,26 @@ std::string FormatConversion(const Conversion& c, std::va_list* arguments) {
     case 'G':
     case 'a':
     case 'A':
-      return c.length == "L" ? FormatOne(c.spec, va_arg(*arguments, long double))
-                             : FormatOne(c.spec, va_arg(*arguments, double));
+      sink.Append(c.length == "L" ? FormatOne(c.spec, va_arg(*arguments, long double))
+                                  : FormatOne(c.spec, va_arg(*arguments, double)));
+      return;
     case 'c':
-      return EscapeControlCharacters(c.length == "l"
-                                         ? FormatOne(c.spec, va_arg(*arguments, std::wint_t))
-                                         : FormatOne(c.spec, va_arg(*arguments, int)));
+      AppendEscaped(c.length == "l" ? FormatOne(c.spec, va_arg(*arguments, std::wint_t))
+                                    : FormatOne(c.spec, va_arg(*arguments, int)),
+                    sink);
+      return;
     case 's':
-      return FormatText(c, arguments);
+      FormatText(c, arguments, sink);
+      return;
     case 'p':
-      return FormatOne(c.spec, va_arg(*arguments, void*));
+      sink.Append(FormatOne(c.spec, va_arg(*arguments, void*)));
+      return;
     case 'n':
       (void)va_arg(*arguments, void*);
-      return {};
+      return;
     default:
-      return c.spec;  // not a conversion: written as it stands
+      sink.Append(c.spec);  // not a conversion: written as it stands
+      return;
   }
 }
 
@@ -145,45 +161,55 @@ std::string FormatConversion(const Conversion& c, std::va_list* arguments) {
 
 bool IsControlCharacter(unsigned char c) { return (c < 0x20 && c != '\t') || c == 0x7F; }
 
-std::string EscapeControlCharacters(std::string_view text) {
+void AppendEscaped(std::string_view text, TextSink& sink) {
   static constexpr char kHex[] = "0123456789ABCDEF";
+  std::size_t runStart = 0;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    if (!IsControlCharacter(byte)) continue;
+    sink.Append(text.substr(runStart, i - runStart));
+    const char escape[4] = {'\\', 'x', kHex[byte >> 4], kHex[byte & 0x0F]};
+    sink.Append(std::string_view(escape, sizeof escape));
+    runStart = i + 1;
+  }
+  sink.Append(text.substr(runStart));
+}
+
+std::string EscapeControlCharacters(std::string_view text) {
   std::string escaped;
   escaped.reserve(text.size());
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (!IsControlCharacter(byte)) {
-      escaped += c;
-      continue;
-    }
-    escaped += "\\x";
-    escaped += kHex[byte >> 4];
-    escaped += kHex[byte & 0x0F];
-  }
+  StringSink sink(escaped);
+  AppendEscaped(text, sink);
   return escaped;
 }
 
-std::string FormatEscapingValues(const char* format, std::va_list arguments) {
-  std::string out;
-  if (format == nullptr) return out;
+void FormatEscapingValuesTo(TextSink& sink, const char* format, std::va_list arguments) {
+  if (format == nullptr) return;
   std::va_list own;
   va_copy(own, arguments);
   const char* p = format;
   while (*p != '\0') {
     const char* percent = std::strchr(p, '%');
     if (percent == nullptr) {
-      out += p;
+      sink.Append(p);
       break;
     }
-    out.append(p, static_cast<std::size_t>(percent - p));
+    sink.Append(std::string_view(p, static_cast<std::size_t>(percent - p)));
     p = percent + 1;
     Conversion conversion;
     if (!ParseConversion(p, &own, conversion)) {
-      out += percent;
+      sink.Append(percent);
       break;
     }
-    out += FormatConversion(conversion, &own);
+    FormatConversion(conversion, &own, sink);
   }
   va_end(own);
+}
+
+std::string FormatEscapingValues(const char* format, std::va_list arguments) {
+  std::string out;
+  StringSink sink(out);
+  FormatEscapingValuesTo(sink, format, arguments);
   return out;
 }
 

@@ -3,7 +3,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <string>
-#include <utility>
 
 #include "platform/console_log.h"
 #include "platform/text/log_text.h"
@@ -11,10 +10,14 @@
 namespace tarn {
 namespace {
 
-// "<signature> [Line <line>] " and the message, its inserted texts escaped.
+// "<signature> [Line <line>] ", written before the message.
+std::string WhereLead(const char* signature, int line) {
+  return std::string(signature) + " [Line " + std::to_string(line) + "] ";
+}
+
+// The lead and the message, its inserted texts escaped.
 std::string WhereLine(const char* signature, int line, const char* format, std::va_list args) {
-  return std::string(signature) + " [Line " + std::to_string(line) + "] " +
-         FormatEscapingValues(format, args);
+  return WhereLead(signature, line) + FormatEscapingValues(format, args);
 }
 
 }  // namespace
@@ -22,9 +25,8 @@ std::string WhereLine(const char* signature, int line, const char* format, std::
 void ConsoleWhere(const char* signature, int line, const char* format, ...) {
   std::va_list args;
   va_start(args, format);
-  std::string text = WhereLine(signature, line, format, args);
+  ConsoleLogWithLead(WhereLead(signature, line), format, args);
   va_end(args);
-  ConsoleLogMessage(std::move(text));
 }
 
 void StderrWhere(const char* signature, int line, const char* format, ...) {
