@@ -4,9 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -99,16 +101,37 @@ bool Writes(std::uint8_t threshold) {
   return state.file && state.level >= threshold && state.syncKey;
 }
 
-// Hands each piece of a message straight to the log file's stream.
+// Gathers the pieces of a message in a buffer of its own and hands it to the log file's
+// stream in large writes (a logged document comes in one piece per line).
 class FileSink final : public TextSink {
  public:
   explicit FileSink(std::FILE* file) : file_(file) {}
+  ~FileSink() { Flush(); }
+  FileSink(const FileSink&) = delete;
+  FileSink& operator=(const FileSink&) = delete;
+
   void Append(std::string_view piece) override {
-    std::fwrite(piece.data(), 1, piece.size(), file_);
+    if (piece.size() > kBufferSize - used_) {
+      Flush();
+      if (piece.size() >= kBufferSize) {
+        std::fwrite(piece.data(), 1, piece.size(), file_);
+        return;
+      }
+    }
+    std::memcpy(buffer_.data() + used_, piece.data(), piece.size());
+    used_ += piece.size();
+  }
+
+  void Flush() {
+    if (used_ > 0) std::fwrite(buffer_.data(), 1, used_, file_);
+    used_ = 0;
   }
 
  private:
+  static constexpr std::size_t kBufferSize = 16 * 1024;
   std::FILE* file_;
+  std::array<char, kBufferSize> buffer_;
+  std::size_t used_ = 0;
 };
 
 // Writes one line: the prefix, then the message the writer hands to the file, then flushes.
@@ -120,6 +143,7 @@ void WriteLine(const char* severity, MessageWriter&& writeMessage) {
   const std::string prefix = "[ " + CurrentDateTimeText() + " ] " + severity + " ";
   sink.Append(prefix);
   writeMessage(sink);
+  sink.Flush();
   std::fflush(state.file.get());
 }
 

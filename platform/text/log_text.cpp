@@ -159,20 +159,48 @@ void FormatConversion(const Conversion& c, std::va_list* arguments, TextSink& si
 
 }  // namespace
 
-bool IsControlCharacter(unsigned char c) { return (c < 0x20 && c != '\t') || c == 0x7F; }
+
+namespace {
+
+// True when one of the eight bytes of the word may be a control character: a byte below
+// 0x20 (the tab included, the caller looks closer) or DEL.
+bool MayHoldControl(std::uint64_t word) {
+  constexpr std::uint64_t kOnes = 0x0101010101010101ULL;
+  constexpr std::uint64_t kHighBits = 0x8080808080808080ULL;
+  const std::uint64_t below20 = (word - 0x20 * kOnes) & ~word & kHighBits;
+  const std::uint64_t del = word ^ (0x7F * kOnes);
+  const std::uint64_t isDel = (del - kOnes) & ~del & kHighBits;
+  return (below20 | isDel) != 0;
+}
+
+}  // namespace
 
 void AppendEscaped(std::string_view text, TextSink& sink) {
   static constexpr char kHex[] = "0123456789ABCDEF";
-  std::size_t runStart = 0;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    if (!IsControlCharacter(byte)) continue;
-    sink.Append(text.substr(runStart, i - runStart));
-    const char escape[4] = {'\\', 'x', kHex[byte >> 4], kHex[byte & 0x0F]};
-    sink.Append(std::string_view(escape, sizeof escape));
-    runStart = i + 1;
+  const char* const begin = text.data();
+  const char* const end = begin + text.size();
+  const char* runStart = begin;
+  const char* p = begin;
+  while (p != end) {
+    // Plain text passes a word at a time.
+    if (end - p >= 8) {
+      std::uint64_t word;
+      std::memcpy(&word, p, sizeof word);
+      if (!MayHoldControl(word)) {
+        p += 8;
+        continue;
+      }
+    }
+    const auto byte = static_cast<unsigned char>(*p);
+    if (IsControlCharacter(byte)) {
+      sink.Append(std::string_view(runStart, static_cast<std::size_t>(p - runStart)));
+      const char escape[4] = {'\\', 'x', kHex[byte >> 4], kHex[byte & 0x0F]};
+      sink.Append(std::string_view(escape, sizeof escape));
+      runStart = p + 1;
+    }
+    ++p;
   }
-  sink.Append(text.substr(runStart));
+  sink.Append(std::string_view(runStart, static_cast<std::size_t>(end - runStart)));
 }
 
 std::string EscapeControlCharacters(std::string_view text) {

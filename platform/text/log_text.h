@@ -32,7 +32,9 @@ class StringSink final : public TextSink {
 };
 
 // True for the C0 control characters but the tab, and DEL (0x00-0x08, 0x0A-0x1F, 0x7F).
-bool IsControlCharacter(unsigned char c);
+constexpr bool IsControlCharacter(unsigned char c) {
+  return (c < 0x20 && c != '\t') || c == 0x7F;
+}
 
 // The text with every control character written as "\x" and two upper-case hex digits
 // ("\x0A" for a line feed); other bytes, UTF-8 sequences included, are kept.

@@ -80,6 +80,12 @@ TEST(LogText, EscapeLeavesEverythingButControlCharactersOtherThanTheTab) {
   }
   EXPECT_EQ(escaped, expected);
   EXPECT_EQ(EscapeControlCharacters(std::string("a\0b", 3)), "a\\x00b");
+  // Control characters at every position of a word, next to high bytes and tabs.
+  for (std::size_t at = 0; at < 17; ++at) {
+    const std::string lead(at, 'a');
+    EXPECT_EQ(EscapeControlCharacters(lead + "\x1F\t\xC3\xA9" + lead + "\x7F~" + lead + "\n"),
+              lead + "\\x1F\t\xC3\xA9" + lead + "\\x7F~" + lead + "\\x0A");
+  }
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 #include <cctype>
 #include <cstdint>
 #include <optional>
+#include <string>
+#include <utility>
 
 #include "framework/imds/dotoxml.h"
 #include "framework/logging/logger.h"
@@ -98,7 +100,7 @@ std::string DiffScanBody(const std::string& auditId, const std::string& currentT
   AddUserinDict(run.invDiffData);
   AddAgentParamsinDict(run.invDiffData, auditId, currentTime, previousTime);
   JsonEncoderError error;
-  const OptText json = EncodeJson(run.invDiffData, kJsonPrettyPrint, &error);
+  OptText json = EncodeJson(run.invDiffData, kJsonPrettyPrint, &error);
   if (!json) {
     ConsoleLog("SendInventoryData :Error on converting diff data to json :: %s",
                error.localizedDescription.c_str());
@@ -106,7 +108,7 @@ std::string DiffScanBody(const std::string& auditId, const std::string& currentT
   }
   UserLogMessage("SendInventoryData : Sending json diff data \n");
   ConsoleWhere(kSendSignature, 233, "Jsonstr :: success  %s", json->c_str());
-  return *json;
+  return std::move(*json);
 }
 
 // After an accepted upload: the new snapshot, the scan times and the latch.
@@ -185,7 +187,7 @@ DWORD SendInventoryData(const std::string& auditId, const std::string& accessLog
 
   UserLogMessage("SendInventoryData:urltosend: %s\n", address.c_str());
   HttpHandlermac client = HttpHandlermac::initWithTarnServerInfo();
-  const DWORD result = client.TarnSendData(address, body);
+  const DWORD result = client.TarnSendData(address, std::move(body));
   if (result != 0) {
     // The state store and the snapshot stay as they were: the next difference scan compares
     // against the same snapshot and sends these changes again.

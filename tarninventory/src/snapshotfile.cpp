@@ -285,23 +285,15 @@ class PlainReader {
 }  // namespace
 
 void AppendPlistXmlText(std::string& out, std::string_view text) {
-  std::size_t from = 0;
-  for (;;) {
-    const std::size_t special = text.find_first_of("&<>", from);
-    out.append(text, from, special == std::string_view::npos ? text.size() - from : special - from);
-    if (special == std::string_view::npos) return;
-    switch (text[special]) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      default:
-        out += "&gt;";
-    }
-    from = special + 1;
+  std::size_t runStart = 0;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c != '&' && c != '<' && c != '>') continue;
+    out.append(text, runStart, i - runStart);
+    out += c == '&' ? "&amp;" : c == '<' ? "&lt;" : "&gt;";
+    runStart = i + 1;
   }
+  out.append(text, runStart);
 }
 
 std::string SnapshotXml(const std::vector<PlistValue::Entry>& otherEntries,

@@ -253,20 +253,21 @@ bool HttpHandlermac::AcceptedOk(const HttpResult& answer) {
   return false;
 }
 
-DWORD HttpHandlermac::TarnSendData(const std::string& pathAndQuery, const std::string& body) {
+DWORD HttpHandlermac::TarnSendData(const std::string& pathAndQuery, std::string body) {
   ConsoleWhere(kSendSignature, __LINE__, "download url: %s\n", pathAndQuery.c_str());
   try {
     DWORD result = 1;
+    // One request for every address: the body (a whole inventory) is never copied.
+    HttpRequest request = NewRequest("POST", "");
+    request.headers.emplace_back("Accept", "text/xml");
+    request.headers.emplace_back("Content-type", "application/xml");
+    request.body = std::move(body);
+    request.discardResponseBody = true;
     for (const std::string& address : PostAddresses()) {
-      const std::string url = UrlFor(address, pathAndQuery);
-      ConsoleLog("url string:%s\n", url.c_str());
-      HttpRequest request = NewRequest("POST", url);
-      request.headers.emplace_back("Accept", "text/xml");
-      request.headers.emplace_back("Content-type", "application/xml");
-      request.body = body;
-      request.discardResponseBody = true;
+      request.url = UrlFor(address, pathAndQuery);
+      ConsoleLog("url string:%s\n", request.url.c_str());
       StderrWhere(kSendSignature, __LINE__, "Data to Send length: %lu\n",
-                  static_cast<unsigned long>(body.size()));
+                  static_cast<unsigned long>(request.body.size()));
       const HttpResult answer = Exchange(request);
       if (AcceptedOk(answer)) {
         lastaccessAddress = address;

@@ -42,7 +42,7 @@ class HttpHandlermac {
   // one), then the secondary IP when it is longer than two characters; the addresses are
   // used whole. The answer's body is not kept. 0 when an address answered 200 (and passed
   // validation when it is on); otherwise the last attempt's transport error code, or 1.
-  DWORD TarnSendData(const std::string& pathAndQuery, const std::string& body);
+  DWORD TarnSendData(const std::string& pathAndQuery, std::string body);
 
   // GETs pathAndQuery from the last communication address, the pieces of the IP text split at
   // "," (when longer than two characters), name and flat name (when present), then the pieces
