@@ -9,6 +9,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <string>
 #include <string_view>
 
@@ -33,6 +34,9 @@ struct LogState {
   std::uint32_t currentLineCount = 0;        // gv_currLineCnt
   std::unique_ptr<char> syncKey;             // gv_logSyncPtr
   std::optional<std::string> rootDirectory;  // gv_rootDirString
+  // The time stamp of the last line written, reused for lines within the same second.
+  std::time_t stampSecond = -1;
+  std::string stampText;
 };
 
 LogState& State() {
@@ -140,8 +144,16 @@ void WriteLine(const char* severity, MessageWriter&& writeMessage) {
   LogState& state = State();
   ResourceGuard guard(state.syncKey.get());
   FileSink sink(state.file.get());
-  const std::string prefix = "[ " + CurrentDateTimeText() + " ] " + severity + " ";
-  sink.Append(prefix);
+  const std::time_t now = std::time(nullptr);
+  if (now != state.stampSecond) {
+    state.stampText = DateTimeTextAt(now);
+    state.stampSecond = now;
+  }
+  sink.Append("[ ");
+  sink.Append(state.stampText);
+  sink.Append(" ] ");
+  sink.Append(severity);
+  sink.Append(" ");
   writeMessage(sink);
   sink.Flush();
   std::fflush(state.file.get());

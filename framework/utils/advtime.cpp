@@ -48,15 +48,20 @@ std::unique_ptr<AdvDateTime> CreateAdvDateTime(int year, int month, int day, int
   return dateTime;
 }
 
-std::unique_ptr<AdvDateTime> CurrentSystemTime() {
-  const std::time_t now = std::time(nullptr);
+namespace {
+
+std::unique_ptr<AdvDateTime> LocalTimeAt(std::time_t moment) {
   std::tm local{};
-  if (localtime_r(&now, &local) == nullptr) {
+  if (localtime_r(&moment, &local) == nullptr) {
     return nullptr;
   }
   return CreateAdvDateTime(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
                            local.tm_min, local.tm_sec);
 }
+
+}  // namespace
+
+std::unique_ptr<AdvDateTime> CurrentSystemTime() { return LocalTimeAt(std::time(nullptr)); }
 
 std::time_t GetCurrentSystemTime() { return std::time(nullptr); }
 
@@ -146,9 +151,11 @@ std::optional<AdvDateTime> LoadAdvDateTime(const OwnedBlock& block) {
   return dateTime;
 }
 
-std::string CurrentDateTimeText() {
-  const auto now = CurrentSystemTime();
-  return now ? ConvertAdvDateTimeToString(now.get()).value_or("") : std::string();
+std::string CurrentDateTimeText() { return DateTimeTextAt(std::time(nullptr)); }
+
+std::string DateTimeTextAt(std::time_t moment) {
+  const auto local = LocalTimeAt(moment);
+  return local ? ConvertAdvDateTimeToString(local.get()).value_or("") : std::string();
 }
 
 }  // namespace tarn

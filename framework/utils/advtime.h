@@ -62,5 +62,7 @@ std::optional<AdvDateTime> LoadAdvDateTime(const OwnedBlock& block);
 
 // The current local time as "%04d-%02d-%02d %02d:%02d:%02d".
 std::string CurrentDateTimeText();
+// The same text for a given moment (whole seconds since 1970-01-01 UTC).
+std::string DateTimeTextAt(std::time_t moment);
 
 }  // namespace tarn

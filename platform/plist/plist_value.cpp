@@ -1,5 +1,6 @@
 #include "platform/plist/plist_value.h"
 
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -40,14 +41,38 @@ const char* TypeWord(PlistType type) {
 }
 
 
+// The bytes a description writes without quotes: letters, digits and "_.$/:-".
+constexpr std::array<bool, 256> kPlainDescriptionBytes = [] {
+  std::array<bool, 256> plain{};
+  for (int c = 0; c < 256; ++c) {
+    plain[c] = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+               c == '_' || c == '.' || c == '$' || c == '/' || c == ':' || c == '-';
+  }
+  return plain;
+}();
+
 bool NeedsQuotes(std::string_view text) {
   if (text.empty()) return true;
-  for (char c : text) {
-    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                       c == '_' || c == '.' || c == '$' || c == '/' || c == ':' || c == '-';
-    if (!plain) return true;
+  for (const char c : text) {
+    if (!kPlainDescriptionBytes[static_cast<unsigned char>(c)]) return true;
   }
   return false;
+}
+
+// The escape a quoted description writes for a byte, or null for a byte written as it is.
+const char* DescriptionEscape(char c) {
+  switch (c) {
+    case '"':
+      return "\\\"";
+    case '\\':
+      return "\\\\";
+    case '\n':
+      return "\\n";
+    case '\t':
+      return "\\t";
+    default:
+      return nullptr;
+  }
 }
 
 }  // namespace
@@ -69,24 +94,15 @@ void AppendDescriptionText(std::string& out, std::string_view text) {
     return;
   }
   out += '"';
-  for (char c : text) {
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        out += c;
-    }
+  std::size_t runStart = 0;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char* escape = DescriptionEscape(text[i]);
+    if (escape == nullptr) continue;
+    out.append(text, runStart, i - runStart);
+    out += escape;
+    runStart = i + 1;
   }
+  out.append(text, runStart);
   out += '"';
 }
 
