@@ -25,7 +25,7 @@ void ExpectPlainReadingAgrees(const std::string& bytes) {
   if (!root || !root->IsDictionary()) std::abort();
   const PlistPtr scanData = root->ValueForKey("INVDatadict");
   if (plain->hasScanData != (scanData != nullptr)) std::abort();
-  if (scanData && !(*plain->scanData == *scanData)) std::abort();
+  if (scanData && !(*plain->scanData.ToPlist() == *scanData)) std::abort();
 }
 
 // What libplist writes for the scan data, and the direct writer likewise, when it is text only.

@@ -68,6 +68,45 @@ std::uint64_t ContentHash(const PlistValue& value) {
   return sum;
 }
 
+// ContentHash of the dictionary a compact instance stands for (all its values are text).
+std::uint64_t ContentHash(const ScanData::Instance& instance) {
+  const std::hash<std::string_view> hashText;
+  std::uint64_t sum = 0;
+  for (std::size_t i = 0; i < instance.size(); ++i) {
+    const InstanceEntry entry = instance[i];
+    sum += Mix(hashText(entry.key) * 31 + hashText(entry.value));
+  }
+  return sum;
+}
+
+// PlistValue's equality between a dictionary and a compact instance: the same keys (in any
+// order), each with equal text.
+bool SameContent(const ScanData::Instance& instance, const PlistValue& value) {
+  if (!value.IsDictionary() || value.Count() != instance.size()) return false;
+  for (std::size_t i = 0; i < instance.size(); ++i) {
+    const InstanceEntry entry = instance[i];
+    const PlistPtr other = value.ValueForKey(entry.key);
+    if (!other || !other->IsString() || other->String() != entry.value) return false;
+  }
+  return true;
+}
+
+// The positions of one key's instances, in array order, and how far they are used up.
+struct KeyChain {
+  std::vector<std::size_t> positions;  // ascending
+  std::size_t head = 0;                // positions before head are all removed
+};
+
+// The first position of the chain not removed yet; moves the chain's head past removed
+// ones, so each is stepped over once.
+std::optional<std::size_t> FirstRemaining(KeyChain& chain, const std::vector<char>& removed) {
+  while (chain.head < chain.positions.size() && removed[chain.positions[chain.head]]) {
+    ++chain.head;
+  }
+  if (chain.head == chain.positions.size()) return std::nullopt;
+  return chain.positions[chain.head];
+}
+
 // What a snapshot file holds besides the scan data, which a save keeps.
 struct OtherEntries {
   bool rootIsDictionary = true;
@@ -137,10 +176,6 @@ OtherEntries CurrentOtherEntries(const std::string& path) {
 // array is empty; they are written back when the class is read. So a match
 // costs no shifting of the array, and a matched instance is released at once.
 struct FullScanHandler::Index {
-  struct KeyChain {
-    std::vector<std::size_t> positions;  // ascending
-    std::size_t head = 0;                // positions before head are all removed
-  };
   struct ClassIndex {
     PlistPtr array;
     std::vector<PlistPtr> elements;
@@ -152,14 +187,8 @@ struct FullScanHandler::Index {
     std::unordered_map<std::string, KeyChain> byKey;
     std::unordered_map<std::uint64_t, std::vector<std::size_t>> byContent;
 
-    // The first position of the chain not removed yet; moves the chain's head
-    // past removed ones, so each is stepped over once.
     std::optional<std::size_t> FirstRemaining(KeyChain& chain) const {
-      while (chain.head < chain.positions.size() && removed[chain.positions[chain.head]]) {
-        ++chain.head;
-      }
-      if (chain.head == chain.positions.size()) return std::nullopt;
-      return chain.positions[chain.head];
+      return tarn::FirstRemaining(chain, removed);
     }
   };
 
@@ -232,10 +261,109 @@ struct FullScanHandler::Index {
   std::unordered_map<std::string, ClassIndex> classes;
 };
 
+// The classes of a snapshot read in the plain shape, kept compact while only matched: a
+// class's array in the snapshot dictionary stays empty until the class is read as a whole
+// (GetClassData, AddArrayObjectToClass, WritetoDiffData, Print), when its remaining
+// instances are written into it. Matching needs only the one matched instance as a
+// dictionary, so a difference scan never builds the whole previous snapshot.
+struct FullScanHandler::Compact {
+  struct Class {
+    std::size_t classIndex = 0;  // in data
+    std::vector<char> removed;
+    std::size_t remaining = 0;
+    std::unordered_map<std::string_view, KeyChain> byKey;  // views into data
+    std::unordered_map<std::uint64_t, std::vector<std::size_t>> byContent;
+  };
+
+  explicit Compact(ScanData previous) : data(std::move(previous)) {
+    for (std::size_t c = 0; c < data.ClassCount(); ++c) {
+      const std::size_t count = data.InstanceCount(c);
+      if (count == 0) continue;
+      Class& indexed = classes[data.ClassKey(c)];
+      indexed.classIndex = c;
+      indexed.removed.assign(count, 0);
+      indexed.remaining = count;
+      for (std::size_t i = 0; i < count; ++i) {
+        const ScanData::Instance instance = data.InstanceAt(c, i);
+        indexed.byContent[ContentHash(instance)].push_back(i);
+        if (const auto key = instance.Find(kInstanceKey)) {
+          indexed.byKey[*key].positions.push_back(i);
+        }
+      }
+    }
+  }
+
+  Class* Find(const std::string& classKey) {
+    const auto found = classes.find(classKey);
+    return found == classes.end() ? nullptr : &found->second;
+  }
+
+  // Writes the class's remaining instances into its array and stops keeping it compact.
+  void WriteOut(const std::string& classKey, PlistValue& scanDict) {
+    const auto found = classes.find(classKey);
+    if (found == classes.end()) return;
+    const Class& indexed = found->second;
+    const PlistPtr array = scanDict.ValueForKey(classKey);
+    if (array && array->IsArray()) {
+      for (std::size_t i = 0; i < indexed.removed.size(); ++i) {
+        if (!indexed.removed[i]) array->Append(data.InstanceAt(indexed.classIndex, i).ToPlist());
+      }
+    }
+    classes.erase(found);
+  }
+
+  void WriteOutAll(PlistValue& scanDict) {
+    for (std::size_t c = 0; c < data.ClassCount(); ++c) WriteOut(data.ClassKey(c), scanDict);
+  }
+
+  // Removes every remaining instance of the class equal to instance; drops the class from
+  // the dictionary when none is left.
+  void RemoveMatched(const std::string& classKey, Class& compact, const PlistValue& instance,
+                     PlistValue& scanDict) {
+    const auto group = compact.byContent.find(ContentHash(instance));
+    if (group == compact.byContent.end()) return;
+    std::vector<std::size_t> kept;
+    for (const std::size_t position : group->second) {
+      if (compact.removed[position]) continue;
+      if (SameContent(data.InstanceAt(compact.classIndex, position), instance)) {
+        compact.removed[position] = 1;
+        --compact.remaining;
+      } else {
+        kept.push_back(position);
+      }
+    }
+    if (kept.empty()) {
+      compact.byContent.erase(group);
+    } else {
+      group->second = std::move(kept);
+    }
+    if (compact.remaining == 0) {
+      scanDict.RemoveKey(classKey);
+      classes.erase(classKey);
+    }
+  }
+
+  ScanData data;
+  std::unordered_map<std::string, Class> classes;
+};
+
 FullScanHandler::FullScanHandler(PlistPtr scanDict)
     : fullScanDict(scanDict && scanDict->IsDictionary() ? std::move(scanDict)
                                                         : PlistValue::MakeDictionary()),
       index_(std::make_unique<Index>()) {}
+
+FullScanHandler::FullScanHandler(ScanData previous)
+    : fullScanDict(PlistValue::MakeDictionary()), index_(std::make_unique<Index>()) {
+  // Every class keeps its place in the dictionary, its instances held compact for now.
+  for (std::size_t c = 0; c < previous.ClassCount(); ++c) {
+    fullScanDict->SetValueForKey(previous.ClassKey(c), PlistValue::MakeArray());
+  }
+  compact_ = std::make_unique<Compact>(std::move(previous));
+}
+
+void FullScanHandler::WriteOutCompact(const std::string& classKey) {
+  if (compact_) compact_->WriteOut(classKey, *fullScanDict);
+}
 
 FullScanHandler::~FullScanHandler() = default;
 
@@ -245,11 +373,11 @@ std::unique_ptr<FullScanHandler> FullScanHandler::InitWithScanDataFile(const std
   const std::optional<FileStamp> before = StampOf(path);
   const std::optional<std::string> bytes = ReadWholeFile(path);
   PlistPtr scanDict;
+  std::optional<PlainSnapshot> plain;
   OtherEntries others;
   if (bytes) {
-    if (std::optional<PlainSnapshot> plain = ReadPlainSnapshot(*bytes)) {
-      scanDict = std::move(plain->scanData);
-    } else {
+    plain = ReadPlainSnapshot(*bytes);
+    if (!plain) {
       const PlistPtr root = ParsePlist(*bytes);
       others = OtherEntriesOf(root);
       if (others.rootIsDictionary && root) scanDict = root->ValueForKey(kSnapshotKey);
@@ -258,6 +386,9 @@ std::unique_ptr<FullScanHandler> FullScanHandler::InitWithScanDataFile(const std
   LastLoadedFile().reset();
   if (before && StampOf(path) == before) {
     LastLoadedFile() = LoadedSnapshotFile{path, *before, std::move(others)};
+  }
+  if (plain && plain->hasScanData) {
+    return std::make_unique<FullScanHandler>(std::move(plain->scanData));
   }
   if (!scanDict || !scanDict->IsDictionary()) {
     UserLogMessage("InitWithScanDataFile : File doesnt have valid scan data \n");
@@ -291,6 +422,7 @@ PlistPtr FullScanHandler::GetClassData(std::int32_t classId) {
     const std::string classKey = ClassKey(classId);
     // The caller may change the array it gets, so the class is indexed afresh
     // at its next match.
+    WriteOutCompact(classKey);
     index_->Compact(classKey);
     return fullScanDict->ValueForKey(classKey);
   } catch (const std::exception& failure) {
@@ -311,6 +443,7 @@ void FullScanHandler::AddArrayObjectToClass(std::int32_t classId, const PlistPtr
 
 void FullScanHandler::addObjectToClass(std::int32_t classId, const PlistPtr& array) {
   const std::string classKey = ClassKey(classId);
+  WriteOutCompact(classKey);
   index_->Compact(classKey);
   if (Count(array) > 0) {
     fullScanDict->SetObjectForKey(classKey, array);
@@ -320,7 +453,14 @@ void FullScanHandler::addObjectToClass(std::int32_t classId, const PlistPtr& arr
 }
 
 PlistPtr FullScanHandler::FindFirstByKey(std::int32_t classId, const std::string& key) {
-  Index::ClassIndex* index = index_->For(*fullScanDict, ClassKey(classId));
+  const std::string classKey = ClassKey(classId);
+  if (Compact::Class* compact = compact_ ? compact_->Find(classKey) : nullptr) {
+    const auto chain = compact->byKey.find(key);
+    if (chain == compact->byKey.end()) return nullptr;
+    const std::optional<std::size_t> match = FirstRemaining(chain->second, compact->removed);
+    return match ? compact_->data.InstanceAt(compact->classIndex, *match).ToPlist() : nullptr;
+  }
+  Index::ClassIndex* index = index_->For(*fullScanDict, classKey);
   if (index == nullptr) return nullptr;
   std::optional<std::size_t> match;
   const auto chain = index->byKey.find(key);
@@ -338,6 +478,10 @@ PlistPtr FullScanHandler::FindFirstByKey(std::int32_t classId, const std::string
 void FullScanHandler::RemoveMatched(std::int32_t classId, const PlistPtr& instance) {
   if (!instance) return;
   const std::string classKey = ClassKey(classId);
+  if (Compact::Class* compact = compact_ ? compact_->Find(classKey) : nullptr) {
+    compact_->RemoveMatched(classKey, *compact, *instance, *fullScanDict);
+    return;
+  }
   Index::ClassIndex* index = index_->For(*fullScanDict, classKey);
   if (index == nullptr) return;
   const auto group = index->byContent.find(ContentHash(*instance));
@@ -365,6 +509,7 @@ void FullScanHandler::RemoveMatched(std::int32_t classId, const PlistPtr& instan
 }
 
 void FullScanHandler::WritetoDiffData() {
+  if (compact_) compact_->WriteOutAll(*fullScanDict);
   index_->CompactAll();
   // A copy of the entries: filing must not depend on the dictionary staying put.
   const std::vector<PlistValue::Entry> classes = fullScanDict->Entries();
@@ -381,6 +526,7 @@ void FullScanHandler::WritetoDiffData() {
 }
 
 void FullScanHandler::Print() {
+  if (compact_) compact_->WriteOutAll(*fullScanDict);
   index_->CompactAll();
   ConsoleWhere(kPrintSignature, __LINE__, "Prev fullScanDict : %s",
                fullScanDict->Description().c_str());

@@ -20,6 +20,8 @@ namespace tarn {
 class FullScanHandler {
  public:
   explicit FullScanHandler(PlistPtr fullScanDict);
+  // The same snapshot from its compact form (as the snapshot file is read).
+  explicit FullScanHandler(ScanData previous);
   ~FullScanHandler();
 
   // Loads the snapshot file. Null, after logging and setting the run type to
@@ -61,8 +63,12 @@ class FullScanHandler {
 
  private:
   struct Index;
+  struct Compact;
+  void WriteOutCompact(const std::string& classKey);
+
   PlistPtr fullScanDict;
   std::unique_ptr<Index> index_;
+  std::unique_ptr<Compact> compact_;
 };
 
 }  // namespace tarn

@@ -9,6 +9,7 @@
 
 #include "platform/exception/platform_exception.h"
 #include "platform/plist/plist_io.h"
+#include "tarninventory/src/scandata.h"
 #include "tarninventory/src/scanrun.h"
 #include "tarnutils/src/testutil.h"
 
@@ -127,6 +128,54 @@ TEST_F(FullScanHandlerTest, IndexedMatchingGivesTheResultsOfTheWalkInOrder) {
         }
       }
     }
+  }
+}
+
+// The snapshot as the file reader gives it (compact) answers every question exactly as the
+// same snapshot held as property lists.
+TEST_F(FullScanHandlerTest, CompactSnapshotAnswersAsTheDictionaryDoes) {
+  std::mt19937 random(20261123);
+  const auto same = [](const PlistPtr& a, const PlistPtr& b) {
+    return (a == nullptr && b == nullptr) || (a && b && *a == *b);
+  };
+  for (int round = 0; round < 40; ++round) {
+    const PlistPtr scanDict = PlistValue::MakeDictionary();
+    for (const char* classKey : {"18", "5", "102"}) {
+      std::vector<PlistPtr> instances;
+      for (int i = 0, count = static_cast<int>(random() % 8); i < count; ++i) {
+        PlistPtr instance =
+            Instance("k" + std::to_string(random() % 5), std::to_string(random() % 2));
+        if (random() % 6 == 0) instance->RemoveKey("KEY");
+        instances.push_back(std::move(instance));
+      }
+      scanDict->SetObjectForKey(classKey, PlistValue::MakeArray(std::move(instances)));
+    }
+    const std::optional<ScanData> compact = ScanData::FromPlist(*scanDict);
+    ASSERT_TRUE(compact.has_value());
+    FullScanHandler viaDictionary(ScanData::FromPlist(*scanDict)->ToPlist());
+    FullScanHandler viaCompact(*compact);
+
+    for (int step = 0; step < 20; ++step) {
+      const std::int32_t classId = std::vector<std::int32_t>{18, 5, 102, 7}[random() % 4];
+      const std::string key = "k" + std::to_string(random() % 6);
+      const PlistPtr expected = viaDictionary.FindFirstByKey(classId, key);
+      const PlistPtr found = viaCompact.FindFirstByKey(classId, key);
+      ASSERT_TRUE(same(found, expected)) << "round " << round << " step " << step;
+      if (found) {
+        viaDictionary.RemoveMatched(classId, expected);
+        viaCompact.RemoveMatched(classId, found);
+      }
+      if (step % 7 == 6) {
+        ASSERT_TRUE(same(viaCompact.GetClassData(classId), viaDictionary.GetClassData(classId)));
+      }
+    }
+    // What is left is reported as deleted, class by class in the same order.
+    viaDictionary.WritetoDiffData();
+    const std::string expectedDeleted = CurrentScanRun().invDiffData->Description();
+    ResetScanRun();
+    viaCompact.WritetoDiffData();
+    EXPECT_EQ(CurrentScanRun().invDiffData->Description(), expectedDeleted) << round;
+    ResetScanRun();
   }
 }
 

@@ -91,6 +91,13 @@ PlistPtr ScanData::Instance::ToPlist() const {
 
 // ---- ScanData.
 
+void ScanData::AddClass(std::string_view classKey) {
+  for (const Class& existing : classes_) {
+    if (existing.key == classKey) return;
+  }
+  classes_.push_back({std::string(classKey), {}});
+}
+
 void ScanData::AddInstance(std::string_view classKey, std::span<const InstanceEntry> entries) {
   Class* target = nullptr;
   // Instances of one class come in runs: the class filed last is the likely one.
@@ -146,7 +153,7 @@ std::optional<ScanData> ScanData::FromPlist(const PlistValue& scanData) {
       result.AddInstance(classKey, entries);
     }
     // A class with no instances still has its key.
-    if (instances->Count() == 0) result.classes_.push_back({classKey, {}});
+    if (instances->Count() == 0) result.AddClass(classKey);
   }
   return result;
 }

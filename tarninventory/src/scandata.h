@@ -90,6 +90,8 @@ class ScanData {
   // Appends an instance to the class (a class first filed goes after the others). The texts
   // are copied.
   void AddInstance(std::string_view classKey, std::span<const InstanceEntry> entries);
+  // Appends a class without instances (nothing when the class is there already).
+  void AddClass(std::string_view classKey);
 
   std::size_t ClassCount() const { return classes_.size(); }
   const std::string& ClassKey(std::size_t classIndex) const { return classes_[classIndex].key; }

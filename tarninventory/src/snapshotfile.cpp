@@ -215,7 +215,6 @@ class PlainReader {
 
   bool ReadScanData(PlainSnapshot& snapshot) {
     snapshot.hasScanData = true;
-    if (build_) snapshot.scanData = PlistValue::MakeDictionary();
     if (Take("<dict/>")) return true;
     if (!Take("<dict>")) return false;
     classKeys_.clear();
@@ -226,25 +225,26 @@ class PlainReader {
         return false;
       }
       if (!FirstTime(classKeys_, classKey_)) return false;
-      PlistPtr instances = build_ ? PlistValue::MakeArray() : nullptr;
-      if (!ReadInstances(instances)) return false;
-      if (build_) snapshot.scanData->SetValueForKey(classKey_, std::move(instances));
+      if (build_) snapshot.scanData.AddClass(classKey_);
+      if (!ReadInstances(snapshot.scanData)) return false;
     }
   }
 
-  bool ReadInstances(const PlistPtr& instances) {
+  bool ReadInstances(ScanData& scanData) {
     if (Take("<array/>")) return true;
     if (!Take("<array>")) return false;
     for (;;) {
       SkipSpace();
       if (Take("</array>")) return true;
-      PlistPtr instance = build_ ? PlistValue::MakeDictionary() : nullptr;
-      if (!ReadInstance(instance)) return false;
-      if (build_) instances->Append(std::move(instance));
+      if (!ReadInstance()) return false;
+      if (build_) FileInstance(scanData);
     }
   }
 
-  bool ReadInstance(const PlistPtr& instance) {
+  // Reads one instance's entries into instanceTexts_ and instanceEntries_.
+  bool ReadInstance() {
+    instanceTexts_.clear();
+    instanceEntries_.clear();
     if (Take("<dict/>")) return true;
     if (!Take("<dict>")) return false;
     instanceKeys_.clear();
@@ -258,8 +258,22 @@ class PlainReader {
       } else if (!Take("<string>") || !ReadText(value_) || !Take("</string>")) {
         return false;
       }
-      if (build_) instance->SetValueForKey(key_, PlistValue::MakeString(value_));
+      if (build_) {
+        instanceEntries_.push_back({instanceTexts_.size(), key_.size(), value_.size()});
+        instanceTexts_ += key_;
+        instanceTexts_ += value_;
+      }
     }
+  }
+
+  void FileInstance(ScanData& scanData) {
+    entryViews_.clear();
+    const std::string_view texts = instanceTexts_;
+    for (const EntryPlace& place : instanceEntries_) {
+      entryViews_.push_back({texts.substr(place.offset, place.keyLength),
+                             texts.substr(place.offset + place.keyLength, place.valueLength)});
+    }
+    scanData.AddInstance(classKey_, entryViews_);
   }
 
   // False when key was seen before in the same dictionary (a repeated key is left to the
@@ -275,9 +289,18 @@ class PlainReader {
   std::string_view in_;
   bool build_;
   std::size_t pos_ = 0;
+  // Where an entry's key and value lie in instanceTexts_ (the value right after the key).
+  struct EntryPlace {
+    std::size_t offset;
+    std::size_t keyLength;
+    std::size_t valueLength;
+  };
   std::string classKey_;
   std::string key_;
   std::string value_;
+  std::string instanceTexts_;
+  std::vector<EntryPlace> instanceEntries_;
+  std::vector<InstanceEntry> entryViews_;
   std::vector<std::string> classKeys_;
   std::vector<std::string> instanceKeys_;
 };

@@ -32,15 +32,17 @@ std::string SnapshotXml(const std::vector<PlistValue::Entry>& otherEntries,
 // A snapshot in the plain shape: a root dictionary holding nothing, or only "INVDatadict"
 // with a dictionary of arrays of dictionaries of texts.
 struct PlainSnapshot {
-  // The value of "INVDatadict" (absent for an empty root): built only when asked for.
-  PlistPtr scanData;
+  // The value of "INVDatadict" in compact form (classes and instances in the file's order,
+  // classes without instances included): filled only when asked for.
+  ScanData scanData;
   bool hasScanData = false;
 };
 
 // Reads bytes of the plain shape, as ParsePlist would read them: the same dictionaries, in
-// the same order, with the same texts. Nothing for bytes of any other form (another
-// top-level key, a repeated key, comments, numeric character references, a byte-order mark,
-// a binary property list, text that is not UTF-8 ...), which ParsePlist may or may not accept.
+// the same order, with the same texts (scanData.ToPlist() equals the parsed "INVDatadict").
+// Nothing for bytes of any other form (another top-level key, a repeated key, comments,
+// numeric character references, a byte-order mark, a binary property list, text that is not
+// UTF-8 ...), which ParsePlist may or may not accept.
 std::optional<PlainSnapshot> ReadPlainSnapshot(std::string_view bytes, bool buildScanData = true);
 
 // Appends text as libplist writes it in a <key> or <string> element: "&", "<" and ">" as

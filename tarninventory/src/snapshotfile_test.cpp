@@ -71,8 +71,8 @@ TEST(SnapshotFileTest, WritesWhatLibplistWritesAndReadsItBackAsParsePlistDoes) {
     ASSERT_EQ(plain.has_value(), others.empty());  // other keys go to the general reader
     if (plain) {
       ASSERT_TRUE(plain->hasScanData);
-      EXPECT_TRUE(*plain->scanData == *ParsePlist(written)->ValueForKey("INVDatadict"));
-      EXPECT_EQ(plain->scanData->Description(), scanData->Description());
+      EXPECT_TRUE(*plain->scanData.ToPlist() == *ParsePlist(written)->ValueForKey("INVDatadict"));
+      EXPECT_EQ(plain->scanData.ToPlist()->Description(), scanData->Description());
       EXPECT_TRUE(ReadPlainSnapshot(written, /*buildScanData=*/false).has_value());
     }
   }
@@ -143,7 +143,7 @@ TEST(SnapshotFileTest, OnlyThePlainShapeIsReadDirectly) {
     const PlistPtr scanData = general->ValueForKey("INVDatadict");
     ASSERT_EQ(plain->hasScanData, scanData != nullptr);
     if (scanData) {
-      EXPECT_TRUE(*plain->scanData == *scanData);
+      EXPECT_TRUE(*plain->scanData.ToPlist() == *scanData);
     }
   }
 }
