@@ -21,8 +21,13 @@ constexpr std::string_view kRootEnd = "</dict>\n</plist>\n";
 
 void AppendIndent(std::string& out, int depth) { out.append(static_cast<std::size_t>(depth), '\t'); }
 
-void AppendElement(std::string& out, int depth, std::string_view tag, std::string_view text) {
-  RequirePlistWritableText(text);
+// Whether each text is checked as it is written (raising where libplist would), or the
+// whole text once at the end.
+enum class TextCheck { kEach, kDeferred };
+
+void AppendElement(std::string& out, int depth, std::string_view tag, std::string_view text,
+                   TextCheck check) {
+  if (check == TextCheck::kEach) RequirePlistWritableText(text);
   AppendIndent(out, depth);
   out += '<';
   out += tag;
@@ -33,7 +38,7 @@ void AppendElement(std::string& out, int depth, std::string_view tag, std::strin
   out += ">\n";
 }
 
-void AppendInstance(std::string& out, const ScanData::Instance& instance) {
+void AppendInstance(std::string& out, const ScanData::Instance& instance, TextCheck check) {
   if (instance.size() == 0) {
     out += "\t\t\t<dict/>\n";
     return;
@@ -41,8 +46,8 @@ void AppendInstance(std::string& out, const ScanData::Instance& instance) {
   out += "\t\t\t<dict>\n";
   for (std::size_t i = 0; i < instance.size(); ++i) {
     const InstanceEntry entry = instance[i];
-    AppendElement(out, 4, "key", entry.key);
-    AppendElement(out, 4, "string", entry.value);
+    AppendElement(out, 4, "key", entry.key, check);
+    AppendElement(out, 4, "string", entry.value, check);
   }
   out += "\t\t\t</dict>\n";
 }
@@ -80,7 +85,7 @@ std::size_t ScanDataSize(const ScanData& scanData) {
 }
 
 // "INVDatadict" and its value, as an entry of the root dictionary.
-void AppendScanData(std::string& out, const ScanData& scanData) {
+void AppendScanData(std::string& out, const ScanData& scanData, TextCheck check) {
   out += "\t<key>INVDatadict</key>\n";
   if (scanData.ClassCount() == 0) {
     out += "\t<dict/>\n";
@@ -88,14 +93,14 @@ void AppendScanData(std::string& out, const ScanData& scanData) {
   }
   out += "\t<dict>\n";
   for (std::size_t c = 0; c < scanData.ClassCount(); ++c) {
-    AppendElement(out, 2, "key", scanData.ClassKey(c));
+    AppendElement(out, 2, "key", scanData.ClassKey(c), check);
     if (scanData.InstanceCount(c) == 0) {
       out += "\t\t<array/>\n";
       continue;
     }
     out += "\t\t<array>\n";
     for (std::size_t i = 0; i < scanData.InstanceCount(c); ++i) {
-      AppendInstance(out, scanData.InstanceAt(c, i));
+      AppendInstance(out, scanData.InstanceAt(c, i), check);
     }
     out += "\t\t</array>\n";
   }
@@ -191,8 +196,9 @@ class PlainReader {
   bool ReadText(std::string& out) {
     out.clear();
     while (!AtEnd()) {
-      const std::size_t stop = in_.find_first_of("<&", pos_);
-      if (stop == std::string_view::npos) return false;
+      std::size_t stop = pos_;
+      while (stop < in_.size() && in_[stop] != '<' && in_[stop] != '&') ++stop;
+      if (stop == in_.size()) return false;
       out.append(in_, pos_, stop - pos_);
       pos_ = stop;
       if (in_[stop] == '<') return true;
@@ -332,8 +338,17 @@ std::string SnapshotXml(const std::vector<PlistValue::Entry>& otherEntries,
     out = ToXmlPlist(*others);
     out.resize(out.size() - kRootEnd.size());
   }
+  const std::size_t start = out.size();
   out.reserve(out.size() + ScanDataSize(scanData) + kRootEnd.size());
-  AppendScanData(out, scanData);
+  // Texts around ASCII markup make valid UTF-8 without NUL exactly when each text does, so
+  // one check of the whole scan data suffices; when it fails, writing again with a check per
+  // text raises as libplist would, at the first text it would refuse.
+  AppendScanData(out, scanData, TextCheck::kDeferred);
+  const std::string_view written = std::string_view(out).substr(start);
+  if (!IsValidUtf8(written) || written.find('\0') != std::string_view::npos) {
+    out.resize(start);
+    AppendScanData(out, scanData, TextCheck::kEach);
+  }
   out += kRootEnd;
   return out;
 }

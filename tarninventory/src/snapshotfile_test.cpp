@@ -53,6 +53,38 @@ PlistPtr RandomScanData(std::mt19937& random) {
   return scanData;
 }
 
+// Text libplist cannot write raises the error ToXmlPlist raises for the first such text it
+// meets, wherever it sits.
+TEST(SnapshotFileTest, UnwritableTextRaisesAsLibplistDoesAtTheFirstOne) {
+  const std::string bad[] = {std::string("nul\0byte", 8), "latin1 \xE9", "cut \xE2\x82"};
+  for (const std::string& first : bad) {
+    for (const std::string& second : bad) {
+      for (int where = 0; where < 3; ++where) {
+        SCOPED_TRACE(where);
+        PlistPtr instance = PlistValue::MakeDictionary();
+        instance->SetValueForKey("1", Text("fine"));
+        instance->SetValueForKey(where == 0 ? first : "2", Text(where == 1 ? first : "ok"));
+        instance->SetValueForKey("3", Text(second));
+        PlistPtr scanData = PlistValue::MakeDictionary();
+        scanData->SetValueForKey(where == 2 ? first : "18", PlistValue::MakeArray({instance}));
+        std::string expected;
+        try {
+          ToXmlPlist(*Root({}, scanData));
+        } catch (const PlatformException& failure) {
+          expected = failure.what();
+        }
+        ASSERT_FALSE(expected.empty());
+        try {
+          SnapshotXml({}, *ScanData::FromPlist(*scanData));
+          ADD_FAILURE() << "no exception";
+        } catch (const PlatformException& failure) {
+          EXPECT_EQ(std::string(failure.what()), expected);
+        }
+      }
+    }
+  }
+}
+
 TEST(SnapshotFileTest, WritesWhatLibplistWritesAndReadsItBackAsParsePlistDoes) {
   std::mt19937 random(7);
   for (int round = 0; round < 300; ++round) {
