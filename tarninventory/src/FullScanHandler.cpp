@@ -79,6 +79,17 @@ std::uint64_t ContentHash(const ScanData::Instance& instance) {
   return sum;
 }
 
+// PlistValue's equality between two compact instances: the same keys (in any order), each
+// with equal text.
+bool SameContent(const ScanData::Instance& instance, const ScanData::Instance& other) {
+  if (other.size() != instance.size()) return false;
+  for (std::size_t i = 0; i < instance.size(); ++i) {
+    const InstanceEntry entry = instance[i];
+    if (other.Find(entry.key) != entry.value) return false;
+  }
+  return true;
+}
+
 // PlistValue's equality between a dictionary and a compact instance: the same keys (in any
 // order), each with equal text.
 bool SameContent(const ScanData::Instance& instance, const PlistValue& value) {
@@ -316,9 +327,10 @@ struct FullScanHandler::Compact {
     for (std::size_t c = 0; c < data.ClassCount(); ++c) WriteOut(data.ClassKey(c), scanDict);
   }
 
-  // Removes every remaining instance of the class equal to instance; drops the class from
-  // the dictionary when none is left.
-  void RemoveMatched(const std::string& classKey, Class& compact, const PlistValue& instance,
+  // Removes every remaining instance of the class equal to instance (a dictionary or a
+  // compact instance); drops the class from the dictionary when none is left.
+  template <typename Instance>
+  void RemoveMatched(const std::string& classKey, Class& compact, const Instance& instance,
                      PlistValue& scanDict) {
     const auto group = compact.byContent.find(ContentHash(instance));
     if (group == compact.byContent.end()) return;
@@ -505,6 +517,28 @@ void FullScanHandler::RemoveMatched(std::int32_t classId, const PlistPtr& instan
   if (index->remaining == 0) {
     fullScanDict->RemoveKey(classKey);
     index_->classes.erase(classKey);
+  }
+}
+
+FullScanHandler::CompactMatch FullScanHandler::FindFirstCompact(std::int32_t classId,
+                                                               const std::string& key) {
+  CompactMatch answer;
+  Compact::Class* compact = compact_ ? compact_->Find(ClassKey(classId)) : nullptr;
+  if (compact == nullptr) return answer;
+  answer.held = true;
+  const auto chain = compact->byKey.find(key);
+  if (chain == compact->byKey.end()) return answer;
+  if (const auto position = FirstRemaining(chain->second, compact->removed)) {
+    answer.instance = compact_->data.InstanceAt(compact->classIndex, *position);
+  }
+  return answer;
+}
+
+void FullScanHandler::RemoveMatchedCompact(std::int32_t classId,
+                                           const ScanData::Instance& match) {
+  const std::string classKey = ClassKey(classId);
+  if (Compact::Class* compact = compact_ ? compact_->Find(classKey) : nullptr) {
+    compact_->RemoveMatched(classKey, *compact, match, *fullScanDict);
   }
 }
 

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "platform/plist/plist_value.h"
@@ -53,6 +54,17 @@ class FullScanHandler {
   // Removes every remaining previous instance of the class equal to instance
   // and drops the class when none is left.
   void RemoveMatched(std::int32_t classId, const PlistPtr& instance);
+
+  // The same two steps for a class held compact (as the snapshot file is read), with the
+  // previous instance viewed in place instead of copied into a dictionary. `held` is false
+  // when the class is not held compact: FindFirstByKey and RemoveMatched answer for it.
+  struct CompactMatch {
+    bool held = false;
+    std::optional<ScanData::Instance> instance;
+  };
+  CompactMatch FindFirstCompact(std::int32_t classId, const std::string& key);
+  // RemoveMatched for an instance FindFirstCompact answered with.
+  void RemoveMatchedCompact(std::int32_t classId, const ScanData::Instance& match);
 
   // Files every remaining previous instance as deleted ("1") in the
   // difference document, class by class in the dictionary's key order.

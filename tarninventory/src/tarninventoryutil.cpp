@@ -420,25 +420,43 @@ void WriteToINVScanData(const PendingInstance& instance, std::int32_t classId) {
   }
 }
 
+namespace {
+
+// The status of an instance whose previous instance was found, logged.
+std::string MatchedStatus(DWORD comparison) {
+  if (comparison == kDictsDiffer) {
+    UserLogMessage("GetDictStatus :Modified \n");
+    return kStatusModified;
+  }
+  UserLogMessage("GetDictStatus :Not modified \n");
+  return kStatusNotModified;
+}
+
+std::string NewlyAdded() {
+  DebugLogMessage("GetDictStatus :Newly added \n");
+  return kStatusNew;
+}
+
+}  // namespace
+
 std::string GetDictStatus(const ScanData::Instance& instance, std::int32_t classId) {
   std::string status = kStatusNew;
   try {
     FullScanHandler* snapshot = CurrentScanRun().fullScanobj.get();
     const std::optional<std::string_view> key = instance.Find(kInstanceKey);
-    const PlistPtr match = snapshot != nullptr && key
-                               ? snapshot->FindFirstByKey(classId, std::string(*key))
-                               : nullptr;
-    if (!match) {
-      DebugLogMessage("GetDictStatus :Newly added \n");
+    if (snapshot == nullptr || !key) return NewlyAdded();
+    const std::string keyText(*key);
+    // A class still held compact is matched in place; any other through its dictionary.
+    const FullScanHandler::CompactMatch compact = snapshot->FindFirstCompact(classId, keyText);
+    if (compact.held) {
+      if (!compact.instance) return NewlyAdded();
+      status = MatchedStatus(CompareDicts(instance, *compact.instance));
+      snapshot->RemoveMatchedCompact(classId, *compact.instance);
       return status;
     }
-    if (CompareDicts(instance, match) == kDictsDiffer) {
-      UserLogMessage("GetDictStatus :Modified \n");
-      status = kStatusModified;
-    } else {
-      UserLogMessage("GetDictStatus :Not modified \n");
-      status = kStatusNotModified;
-    }
+    const PlistPtr match = snapshot->FindFirstByKey(classId, keyText);
+    if (!match) return NewlyAdded();
+    status = MatchedStatus(CompareDicts(instance, match));
     snapshot->RemoveMatched(classId, match);
   } catch (const std::exception& failure) {
     ConsoleWhere(kGetDictStatusSignature, __LINE__, "GetDictStatus :Caught exception>>>>>>>>>>>:%s",
@@ -449,32 +467,50 @@ std::string GetDictStatus(const ScanData::Instance& instance, std::int32_t class
 
 namespace {
 
+// The previous instance of a comparison, held as a dictionary or viewed in the snapshot.
+std::string DescriptionOf(const PlistPtr& previous) { return previous->Description(); }
+std::string DescriptionOf(const ScanData::Instance& previous) { return previous.Description(); }
+
+// The previous text of a key, nothing when the key is absent; raises for a value that is not
+// text, as the platform would.
+std::optional<std::string_view> PreviousText(const PlistPtr& previous, std::string_view key) {
+  const PlistPtr value = previous->ValueForKey(key);
+  if (!value) return std::nullopt;
+  return std::string_view(value->String());
+}
+std::optional<std::string_view> PreviousText(const ScanData::Instance& previous,
+                                             std::string_view key) {
+  return previous.Find(key);
+}
+
+void RequirePrevious(const PlistPtr& previous) { Require(previous, "previous instance"); }
+void RequirePrevious(const ScanData::Instance&) {}
+
 // The one-way comparison of CompareDicts over the `count` entries of the current instance:
 // keyAt(i) gives an entry's key, textAt(i) its value text (raising for a value that is not
 // text, as the platform would).
-template <typename KeyAt, typename TextAt>
-DWORD CompareInstances(std::size_t count, const PlistPtr& previous,
+template <typename Previous, typename KeyAt, typename TextAt>
+DWORD CompareInstances(std::size_t count, const Previous& previous,
                        const std::string& currentDescription, KeyAt keyAt, TextAt textAt) {
   try {
-    Require(previous, "previous instance");
+    RequirePrevious(previous);
     if (DebugLogging()) {
-      DebugLogMessage("CompareDicts :PrevData : %s ", previous->Description().c_str());
+      DebugLogMessage("CompareDicts :PrevData : %s ", DescriptionOf(previous).c_str());
       DebugLogMessage("CompareDicts :CurData : %s", currentDescription.c_str());
     }
     for (std::size_t i = 0; i < count; ++i) {
       const std::string_view propertyId = keyAt(i);
-      const PlistPtr previousValue = previous->ValueForKey(propertyId);
-      if (!previousValue) {
+      const std::optional<std::string_view> previousText = PreviousText(previous, propertyId);
+      if (!previousText) {
         UserLogMessage("CompareDicts  propertyId : %s doesnt found in prevScanData \n",
                        std::string(propertyId).c_str());
         return kDictsDiffer;
       }
       const std::string_view value = textAt(i);
-      const std::string& previousText = previousValue->String();
-      if (value != previousText) {
+      if (value != *previousText) {
         UserLogMessage("CompareDicts :modified propertyID : %s curValue:%s prevValue : %s",
                        std::string(propertyId).c_str(), std::string(value).c_str(),
-                       previousText.c_str());
+                       std::string(*previousText).c_str());
         return kDictsDiffer;
       }
     }
@@ -491,6 +527,13 @@ DWORD CompareInstances(std::size_t count, const PlistPtr& previous,
 DWORD CompareDicts(const ScanData::Instance& current, const PlistPtr& previous) {
   return CompareInstances(
       current.size(), previous, DebugLogging() && previous ? current.Description() : std::string(),
+      [&current](std::size_t i) { return current[i].key; },
+      [&current](std::size_t i) { return current[i].value; });
+}
+
+DWORD CompareDicts(const ScanData::Instance& current, const ScanData::Instance& previous) {
+  return CompareInstances(
+      current.size(), previous, DebugLogging() ? current.Description() : std::string(),
       [&current](std::size_t i) { return current[i].key; },
       [&current](std::size_t i) { return current[i].value; });
 }

@@ -77,6 +77,7 @@ std::string GetDictStatus(const ScanData::Instance& instance, std::int32_t class
 // value there; 0 otherwise (keys only previous has are not looked at). A
 // value that is not text ends the comparison as a failure, which answers 0.
 DWORD CompareDicts(const ScanData::Instance& current, const PlistPtr& previous);
+DWORD CompareDicts(const ScanData::Instance& current, const ScanData::Instance& previous);
 DWORD CompareDicts(const PlistPtr& current, const PlistPtr& previous);
 // Files a copy of the instance without "KEY" under invDiffData[class][status]
 // (software goes through AddtoSWDiffData). 0, or 1 after a caught failure.
