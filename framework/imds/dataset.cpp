@@ -171,7 +171,7 @@ const TableDefn* DefinitionOf(const ResultData* result) {
 }  // namespace
 
 bool DataSetVector::Add(std::unique_ptr<TableData> table) {
-  const auto [entry, added] = byFoldedName_.try_emplace(FoldCase(table->name), table.get());
+  const auto [entry, added] = byName_.try_emplace(table->name, table.get());
   if (!added) {
     return false;
   }
@@ -179,24 +179,38 @@ bool DataSetVector::Add(std::unique_ptr<TableData> table) {
   return true;
 }
 
+std::size_t DataSetVector::CaseFoldedHash::operator()(std::string_view name) const noexcept {
+  std::uint64_t hash = 14695981039346656037ULL;  // FNV-1a over the lower-case bytes
+  for (const char c : name) {
+    const char lower = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    hash = (hash ^ static_cast<unsigned char>(lower)) * 1099511628211ULL;
+  }
+  return static_cast<std::size_t>(hash);
+}
+
+bool DataSetVector::CaseFoldedEqual::operator()(std::string_view a,
+                                                std::string_view b) const noexcept {
+  return EqualsIgnoringCase(a, b);
+}
+
 TableData* DataSetVector::Find(std::string_view name) const {
-  const auto found = byFoldedName_.find(FoldCase(name));
-  return found == byFoldedName_.end() ? nullptr : found->second;
+  const auto found = byName_.find(name);
+  return found == byName_.end() ? nullptr : found->second;
 }
 
 bool DataSetVector::Remove(std::string_view name) {
-  const auto found = byFoldedName_.find(FoldCase(name));
-  if (found == byFoldedName_.end()) {
+  const auto found = byName_.find(name);
+  if (found == byName_.end()) {
     return false;
   }
   const TableData* table = found->second;
-  byFoldedName_.erase(found);
+  byName_.erase(found);
   std::erase_if(tables_, [table](const auto& candidate) { return candidate.get() == table; });
   return true;
 }
 
 void DataSetVector::Clear() {
-  byFoldedName_.clear();
+  byName_.clear();
   tables_.clear();
 }
 

@@ -89,8 +89,17 @@ class DataSetVector {
   const std::vector<std::unique_ptr<TableData>>& tables() const { return tables_; }
 
  private:
+  // Names hashed and compared ignoring letter case, so a lookup folds nothing.
+  struct CaseFoldedHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view name) const noexcept;
+  };
+  struct CaseFoldedEqual {
+    using is_transparent = void;
+    bool operator()(std::string_view a, std::string_view b) const noexcept;
+  };
   std::vector<std::unique_ptr<TableData>> tables_;
-  std::unordered_map<std::string, TableData*> byFoldedName_;
+  std::unordered_map<std::string, TableData*, CaseFoldedHash, CaseFoldedEqual> byName_;
 };
 
 DataSetVector& GetDataSetVector();

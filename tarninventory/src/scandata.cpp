@@ -20,17 +20,17 @@ void TextBuffer::Clear() { std::string().swap(buffer_); }
 // ---- PendingInstance.
 
 void PendingInstance::Set(std::int32_t propertyId, std::string_view value) {
-  char digits[16];
-  const auto end = std::to_chars(digits, digits + sizeof digits, propertyId).ptr;
-  const std::string_view key(digits, static_cast<std::size_t>(end - digits));
   for (Slot& slot : entries_) {
-    if (texts_.View(slot.key) == key) {
+    if (slot.propertyId == propertyId) {
       slot.value = texts_.Add(value);
       return;
     }
   }
+  char digits[16];
+  const auto end = std::to_chars(digits, digits + sizeof digits, propertyId).ptr;
+  const std::string_view key(digits, static_cast<std::size_t>(end - digits));
   const TextBuffer::Ref keyRef = texts_.Add(key);
-  entries_.push_back({keyRef, texts_.Add(value)});
+  entries_.push_back({propertyId, keyRef, texts_.Add(value)});
 }
 
 InstanceEntry PendingInstance::operator[](std::size_t i) const {

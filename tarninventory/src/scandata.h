@@ -57,6 +57,7 @@ class PendingInstance {
 
  private:
   struct Slot {
+    std::int32_t propertyId;
     TextBuffer::Ref key;
     TextBuffer::Ref value;
   };

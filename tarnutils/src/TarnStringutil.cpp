@@ -11,25 +11,35 @@ std::optional<std::string> alterChars(const char* text) {
   if (text == nullptr) {
     return std::nullopt;
   }
+  // The text ends at its first control character; markup characters become entities.
+  const char* end = text;
+  while (*end != '\0' && !IsControl(static_cast<unsigned char>(*end))) ++end;
   std::string cleaned;
-  for (const char* p = text; *p != '\0' && !IsControl(static_cast<unsigned char>(*p)); ++p) {
+  cleaned.reserve(static_cast<std::size_t>(end - text));
+  const char* runStart = text;
+  for (const char* p = text; p != end; ++p) {
+    const char* entity = nullptr;
     switch (*p) {
       case '&':
-        cleaned += "&amp;";
+        entity = "&amp;";
         break;
       case '<':
-        cleaned += "&lt;";
+        entity = "&lt;";
         break;
       case '>':
-        cleaned += "&gt;";
+        entity = "&gt;";
         break;
       case '"':
-        cleaned += "&quot;";
+        entity = "&quot;";
         break;
       default:
-        cleaned += *p;
+        continue;
     }
+    cleaned.append(runStart, p);
+    cleaned += entity;
+    runStart = p + 1;
   }
+  cleaned.append(runStart, end);
   return cleaned;
 }
 

@@ -19,6 +19,7 @@ TEST(AlterChars, EscapesAndEndsAtTheFirstControlCharacter) {
   EXPECT_EQ(*alterChars("\"&<"), "&quot;&amp;&lt;");
   EXPECT_EQ(alterChars("\"&<")->size(), 15u);
   EXPECT_EQ(*alterChars("a>b"), "a&gt;b");
+  EXPECT_EQ(*alterChars("ab&cd\"e<\x01f"), "ab&amp;cd&quot;e&lt;");
   EXPECT_EQ(*alterChars("abc\n"), "abc");
   EXPECT_EQ(*alterChars("a\tb"), "a");
   EXPECT_EQ(*alterChars("x\x7fy"), "x");
