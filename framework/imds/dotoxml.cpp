@@ -15,21 +15,21 @@ namespace tarn {
 namespace {
 
 // Appends name="value" followed by one blank; the value is written whole.
-void AppendAttributeText(std::string& document, const char* name, std::string_view value) {
+void AppendAttributeText(std::string& document, std::string_view name, std::string_view value) {
   document += name;
   document += "=\"";
   document += value;
   document += "\" ";
 }
 
-void AppendIntegerAttribute(std::string& document, const char* name, std::int32_t value) {
+void AppendIntegerAttribute(std::string& document, std::string_view name, std::int32_t value) {
   char digits[16];
   const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
   AppendAttributeText(document, name, std::string_view(digits, end - digits));
 }
 
 // "%f" of the value: six decimals, however long the integral part.
-void AppendFixedAttribute(std::string& document, const char* name, double value) {
+void AppendFixedAttribute(std::string& document, std::string_view name, double value) {
   const int length = std::snprintf(nullptr, 0, "%f", value);
   std::string text(static_cast<std::size_t>(std::max(length, 0)), '\0');
   std::snprintf(text.data(), text.size() + 1, "%f", value);
@@ -50,7 +50,7 @@ std::optional<std::string> DateTimeAttributeText(int type, const OwnedBlock& val
 }
 
 void AppendAttribute(std::string& document, const ColumnDefn& column, const OwnedBlock& value) {
-  const char* name = column.name.c_str();
+  const std::string_view name = column.name;
   switch (column.type) {
     case kTypeTinyInt:
     case kTypeUnsignedTinyInt:
@@ -141,13 +141,8 @@ std::size_t AttributeBound(const ColumnDefn& column, const OwnedBlock& value) {
     case kTypeSmallInt:
     case kTypeInt:
     case kTypeUnsignedInt:
-    case kTypeLongInt: {
-      char digits[16];
-      return bound + static_cast<std::size_t>(
-                         std::to_chars(digits, digits + sizeof digits, value.Read<std::int32_t>())
-                             .ptr -
-                         digits);
-    }
+    case kTypeLongInt:
+      return bound + 11;  // "-2147483648"
     case kTypeFloat:
     case kTypeDouble:
       // "%f" of the largest double has 309 integral digits.
