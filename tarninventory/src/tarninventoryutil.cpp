@@ -131,6 +131,14 @@ class RowBuilder {
     row_->lengths[position] = size.value_or(static_cast<std::int32_t>(text->size()));
     return *this;
   }
+  // A text without NUL characters, stored as AllocateAndDoStrcpy stores it, with its size.
+  RowBuilder& PlainText(std::size_t position, std::string_view text, std::int32_t size) {
+    if (AllocateAndDoMemcpy(row_->values[position], text.data(), text.size()) != kAllocSuccess) {
+      throw std::bad_alloc();
+    }
+    row_->lengths[position] = size;
+    return *this;
+  }
 
   // Adds the row to the table: the row, now owned by the table, or null when refused.
   RowObject* AddTo(const char* tableName) {
@@ -232,13 +240,19 @@ void AddRowWMIFetchValueTable(std::int32_t propertyId, std::int32_t classId,
                flag, value);
   const std::int32_t valueId = ++CurrentScanRun().valueIdCounter;
   try {
-    const std::optional<std::string> escaped = value ? alterChars(value->c_str()) : std::nullopt;
+    // Most values need no escaping: they are stored as they are, without a copy.
+    std::optional<std::string> escaped;
+    std::string_view text = kAbsentValue;
+    if (value) {
+      if (NeedsAlteration(*value)) escaped = alterChars(value->c_str());
+      text = escaped ? std::string_view(*escaped) : std::string_view(*value);
+    }
     RowBuilder row(6);
     row.Int(0, valueId)
         .Int(1, propertyId)
         .Int(2, classId)
         .Int(3, instanceNumber)
-        .Text(4, escaped.value_or(kAbsentValue), 8)
+        .PlainText(4, text, 8)
         .Int(5, flag);
     if (row.AddTo("WMIFetchedValue") == nullptr) {
       ErrorLogMessage("\t Error while adding row for ADResource table !!! \n");

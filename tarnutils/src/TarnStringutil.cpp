@@ -7,6 +7,14 @@ bool IsControl(unsigned char c) { return (c >= 1 && c <= 31) || c == 127; }
 
 }  // namespace
 
+bool NeedsAlteration(std::string_view text) {
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte == 0 || IsControl(byte) || c == '&' || c == '<' || c == '>' || c == '"') return true;
+  }
+  return false;
+}
+
 std::optional<std::string> alterChars(const char* text) {
   if (text == nullptr) {
     return std::nullopt;

@@ -12,6 +12,9 @@ namespace tarn {
 // everything after it. The apostrophe and bytes of 128 and above are kept.
 // A null text gives nothing.
 std::optional<std::string> alterChars(const char* text);
+// False when alterChars would give the text back unchanged: no control character (nor NUL)
+// and none of the four markup characters.
+bool NeedsAlteration(std::string_view text);
 
 // The pieces of text between the occurrences of separator, empty pieces kept
 // ("a,,b" gives "a", "", "b"; "" gives one empty piece). An empty separator

@@ -26,6 +26,12 @@ TEST(AlterChars, EscapesAndEndsAtTheFirstControlCharacter) {
   EXPECT_EQ(*alterChars("it's caf\xc3\xa9"), "it's caf\xc3\xa9");
   EXPECT_EQ(*alterChars(""), "");
   EXPECT_FALSE(alterChars(nullptr));
+  // Exactly the texts alterChars would change need it.
+  const std::vector<std::string> texts = {"it's caf\xc3\xa9", "", "a&b", "<", "x>", "\"",
+                                          "a\tb", "\x7f", std::string("a\0b", 3)};
+  for (const std::string& text : texts) {
+    EXPECT_EQ(NeedsAlteration(text), *alterChars(text.c_str()) != text) << text;
+  }
 }
 
 TEST(ComputerNames, FullAndFlatNamesAndAddresses) {
