@@ -281,6 +281,7 @@ struct FullScanHandler::Compact {
   struct Class {
     std::size_t classIndex = 0;  // in data
     std::vector<char> removed;
+    std::vector<std::uint64_t> hashes;  // ContentHash of every instance
     std::size_t remaining = 0;
     std::unordered_map<std::string_view, KeyChain> byKey;  // views into data
     std::unordered_map<std::uint64_t, std::vector<std::size_t>> byContent;
@@ -293,10 +294,12 @@ struct FullScanHandler::Compact {
       Class& indexed = classes[data.ClassKey(c)];
       indexed.classIndex = c;
       indexed.removed.assign(count, 0);
+      indexed.hashes.resize(count);
       indexed.remaining = count;
       for (std::size_t i = 0; i < count; ++i) {
         const ScanData::Instance instance = data.InstanceAt(c, i);
-        indexed.byContent[ContentHash(instance)].push_back(i);
+        indexed.hashes[i] = ContentHash(instance);
+        indexed.byContent[indexed.hashes[i]].push_back(i);
         if (const auto key = instance.Find(kInstanceKey)) {
           indexed.byKey[*key].positions.push_back(i);
         }
@@ -327,17 +330,19 @@ struct FullScanHandler::Compact {
     for (std::size_t c = 0; c < data.ClassCount(); ++c) WriteOut(data.ClassKey(c), scanDict);
   }
 
-  // Removes every remaining instance of the class equal to instance (a dictionary or a
-  // compact instance); drops the class from the dictionary when none is left.
+  // Removes every remaining instance of the class equal to instance (a dictionary, or the
+  // class's own instance at `self`); drops the class from the dictionary when none is left.
   template <typename Instance>
   void RemoveMatched(const std::string& classKey, Class& compact, const Instance& instance,
-                     PlistValue& scanDict) {
-    const auto group = compact.byContent.find(ContentHash(instance));
+                     PlistValue& scanDict, std::optional<std::size_t> self = std::nullopt) {
+    const auto group =
+        compact.byContent.find(self ? compact.hashes[*self] : ContentHash(instance));
     if (group == compact.byContent.end()) return;
     std::vector<std::size_t> kept;
     for (const std::size_t position : group->second) {
       if (compact.removed[position]) continue;
-      if (SameContent(data.InstanceAt(compact.classIndex, position), instance)) {
+      if (position == self ||
+          SameContent(data.InstanceAt(compact.classIndex, position), instance)) {
         compact.removed[position] = 1;
         --compact.remaining;
       } else {
@@ -530,15 +535,16 @@ FullScanHandler::CompactMatch FullScanHandler::FindFirstCompact(std::int32_t cla
   if (chain == compact->byKey.end()) return answer;
   if (const auto position = FirstRemaining(chain->second, compact->removed)) {
     answer.instance = compact_->data.InstanceAt(compact->classIndex, *position);
+    answer.position = *position;
   }
   return answer;
 }
 
-void FullScanHandler::RemoveMatchedCompact(std::int32_t classId,
-                                           const ScanData::Instance& match) {
+void FullScanHandler::RemoveMatchedCompact(std::int32_t classId, const CompactMatch& match) {
   const std::string classKey = ClassKey(classId);
-  if (Compact::Class* compact = compact_ ? compact_->Find(classKey) : nullptr) {
-    compact_->RemoveMatched(classKey, *compact, match, *fullScanDict);
+  Compact::Class* compact = compact_ ? compact_->Find(classKey) : nullptr;
+  if (compact != nullptr && match.instance) {
+    compact_->RemoveMatched(classKey, *compact, *match.instance, *fullScanDict, match.position);
   }
 }
 

@@ -8,6 +8,7 @@
 // matched), and reports what is left as deleted.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -61,10 +62,11 @@ class FullScanHandler {
   struct CompactMatch {
     bool held = false;
     std::optional<ScanData::Instance> instance;
+    std::size_t position = 0;  // of the instance in its class
   };
   CompactMatch FindFirstCompact(std::int32_t classId, const std::string& key);
   // RemoveMatched for an instance FindFirstCompact answered with.
-  void RemoveMatchedCompact(std::int32_t classId, const ScanData::Instance& match);
+  void RemoveMatchedCompact(std::int32_t classId, const CompactMatch& match);
 
   // Files every remaining previous instance as deleted ("1") in the
   // difference document, class by class in the dictionary's key order.

@@ -154,6 +154,7 @@ TEST_F(FullScanHandlerTest, CompactSnapshotAnswersAsTheDictionaryDoes) {
     ASSERT_TRUE(compact.has_value());
     FullScanHandler viaDictionary(ScanData::FromPlist(*scanDict)->ToPlist());
     FullScanHandler viaCompact(*compact);
+    FullScanHandler inPlace(*compact);  // matched without copies, as a difference scan does
 
     for (int step = 0; step < 20; ++step) {
       const std::int32_t classId = std::vector<std::int32_t>{18, 5, 102, 7}[random() % 4];
@@ -161,12 +162,24 @@ TEST_F(FullScanHandlerTest, CompactSnapshotAnswersAsTheDictionaryDoes) {
       const PlistPtr expected = viaDictionary.FindFirstByKey(classId, key);
       const PlistPtr found = viaCompact.FindFirstByKey(classId, key);
       ASSERT_TRUE(same(found, expected)) << "round " << round << " step " << step;
+      const FullScanHandler::CompactMatch match = inPlace.FindFirstCompact(classId, key);
+      const PlistPtr foundInPlace =
+          match.held ? (match.instance ? match.instance->ToPlist() : nullptr)
+                     : inPlace.FindFirstByKey(classId, key);
+      ASSERT_TRUE(same(foundInPlace, expected)) << "round " << round << " step " << step;
       if (found) {
         viaDictionary.RemoveMatched(classId, expected);
         viaCompact.RemoveMatched(classId, found);
+        if (match.held) {
+          inPlace.RemoveMatchedCompact(classId, match);
+        } else {
+          inPlace.RemoveMatched(classId, foundInPlace);
+        }
       }
       if (step % 7 == 6) {
-        ASSERT_TRUE(same(viaCompact.GetClassData(classId), viaDictionary.GetClassData(classId)));
+        const PlistPtr left = viaDictionary.GetClassData(classId);
+        ASSERT_TRUE(same(viaCompact.GetClassData(classId), left));
+        ASSERT_TRUE(same(inPlace.GetClassData(classId), left));
       }
     }
     // What is left is reported as deleted, class by class in the same order.
@@ -174,6 +187,9 @@ TEST_F(FullScanHandlerTest, CompactSnapshotAnswersAsTheDictionaryDoes) {
     const std::string expectedDeleted = CurrentScanRun().invDiffData->Description();
     ResetScanRun();
     viaCompact.WritetoDiffData();
+    EXPECT_EQ(CurrentScanRun().invDiffData->Description(), expectedDeleted) << round;
+    ResetScanRun();
+    inPlace.WritetoDiffData();
     EXPECT_EQ(CurrentScanRun().invDiffData->Description(), expectedDeleted) << round;
     ResetScanRun();
   }

@@ -57,7 +57,12 @@ InstanceEntry ScanData::Instance::operator[](std::size_t i) const {
   return {data_->texts_.View(entry.key), data_->texts_.View(entry.value)};
 }
 
-std::optional<std::string_view> ScanData::Instance::Find(std::string_view key) const {
+std::optional<std::string_view> ScanData::Instance::Find(std::string_view key,
+                                                         std::size_t hint) const {
+  if (hint < count_) {
+    const InstanceEntry entry = (*this)[hint];
+    if (entry.key == key) return entry.value;
+  }
   for (std::size_t i = 0; i < count_; ++i) {
     const InstanceEntry entry = (*this)[i];
     if (entry.key == key) return entry.value;
@@ -67,7 +72,14 @@ std::optional<std::string_view> ScanData::Instance::Find(std::string_view key) c
 
 std::string ScanData::Instance::Description() const {
   // PlistValue::Description of a dictionary of texts at depth 0.
-  std::string text = "{\n";
+  std::string text;
+  std::size_t size = 2;
+  for (std::size_t i = 0; i < count_; ++i) {
+    const InstanceEntry entry = (*this)[i];
+    size += entry.key.size() + entry.value.size() + 16;  // indent, " = ", ";\n", quotes
+  }
+  text.reserve(size);
+  text = "{\n";
   for (std::size_t i = 0; i < count_; ++i) {
     const InstanceEntry entry = (*this)[i];
     text += "    ";

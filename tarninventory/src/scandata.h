@@ -72,8 +72,9 @@ class ScanData {
    public:
     std::size_t size() const { return count_; }
     InstanceEntry operator[](std::size_t i) const;
-    // The value of the key, or nothing.
-    std::optional<std::string_view> Find(std::string_view key) const;
+    // The value of the key, or nothing. The entry at `hint` is looked at first (instances of
+    // one class list their keys in the same order).
+    std::optional<std::string_view> Find(std::string_view key, std::size_t hint = 0) const;
     // The dictionary's text as PlistValue::Description writes it.
     std::string Description() const;
     // The same instance as a new property-list dictionary.

@@ -465,7 +465,7 @@ std::string GetDictStatus(const ScanData::Instance& instance, std::int32_t class
     if (compact.held) {
       if (!compact.instance) return NewlyAdded();
       status = MatchedStatus(CompareDicts(instance, *compact.instance));
-      snapshot->RemoveMatchedCompact(classId, *compact.instance);
+      snapshot->RemoveMatchedCompact(classId, compact);
       return status;
     }
     const PlistPtr match = snapshot->FindFirstByKey(classId, keyText);
@@ -485,16 +485,17 @@ namespace {
 std::string DescriptionOf(const PlistPtr& previous) { return previous->Description(); }
 std::string DescriptionOf(const ScanData::Instance& previous) { return previous.Description(); }
 
-// The previous text of a key, nothing when the key is absent; raises for a value that is not
-// text, as the platform would.
-std::optional<std::string_view> PreviousText(const PlistPtr& previous, std::string_view key) {
+// The previous text of a key (the current instance's `position`-th), nothing when the key is
+// absent; raises for a value that is not text, as the platform would.
+std::optional<std::string_view> PreviousText(const PlistPtr& previous, std::string_view key,
+                                             std::size_t /*position*/) {
   const PlistPtr value = previous->ValueForKey(key);
   if (!value) return std::nullopt;
   return std::string_view(value->String());
 }
 std::optional<std::string_view> PreviousText(const ScanData::Instance& previous,
-                                             std::string_view key) {
-  return previous.Find(key);
+                                             std::string_view key, std::size_t position) {
+  return previous.Find(key, position);
 }
 
 void RequirePrevious(const PlistPtr& previous) { Require(previous, "previous instance"); }
@@ -514,7 +515,7 @@ DWORD CompareInstances(std::size_t count, const Previous& previous,
     }
     for (std::size_t i = 0; i < count; ++i) {
       const std::string_view propertyId = keyAt(i);
-      const std::optional<std::string_view> previousText = PreviousText(previous, propertyId);
+      const std::optional<std::string_view> previousText = PreviousText(previous, propertyId, i);
       if (!previousText) {
         UserLogMessage("CompareDicts  propertyId : %s doesnt found in prevScanData \n",
                        std::string(propertyId).c_str());
