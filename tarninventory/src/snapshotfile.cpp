@@ -130,6 +130,13 @@ class PlainReader {
   }
 
  private:
+  // Where an entry's key and value lie in instanceTexts_ (the value right after the key).
+  struct EntryPlace {
+    std::size_t offset;
+    std::size_t keyLength;
+    std::size_t valueLength;
+  };
+
   bool AtEnd() const { return pos_ >= in_.size(); }
 
   bool Take(std::string_view token) {
@@ -195,13 +202,19 @@ class PlainReader {
   // other "&".
   bool ReadText(std::string& out) {
     out.clear();
+    return AppendText(out);
+  }
+
+  // ReadText appending to out.
+  bool AppendText(std::string& out) {
     while (!AtEnd()) {
-      std::size_t stop = pos_;
-      while (stop < in_.size() && in_[stop] != '<' && in_[stop] != '&') ++stop;
-      if (stop == in_.size()) return false;
+      const std::size_t tag = in_.find('<', pos_);
+      if (tag == std::string_view::npos) return false;
+      const std::size_t entity = in_.substr(0, tag).find('&', pos_);
+      const std::size_t stop = entity == std::string_view::npos ? tag : entity;
       out.append(in_, pos_, stop - pos_);
       pos_ = stop;
-      if (in_[stop] == '<') return true;
+      if (stop == tag) return true;
       if (!ReadEntity(out)) return false;
     }
     return false;
@@ -253,23 +266,34 @@ class PlainReader {
     instanceEntries_.clear();
     if (Take("<dict/>")) return true;
     if (!Take("<dict>")) return false;
-    instanceKeys_.clear();
     for (;;) {
       SkipSpace();
       if (Take("</dict>")) return true;
-      if (!Take("<key>") || !ReadText(key_) || !Take("</key>") || !SkipSpace()) return false;
-      if (!FirstTime(instanceKeys_, key_)) return false;
-      if (Take("<string/>")) {
-        value_.clear();
-      } else if (!Take("<string>") || !ReadText(value_) || !Take("</string>")) {
+      // Key and value are read straight into the instance's texts, one after the other.
+      EntryPlace place{instanceTexts_.size(), 0, 0};
+      if (!Take("<key>") || !AppendText(instanceTexts_) || !Take("</key>") || !SkipSpace()) {
         return false;
       }
-      if (build_) {
-        instanceEntries_.push_back({instanceTexts_.size(), key_.size(), value_.size()});
-        instanceTexts_ += key_;
-        instanceTexts_ += value_;
+      place.keyLength = instanceTexts_.size() - place.offset;
+      if (!FirstInInstance(place)) return false;
+      if (!Take("<string/>") &&
+          (!Take("<string>") || !AppendText(instanceTexts_) || !Take("</string>"))) {
+        return false;
       }
+      place.valueLength = instanceTexts_.size() - place.offset - place.keyLength;
+      instanceEntries_.push_back(place);
     }
+  }
+
+  // False when the instance has the key of `place` already (a repeated key is left to the
+  // general reader).
+  bool FirstInInstance(const EntryPlace& place) const {
+    const std::string_view texts = instanceTexts_;
+    const std::string_view key = texts.substr(place.offset, place.keyLength);
+    for (const EntryPlace& earlier : instanceEntries_) {
+      if (texts.substr(earlier.offset, earlier.keyLength) == key) return false;
+    }
+    return true;
   }
 
   void FileInstance(ScanData& scanData) {
@@ -295,20 +319,12 @@ class PlainReader {
   std::string_view in_;
   bool build_;
   std::size_t pos_ = 0;
-  // Where an entry's key and value lie in instanceTexts_ (the value right after the key).
-  struct EntryPlace {
-    std::size_t offset;
-    std::size_t keyLength;
-    std::size_t valueLength;
-  };
   std::string classKey_;
   std::string key_;
-  std::string value_;
   std::string instanceTexts_;
   std::vector<EntryPlace> instanceEntries_;
   std::vector<InstanceEntry> entryViews_;
   std::vector<std::string> classKeys_;
-  std::vector<std::string> instanceKeys_;
 };
 
 }  // namespace
