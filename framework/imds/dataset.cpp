@@ -180,12 +180,20 @@ bool DataSetVector::Add(std::unique_ptr<TableData> table) {
 }
 
 std::size_t DataSetVector::CaseFoldedHash::operator()(std::string_view name) const noexcept {
-  std::uint64_t hash = 14695981039346656037ULL;  // FNV-1a over the lower-case bytes
-  for (const char c : name) {
-    const char lower = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-    hash = (hash ^ static_cast<unsigned char>(lower)) * 1099511628211ULL;
+  // A store holds a few dozen tables: the length and a few letters (lower case) tell them
+  // apart well enough, and a lookup costs next to nothing.
+  const auto lower = [](char c) {
+    return static_cast<std::uint64_t>(
+        static_cast<unsigned char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c));
+  };
+  std::uint64_t hash = name.size();
+  if (!name.empty()) {
+    hash = hash * 257 + lower(name.front());
+    hash = hash * 257 + lower(name[name.size() / 2]);
+    hash = hash * 257 + lower(name[name.size() / 3]);
+    hash = hash * 257 + lower(name.back());
   }
-  return static_cast<std::size_t>(hash);
+  return static_cast<std::size_t>(hash * 0x9E3779B97F4A7C15ULL);
 }
 
 bool DataSetVector::CaseFoldedEqual::operator()(std::string_view a,

@@ -248,12 +248,20 @@ PlistPtr PlistNode::ToValue() const {
 }
 
 PlistNode ValueForKey(const PlistNode& dictionary, std::string_view key) {
-  if (!dictionary) return PlistNode();
+  PlistNode value;
+  const std::string wanted(key);
+  const char* const keys[] = {wanted.c_str()};
+  ValuesForKeys(dictionary, keys, std::span(&value, 1));
+  return value;
+}
+
+void ValuesForKeys(const PlistNode& dictionary, std::span<const char* const> keys,
+                   std::span<PlistNode> values) {
+  for (PlistNode& value : values) value = PlistNode();
+  if (!dictionary) return;
   const auto node = static_cast<plist_t>(dictionary.node_);
   if (plist_get_node_type(node) != PLIST_DICT) RaiseWrongKind(dictionary.type(), "objectForKey:");
   // The last of repeated keys, as a dictionary built entry by entry keeps it.
-  const std::string wanted(key);
-  plist_t found = nullptr;
   plist_dict_iter rawIterator = nullptr;
   plist_dict_new_iter(node, &rawIterator);
   const std::unique_ptr<void, CFree> iterator(rawIterator);
@@ -261,9 +269,11 @@ PlistNode ValueForKey(const PlistNode& dictionary, std::string_view key) {
     plist_t child = nullptr;
     plist_dict_next_item(node, iterator.get(), nullptr, &child);
     if (child == nullptr) break;
-    if (plist_key_val_compare(plist_dict_item_get_key(child), wanted.c_str()) == 0) found = child;
+    const plist_t entryKey = plist_dict_item_get_key(child);
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      if (plist_key_val_compare(entryKey, keys[i]) == 0) values[i] = PlistNode(child);
+    }
   }
-  return PlistNode(found);
 }
 
 PlistNode ObjectAtIndex(const PlistNode& array, std::size_t index) {

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -30,6 +31,8 @@ class PlistNode {
  private:
   friend class PlistDocument;
   friend PlistNode ValueForKey(const PlistNode& dictionary, std::string_view key);
+  friend void ValuesForKeys(const PlistNode& dictionary, std::span<const char* const> keys,
+                            std::span<PlistNode> values);
   friend PlistNode ObjectAtIndex(const PlistNode& array, std::size_t index);
   friend std::size_t Count(const PlistNode& container);
   friend std::optional<std::string> TextOf(const PlistNode& value);
@@ -40,6 +43,10 @@ class PlistNode {
 // The readers of plist_value.h for nodes: a missing key or absent input gives absent, a
 // value of the wrong kind and an index past the end raise PlatformException.
 PlistNode ValueForKey(const PlistNode& dictionary, std::string_view key);
+// ValueForKey for several keys in one walk of the dictionary: values[i] is the value of
+// keys[i] (the spans are of equal length).
+void ValuesForKeys(const PlistNode& dictionary, std::span<const char* const> keys,
+                   std::span<PlistNode> values);
 PlistNode ObjectAtIndex(const PlistNode& array, std::size_t index);
 std::size_t Count(const PlistNode& container);
 std::optional<std::string> TextOf(const PlistNode& value);

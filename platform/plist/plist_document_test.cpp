@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -54,6 +55,24 @@ void ExpectSameReadings(const std::string& bytes) {
                   return std::to_string(Count(ValueForKey(ObjectAtIndex(tree, index), key)));
                 }));
     }
+  }
+  // Several keys in one walk read as the tree reads each key.
+  static constexpr const char* kSeveral[] = {"version", "_name", "missing", "_name"};
+  for (std::size_t index : {0u, 1u}) {
+    EXPECT_EQ(Outcome([&] {
+                PlistNode values[std::size(kSeveral)];
+                ValuesForKeys(ObjectAtIndex(root, index), kSeveral, values);
+                std::string shown;
+                for (const PlistNode& value : values) shown += Shown(TextOf(value)) + "|";
+                return shown;
+              }),
+              Outcome([&] {
+                std::string shown;
+                for (const char* key : kSeveral) {
+                  shown += Shown(TextOf(ValueForKey(ObjectAtIndex(tree, index), key))) + "|";
+                }
+                return shown;
+              }));
   }
   for (const std::string& key : keys) {
     EXPECT_EQ(Outcome([&] { return Shown(TextOf(ValueForKey(root, key))); }),

@@ -1,5 +1,7 @@
 // Installed applications.
+#include <array>
 #include <exception>
+#include <iterator>
 #include <filesystem>
 #include <system_error>
 #include <vector>
@@ -77,6 +79,20 @@ struct ApplicationFields {
 
 namespace {
 
+// The fields of one item, read in the order name, version, path, info.
+ApplicationFields FieldsOf(const PlistPtr& item) {
+  return {TextAt(item, "_name"), TextAt(item, "version"), TextAt(item, "path"),
+          TextAt(item, "info")};
+}
+
+// The same from a parsed report, the item's dictionary walked once for all four keys.
+ApplicationFields FieldsOf(const PlistNode& item) {
+  static constexpr const char* kKeys[] = {"_name", "version", "path", "info"};
+  std::array<PlistNode, std::size(kKeys)> values;
+  ValuesForKeys(item, kKeys, values);
+  return {TextOf(values[0]), TextOf(values[1]), TextOf(values[2]), TextOf(values[3])};
+}
+
 // The fields of every item, in order, as far as they can be read: what reading the next
 // item raised, if anything, comes back instead of being thrown, so that the items before it
 // are still recorded first.
@@ -84,10 +100,8 @@ template <typename Node>
 std::exception_ptr ReadApplications(const Node& items, std::vector<ApplicationFields>& read) {
   try {
     for (std::size_t i = 0; i < Count(items); ++i) {
-      const Node item = ObjectAtIndex(items, i);
       // A dictionary answers every key, so "info" cannot raise where "_name" did not.
-      read.push_back({TextAt(item, "_name"), TextAt(item, "version"), TextAt(item, "path"),
-                      TextAt(item, "info")});
+      read.push_back(FieldsOf(ObjectAtIndex(items, i)));
     }
   } catch (const PlatformException&) {
     return std::current_exception();
