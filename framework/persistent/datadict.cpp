@@ -1,6 +1,5 @@
 #include "framework/persistent/datadict.h"
 
-#include <strings.h>
 
 #include <array>
 #include <cstring>
@@ -110,7 +109,15 @@ std::string FoldCase(std::string_view text) {
 }
 
 bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
+  if (a.size() != b.size()) return false;
+  // ASCII letters only, as the C locale the program runs in folds them.
+  const auto lower = [](char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  };
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    if (a[i] != b[i] && lower(a[i]) != lower(b[i])) return false;
+  }
+  return true;
 }
 
 TableDefn::TableDefn(std::string name, std::optional<std::string> description,
