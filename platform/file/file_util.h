@@ -86,6 +86,9 @@ FolderState CheckOwnFolder(const std::string& path);
 // component) to a file created afresh at target (CreateFreshOutputFile). The error of the
 // step that failed, or none.
 std::error_code CopyRegularFile(const std::string& source, const std::string& target);
+// Copies what is left of the open file `from` to the open file `to`; false on a failed read
+// or write.
+bool CopyContents(int from, int to);
 
 // True for a name that stays inside the folder it is joined to: not empty, no "/", not "."
 // or "..".

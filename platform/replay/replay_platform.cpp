@@ -1,5 +1,8 @@
 #include "platform/replay/replay_platform.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <optional>
 #include <string>
 #include <utility>
@@ -89,10 +92,14 @@ class ReplayToolRunner final : public ToolRunner {
                  const std::string& outputPath) override {
     const RecordedCommand* command = Find(launchPath, arguments);
     if (command == nullptr) return false;
-    const auto output = ReadWholeFile(command->outputPath);
-    if (!output) return false;
+    // The recorded output is copied as the tool would have written it.
+    const UniqueFd recorded(::open(command->outputPath.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat info {};
+    if (!recorded.valid() || ::fstat(recorded.get(), &info) != 0 || S_ISDIR(info.st_mode)) {
+      return false;
+    }
     const UniqueFd file = CreateFreshOutputFile(outputPath);
-    if (!file.valid() || !WriteAll(file.get(), *output)) return false;
+    if (!file.valid() || !CopyContents(recorded.get(), file.get())) return false;
     return command->exitCode == 0;
   }
 
