@@ -1,5 +1,6 @@
 #include "tarninventory/src/snapshotfile.h"
 
+#include <cstdint>
 #include <cstring>
 
 #include "platform/exception/platform_exception.h"
@@ -19,23 +20,25 @@ constexpr std::string_view kRootEnd = "</dict>\n</plist>\n";
 
 // ---- Writing: libplist's layout, one tab per level of nesting.
 
-void AppendIndent(std::string& out, int depth) { out.append(static_cast<std::size_t>(depth), '\t'); }
-
 // Whether each text is checked as it is written (raising where libplist would), or the
 // whole text once at the end.
 enum class TextCheck { kEach, kDeferred };
 
-void AppendElement(std::string& out, int depth, std::string_view tag, std::string_view text,
+// An element's line: its indented start tag, the text, its end tag and the line end.
+struct ElementLine {
+  std::string_view start;
+  std::string_view end;
+};
+constexpr ElementLine kClassKeyLine{"\t\t<key>", "</key>\n"};
+constexpr ElementLine kKeyLine{"\t\t\t\t<key>", "</key>\n"};
+constexpr ElementLine kStringLine{"\t\t\t\t<string>", "</string>\n"};
+
+void AppendElement(std::string& out, const ElementLine& line, std::string_view text,
                    TextCheck check) {
   if (check == TextCheck::kEach) RequirePlistWritableText(text);
-  AppendIndent(out, depth);
-  out += '<';
-  out += tag;
-  out += '>';
+  out += line.start;
   AppendPlistXmlText(out, text);
-  out += "</";
-  out += tag;
-  out += ">\n";
+  out += line.end;
 }
 
 void AppendInstance(std::string& out, const ScanData::Instance& instance, TextCheck check) {
@@ -46,8 +49,8 @@ void AppendInstance(std::string& out, const ScanData::Instance& instance, TextCh
   out += "\t\t\t<dict>\n";
   for (std::size_t i = 0; i < instance.size(); ++i) {
     const InstanceEntry entry = instance[i];
-    AppendElement(out, 4, "key", entry.key, check);
-    AppendElement(out, 4, "string", entry.value, check);
+    AppendElement(out, kKeyLine, entry.key, check);
+    AppendElement(out, kStringLine, entry.value, check);
   }
   out += "\t\t\t</dict>\n";
 }
@@ -93,7 +96,7 @@ void AppendScanData(std::string& out, const ScanData& scanData, TextCheck check)
   }
   out += "\t<dict>\n";
   for (std::size_t c = 0; c < scanData.ClassCount(); ++c) {
-    AppendElement(out, 2, "key", scanData.ClassKey(c), check);
+    AppendElement(out, kClassKeyLine, scanData.ClassKey(c), check);
     if (scanData.InstanceCount(c) == 0) {
       out += "\t\t<array/>\n";
       continue;
@@ -329,9 +332,28 @@ class PlainReader {
 
 }  // namespace
 
+namespace {
+
+// True when one of the word's eight bytes equals `byte`.
+bool HasByte(std::uint64_t word, unsigned char byte) {
+  constexpr std::uint64_t kOnes = 0x0101010101010101ULL;
+  const std::uint64_t x = word ^ (byte * kOnes);
+  return ((x - kOnes) & ~x & (0x80 * kOnes)) != 0;
+}
+
+}  // namespace
+
 void AppendPlistXmlText(std::string& out, std::string_view text) {
   std::size_t runStart = 0;
   for (std::size_t i = 0; i < text.size(); ++i) {
+    // Text without markup characters passes a word at a time.
+    while (i + 8 <= text.size()) {
+      std::uint64_t word;
+      std::memcpy(&word, text.data() + i, sizeof word);
+      if (HasByte(word, '&') || HasByte(word, '<') || HasByte(word, '>')) break;
+      i += 8;
+    }
+    if (i == text.size()) break;
     const char c = text[i];
     if (c != '&' && c != '<' && c != '>') continue;
     out.append(text, runStart, i - runStart);

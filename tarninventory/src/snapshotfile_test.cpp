@@ -33,6 +33,7 @@ const std::vector<std::string> kTexts = {"",
                                          "line\nfeed\r\nand\rreturn\ttab",
                                          "caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80",
                                          "]]> <![CDATA[ <!-- -->",
+                                         "a long text, 0123456789 & more <b>bold</b> text",
                                          "\x01\x1f\x7f controls"};
 
 // A random scan data dictionary made of kTexts.
