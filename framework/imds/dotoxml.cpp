@@ -7,8 +7,6 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
-#include <string>
-#include <utility>
 
 #include "framework/imds/dataset.h"
 #include "framework/logging/logger.h"
@@ -16,45 +14,22 @@
 namespace tarn {
 namespace {
 
-// The document's text, written by plain copies into a string sized up front to the
-// document's bound; should the bound ever fall short, the string grows.
-class DocumentWriter {
- public:
-  explicit DocumentWriter(std::size_t bound) { text_.resize(bound); }
-
-  DocumentWriter& operator<<(std::string_view piece) {
-    if (piece.size() > text_.size() - used_) {
-      text_.resize(std::max(2 * text_.size(), used_ + piece.size()));
-    }
-    std::memcpy(text_.data() + used_, piece.data(), piece.size());
-    used_ += piece.size();
-    return *this;
-  }
-
-  std::string Finish() && {
-    text_.resize(used_);
-    return std::move(text_);
-  }
-
- private:
-  std::string text_;
-  std::size_t used_ = 0;
-};
-
 // Appends name="value" followed by one blank; the value is written whole.
-void AppendAttributeText(DocumentWriter& document, std::string_view name,
-                         std::string_view value) {
-  document << name << "=\"" << value << "\" ";
+void AppendAttributeText(std::string& document, std::string_view name, std::string_view value) {
+  document += name;
+  document += "=\"";
+  document += value;
+  document += "\" ";
 }
 
-void AppendIntegerAttribute(DocumentWriter& document, std::string_view name, std::int32_t value) {
+void AppendIntegerAttribute(std::string& document, std::string_view name, std::int32_t value) {
   char digits[16];
   const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
   AppendAttributeText(document, name, std::string_view(digits, end - digits));
 }
 
 // "%f" of the value: six decimals, however long the integral part.
-void AppendFixedAttribute(DocumentWriter& document, std::string_view name, double value) {
+void AppendFixedAttribute(std::string& document, std::string_view name, double value) {
   const int length = std::snprintf(nullptr, 0, "%f", value);
   std::string text(static_cast<std::size_t>(std::max(length, 0)), '\0');
   std::snprintf(text.data(), text.size() + 1, "%f", value);
@@ -74,7 +49,7 @@ std::optional<std::string> DateTimeAttributeText(int type, const OwnedBlock& val
   return ConvertAdvDateTimeToString(&dateTime);
 }
 
-void AppendAttribute(DocumentWriter& document, const ColumnDefn& column, const OwnedBlock& value) {
+void AppendAttribute(std::string& document, const ColumnDefn& column, const OwnedBlock& value) {
   const std::string_view name = column.name;
   switch (column.type) {
     case kTypeTinyInt:
@@ -111,9 +86,11 @@ void AppendAttribute(DocumentWriter& document, const ColumnDefn& column, const O
   }
 }
 
-void AppendRow(DocumentWriter& document, std::string_view listedName, const TableData& table,
+void AppendRow(std::string& document, const char* listedName, const TableData& table,
                const RowObject& row) {
-  document << "<" << listedName << " ";
+  document += '<';
+  document += listedName;
+  document += ' ';
   const auto& columns = table.tableDefn->columns();
   const std::size_t count = std::min({static_cast<std::size_t>(std::max(table.columnCount, 0)),
                                       columns.size(), row.values.size()});
@@ -128,7 +105,7 @@ void AppendRow(DocumentWriter& document, std::string_view listedName, const Tabl
       AppendAttribute(document, column, *value);
     }
   }
-  document << "/>\n";
+  document += "/>\n";
 }
 
 // The loaded table a listed name writes, or null when it writes nothing.
@@ -140,11 +117,10 @@ const TableData* WrittenTable(const char* listedName) {
   return table;
 }
 
-void AppendTable(DocumentWriter& document, const char* listedName) {
+void AppendTable(std::string& document, const char* listedName) {
   if (const TableData* table = WrittenTable(listedName)) {
-    const std::string_view name = listedName;
     for (const auto& row : table->rows) {
-      AppendRow(document, name, *table, *row);
+      AppendRow(document, listedName, *table, *row);
     }
   }
 }
@@ -202,16 +178,20 @@ std::optional<std::string> ConvertDOtoXMLBuffer(std::span<const char* const> tab
   const char* root = rootName == nullptr ? "" : rootName;
   std::string document;
   try {
-    DocumentWriter writer(DocumentBound(tableNames, std::strlen(root)));
-    writer << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<" << root << ">\n";
+    document.reserve(DocumentBound(tableNames, std::strlen(root)));
+    document = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+    document += '<';
+    document += root;
+    document += ">\n";
     for (const char* name : tableNames) {
       if (name == nullptr) {
         break;
       }
-      AppendTable(writer, name);
+      AppendTable(document, name);
     }
-    writer << "</" << root << ">\n";
-    document = std::move(writer).Finish();
+    document += "</";
+    document += root;
+    document += ">\n";
   } catch (const std::bad_alloc&) {
     ErrorLogMessage("Memory allocation failed while copying TEXT value.\n");
     return std::nullopt;
