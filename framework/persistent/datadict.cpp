@@ -110,6 +110,7 @@ std::string FoldCase(std::string_view text) {
 
 bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
   if (a.size() != b.size()) return false;
+  if (a == b) return true;  // names are mostly spelt alike
   // ASCII letters only, as the C locale the program runs in folds them.
   const auto lower = [](char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;

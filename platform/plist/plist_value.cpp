@@ -51,14 +51,6 @@ constexpr std::array<bool, 256> kPlainDescriptionBytes = [] {
   return plain;
 }();
 
-bool NeedsQuotes(std::string_view text) {
-  if (text.empty()) return true;
-  for (const char c : text) {
-    if (!kPlainDescriptionBytes[static_cast<unsigned char>(c)]) return true;
-  }
-  return false;
-}
-
 // The escape a quoted description writes for a byte, or null for a byte written as it is.
 const char* DescriptionEscape(char c) {
   switch (c) {
@@ -89,13 +81,19 @@ void RaiseOutOfRange(std::size_t index, std::size_t count) {
 }
 
 void AppendDescriptionText(std::string& out, std::string_view text) {
-  if (!NeedsQuotes(text)) {
+  // The plain bytes before the first other one hold nothing to escape either.
+  std::size_t plainPrefix = 0;
+  while (plainPrefix < text.size() &&
+         kPlainDescriptionBytes[static_cast<unsigned char>(text[plainPrefix])]) {
+    ++plainPrefix;
+  }
+  if (!text.empty() && plainPrefix == text.size()) {
     out += text;
     return;
   }
   out += '"';
   std::size_t runStart = 0;
-  for (std::size_t i = 0; i < text.size(); ++i) {
+  for (std::size_t i = plainPrefix; i < text.size(); ++i) {
     const char* escape = DescriptionEscape(text[i]);
     if (escape == nullptr) continue;
     out.append(text, runStart, i - runStart);

@@ -132,6 +132,16 @@ TEST(PlistValueTest, DescriptionQuotesWhatNeedsIt) {
             "    );\n"
             "}");
   EXPECT_EQ(PlistValue::MakeDate(0)->Description(), "\"2001-01-01 00:00:00 +0000\"");
+  const std::pair<const char*, const char*> texts[] = {
+      {"", "\"\""},
+      {"/Apps/Mail.app-1_2:$", "/Apps/Mail.app-1_2:$"},
+      {"Mail 2", "\"Mail 2\""},
+      {"plainprefix\\then\ttab\nline\"", "\"plainprefix\\\\then\\ttab\\nline\\\"\""},
+      {"caf\xC3\xA9", "\"caf\xC3\xA9\""},
+  };
+  for (const auto& [text, described] : texts) {
+    EXPECT_EQ(PlistValue::MakeString(text)->Description(), described) << text;
+  }
 }
 
 }  // namespace
