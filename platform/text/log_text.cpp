@@ -157,11 +157,6 @@ void FormatConversion(const Conversion& c, std::va_list* arguments, TextSink& si
   }
 }
 
-}  // namespace
-
-
-namespace {
-
 // True when one of the eight bytes of the word may be a control character: a byte below
 // 0x20 (the tab included, the caller looks closer) or DEL.
 bool MayHoldControl(std::uint64_t word) {
