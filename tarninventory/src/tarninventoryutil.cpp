@@ -501,16 +501,30 @@ std::optional<std::string_view> PreviousText(const ScanData::Instance& previous,
 void RequirePrevious(const PlistPtr& previous) { Require(previous, "previous instance"); }
 void RequirePrevious(const ScanData::Instance&) {}
 
+// True when both instances list the same entries in the same order (and so are described
+// alike).
+bool SameEntriesInOrder(const ScanData::Instance& a, const ScanData::Instance& b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    if (a[i].key != b[i].key || a[i].value != b[i].value) return false;
+  }
+  return true;
+}
+
 // The one-way comparison of CompareDicts over the `count` entries of the current instance:
 // keyAt(i) gives an entry's key, textAt(i) its value text (raising for a value that is not
-// text, as the platform would).
+// text, as the platform would). The previous instance's description is made here unless the
+// caller has it already.
 template <typename Previous, typename KeyAt, typename TextAt>
 DWORD CompareInstances(std::size_t count, const Previous& previous,
-                       const std::string& currentDescription, KeyAt keyAt, TextAt textAt) {
+                       const std::string& currentDescription, KeyAt keyAt, TextAt textAt,
+                       const std::string* previousDescription = nullptr) {
   try {
     RequirePrevious(previous);
     if (DebugLogging()) {
-      DebugLogMessage("CompareDicts :PrevData : %s ", DescriptionOf(previous).c_str());
+      DebugLogMessage("CompareDicts :PrevData : %s ", previousDescription != nullptr
+                                                          ? previousDescription->c_str()
+                                                          : DescriptionOf(previous).c_str());
       DebugLogMessage("CompareDicts :CurData : %s", currentDescription.c_str());
     }
     for (std::size_t i = 0; i < count; ++i) {
@@ -547,10 +561,17 @@ DWORD CompareDicts(const ScanData::Instance& current, const PlistPtr& previous) 
 }
 
 DWORD CompareDicts(const ScanData::Instance& current, const ScanData::Instance& previous) {
+  std::string previousDescription;
+  std::string currentDescription;
+  if (DebugLogging()) {
+    previousDescription = previous.Description();
+    currentDescription = SameEntriesInOrder(current, previous) ? previousDescription
+                                                               : current.Description();
+  }
   return CompareInstances(
-      current.size(), previous, DebugLogging() ? current.Description() : std::string(),
+      current.size(), previous, currentDescription,
       [&current](std::size_t i) { return current[i].key; },
-      [&current](std::size_t i) { return current[i].value; });
+      [&current](std::size_t i) { return current[i].value; }, &previousDescription);
 }
 
 DWORD CompareDicts(const PlistPtr& current, const PlistPtr& previous) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
@@ -16,6 +17,7 @@
 #include "framework/persistent/xmldatadictparser.h"
 #include "tarninventory/src/FullScanHandler.h"
 #include "tarninventory/src/InvClassHandler.h"
+#include "tarninventory/src/scandata.h"
 #include "tarninventory/src/scanrun.h"
 #include "tarnutils/src/JsonEncoder.h"
 #include "tarnutils/src/TarnGlobalvars.h"
@@ -218,6 +220,53 @@ TEST_F(RecorderTest, DifferenceDocumentHasTheExactShape) {
   AddAgentParamsinDict(diff, "42", "1", "0");
   EXPECT_EQ(diff->ValueForKey("AgentParams")->Keys().size(), 8u);
   EXPECT_EQ(diff->ValueForKey("AgentParams")->ValueForKey("scanType")->String(), "1");
+}
+
+// The comparison lines of a log (time stamps dropped), in order.
+std::string ComparisonLines(const std::string& log) {
+  std::istringstream lines(log);
+  std::string kept;
+  for (std::string line; std::getline(lines, line);) {
+    const std::size_t at = line.find("CompareDicts");
+    const std::size_t status = line.find("GetDictStatus");
+    if (at != std::string::npos || status != std::string::npos) {
+      kept += line.substr(std::min(at, status)) + "\n";
+    }
+  }
+  return kept;
+}
+
+// A snapshot read from its file (held compact) and the same snapshot as property lists log
+// every comparison alike, descriptions included, and file the same differences.
+TEST_F(RecorderTest, CompactSnapshotLogsAndFilesAsTheDictionaryDoes) {
+  Record(13, 1, {{"1305", "disk0"}, {"1306", "5"}});
+  Record(13, 2, {{"1305", "disk1"}, {"1306", "2"}});
+  Record(13, 3, {{"1305", "disk \"three\""}, {"1306", "1"}, {"1307", "x"}});
+  Record(18, 1, {{"1801", "Safari"}, {"1812", "/A"}});
+  RecordRunEnd();
+  const PlistPtr previous = CurrentScanRun().invScanData.ToPlist();
+  const auto scan = [&](bool compact) {
+    ResetScanRun();
+    CurrentScanRun().scanType = kDiffScanType;
+    CurrentScanRun().fullScanobj =
+        compact ? std::make_unique<FullScanHandler>(*ScanData::FromPlist(*previous))
+                : std::make_unique<FullScanHandler>(previous->Clone());
+    testing::LogCapture log(3);
+    Record(13, 1, {{"1305", "disk0"}, {"1306", "5"}});                       // the same
+    Record(13, 2, {{"1306", "2"}, {"1305", "disk1"}});                       // other order
+    Record(13, 3, {{"1305", "disk \"three\""}, {"1306", "4"}, {"1307", "x"}});  // modified
+    Record(18, 1, {{"1801", "Safari"}, {"1812", "/A"}, {"1813", "9"}});      // gained one
+    RecordRunEnd();
+    CurrentScanRun().fullScanobj->WritetoDiffData();
+    return std::make_pair(ComparisonLines(log.Text()), Json(CurrentScanRun().invDiffData));
+  };
+  const auto [expectedLog, expectedDiff] = scan(false);
+  const auto [log, diff] = scan(true);
+  EXPECT_EQ(log, expectedLog);
+  EXPECT_EQ(diff, expectedDiff);
+  EXPECT_NE(expectedLog.find("CompareDicts :CurData : {\\x0A    1306 = 2;"), std::string::npos)
+      << expectedLog;
+  EXPECT_NE(expectedLog.find("curValue:4 prevValue : 1"), std::string::npos) << expectedLog;
 }
 
 TEST_F(RecorderTest, DifferenceScanWithoutSnapshotAndFailedComparisons) {
