@@ -147,6 +147,16 @@ class PlainReader {
     pos_ += token.size();
     return true;
   }
+  // The same for a literal, compared with its length known to the compiler.
+  template <std::size_t N>
+  bool Take(const char (&token)[N]) {
+    constexpr std::size_t kLength = N - 1;
+    if (in_.size() - pos_ < kLength || std::memcmp(in_.data() + pos_, token, kLength) != 0) {
+      return false;
+    }
+    pos_ += kLength;
+    return true;
+  }
 
   // White space between elements; always true.
   bool SkipSpace() {
