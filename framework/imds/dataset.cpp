@@ -326,7 +326,10 @@ std::optional<std::int32_t> GenerateNextId(const std::string& generatorName) {
 }
 
 int AddNewRow(const char* tableName, RowPtr row) {
-  TableData* table = GetTableDataByName(tableName);
+  return AddNewRow(GetTableDataByName(tableName), std::move(row));
+}
+
+int AddNewRow(TableData* table, RowPtr row) {
   if (table == nullptr || !row || !table->tableDefn || table->tableDefn->columns().empty()) {
     return 0;
   }

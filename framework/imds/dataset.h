@@ -129,6 +129,8 @@ RowPtr CreateNewRowObject(std::vector<ValueSlot> values, std::vector<std::int32_
 // uniqueness, key or nullability check is made. 0 when the table is not
 // loaded, its definition has no columns or row is null.
 int AddNewRow(const char* tableName, RowPtr row);
+// The same for a table already looked up (null: 0).
+int AddNewRow(TableData* table, RowPtr row);
 
 // Sequence state of a generator: next value to hand out and the last value of
 // the current batch. Batches are filled by the persistence layer.

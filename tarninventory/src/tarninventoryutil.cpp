@@ -142,8 +142,9 @@ class RowBuilder {
 
   // Adds the row to the table: the row, now owned by the table, or null when refused.
   RowObject* AddTo(const char* tableName) {
-    if (AddNewRow(tableName, std::move(row_)) != 1) return nullptr;
-    return GetTableDataByName(tableName)->rows.back().get();
+    TableData* table = GetTableDataByName(tableName);
+    if (AddNewRow(table, std::move(row_)) != 1) return nullptr;
+    return table->rows.back().get();
   }
 
  private:
