@@ -57,8 +57,9 @@ class FullScanHandler {
   void RemoveMatched(std::int32_t classId, const PlistPtr& instance);
 
   // The same two steps for a class held compact (as the snapshot file is read), with the
-  // previous instance viewed in place instead of copied into a dictionary. `held` is false
-  // when the class is not held compact: FindFirstByKey and RemoveMatched answer for it.
+  // previous instance viewed in place (valid while this handler lives) instead of copied
+  // into a dictionary. `held` is false when the class is not held compact: FindFirstByKey
+  // and RemoveMatched answer for it.
   struct CompactMatch {
     bool held = false;
     std::optional<ScanData::Instance> instance;
