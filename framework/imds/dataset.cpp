@@ -183,8 +183,7 @@ std::size_t DataSetVector::CaseFoldedHash::operator()(std::string_view name) con
   // A store holds a few dozen tables: the length and a few letters (lower case) tell them
   // apart well enough, and a lookup costs next to nothing.
   const auto lower = [](char c) {
-    return static_cast<std::uint64_t>(
-        static_cast<unsigned char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c));
+    return static_cast<std::uint64_t>(static_cast<unsigned char>(AsciiLower(c)));
   };
   std::uint64_t hash = name.size();
   if (!name.empty()) {

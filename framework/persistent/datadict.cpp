@@ -100,11 +100,7 @@ TableDefnVector& DefinitionList() {
 
 std::string FoldCase(std::string_view text) {
   std::string folded(text);
-  for (char& c : folded) {
-    if (c >= 'A' && c <= 'Z') {
-      c = static_cast<char>(c - 'A' + 'a');
-    }
-  }
+  for (char& c : folded) c = AsciiLower(c);
   return folded;
 }
 
@@ -112,11 +108,8 @@ bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
   if (a.size() != b.size()) return false;
   if (a == b) return true;  // names are mostly spelt alike
   // ASCII letters only, as the C locale the program runs in folds them.
-  const auto lower = [](char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-  };
   for (std::size_t i = 0; i < a.size(); ++i) {
-    if (a[i] != b[i] && lower(a[i]) != lower(b[i])) return false;
+    if (a[i] != b[i] && AsciiLower(a[i]) != AsciiLower(b[i])) return false;
   }
   return true;
 }

@@ -102,6 +102,10 @@ class TableDefnVector {
   std::unordered_map<std::string, std::shared_ptr<const TableDefn>> firstByFoldedName_;
 };
 
+// The ASCII lower-case letter for an upper-case one; every other byte as it is.
+constexpr char AsciiLower(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
 // ASCII lower-case copy of text, the key of every name lookup that ignores letter case.
 std::string FoldCase(std::string_view text);
 // True when a and b are equal ignoring ASCII letter case.

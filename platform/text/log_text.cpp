@@ -7,6 +7,8 @@
 #include <cwchar>
 #include <type_traits>
 
+#include "platform/text/byte_words.h"
+
 namespace tarn {
 namespace {
 
@@ -159,14 +161,7 @@ void FormatConversion(const Conversion& c, std::va_list* arguments, TextSink& si
 
 // True when one of the eight bytes of the word may be a control character: a byte below
 // 0x20 (the tab included, the caller looks closer) or DEL.
-bool MayHoldControl(std::uint64_t word) {
-  constexpr std::uint64_t kOnes = 0x0101010101010101ULL;
-  constexpr std::uint64_t kHighBits = 0x8080808080808080ULL;
-  const std::uint64_t below20 = (word - 0x20 * kOnes) & ~word & kHighBits;
-  const std::uint64_t del = word ^ (0x7F * kOnes);
-  const std::uint64_t isDel = (del - kOnes) & ~del & kHighBits;
-  return (below20 | isDel) != 0;
-}
+bool MayHoldControl(std::uint64_t word) { return HasByteBelow(word, 0x20) || HasByte(word, 0x7F); }
 
 }  // namespace
 
@@ -179,9 +174,7 @@ void AppendEscaped(std::string_view text, TextSink& sink) {
   while (p != end) {
     // Plain text passes a word at a time.
     if (end - p >= 8) {
-      std::uint64_t word;
-      std::memcpy(&word, p, sizeof word);
-      if (!MayHoldControl(word)) {
+      if (!MayHoldControl(LoadWord(p))) {
         p += 8;
         continue;
       }

@@ -2,7 +2,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
+
+#include "platform/text/byte_words.h"
 
 namespace tarn {
 namespace {
@@ -35,20 +36,13 @@ bool SecondByteInRange(unsigned char lead, unsigned char second) {
   }
 }
 
-// True when the eight bytes at `at` are all ASCII.
-bool EightAscii(const char* at) {
-  std::uint64_t word;
-  std::memcpy(&word, at, sizeof word);
-  return (word & 0x8080808080808080ULL) == 0;
-}
-
 }  // namespace
 
 bool IsValidUtf8(std::string_view bytes) {
   std::size_t i = 0;
   while (i < bytes.size()) {
     // Most text is ASCII: skip it a word at a time.
-    while (i + 8 <= bytes.size() && EightAscii(bytes.data() + i)) i += 8;
+    while (i + 8 <= bytes.size() && AllAscii(LoadWord(bytes.data() + i))) i += 8;
     if (i == bytes.size()) break;
     const auto lead = static_cast<unsigned char>(bytes[i]);
     const std::size_t length = SequenceLength(lead);

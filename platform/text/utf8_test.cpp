@@ -8,9 +8,11 @@ namespace tarn {
 namespace {
 
 TEST(Utf8, SequencesAreCheckedWhereverTheyFallAmongAsciiWords) {
-  const std::string good[] = {"caf\xC3\xA9", "\xE2\x80\x99", "\xF0\x9F\x98\x80", "\xF4\x8F\xBF\xBF"};
-  const std::string bad[] = {"\xC3",         "\xC0\xAF",      "\xE0\x80\xAF", "\xED\xA0\x80",
-                             "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\xFF", "\x80"};
+  const std::string good[] = {"caf\xC3\xA9", "\xE2\x80\x99", "\xF0\x9F\x98\x80",
+                              "\xF4\x8F\xBF\xBF"};
+  const std::string bad[] = {"\xC3",         "\xC0\xAF",         "\xE0\x80\xAF",
+                             "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xF5\x80\x80\x80",
+                             "\xFF",         "\x80"};
   // Every offset from the start of a word, so that a sequence starts inside an ASCII word,
   // on its boundary, and straddles two words.
   for (std::size_t lead = 0; lead < 17; ++lead) {

@@ -470,14 +470,10 @@ void FullScanHandler::addObjectToClass(std::int32_t classId, const PlistPtr& arr
 }
 
 PlistPtr FullScanHandler::FindFirstByKey(std::int32_t classId, const std::string& key) {
-  const std::string classKey = ClassKey(classId);
-  if (Compact::Class* compact = compact_ ? compact_->Find(classKey) : nullptr) {
-    const auto chain = compact->byKey.find(key);
-    if (chain == compact->byKey.end()) return nullptr;
-    const std::optional<std::size_t> match = FirstRemaining(chain->second, compact->removed);
-    return match ? compact_->data.InstanceAt(compact->classIndex, *match).ToPlist() : nullptr;
+  if (const CompactMatch compact = FindFirstCompact(classId, key); compact.held) {
+    return compact.instance ? compact.instance->ToPlist() : nullptr;
   }
-  Index::ClassIndex* index = index_->For(*fullScanDict, classKey);
+  Index::ClassIndex* index = index_->For(*fullScanDict, ClassKey(classId));
   if (index == nullptr) return nullptr;
   std::optional<std::size_t> match;
   const auto chain = index->byKey.find(key);

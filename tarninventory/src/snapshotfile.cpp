@@ -5,6 +5,7 @@
 
 #include "platform/exception/platform_exception.h"
 #include "platform/plist/plist_io.h"
+#include "platform/text/byte_words.h"
 #include "platform/text/utf8.h"
 
 namespace tarn {
@@ -342,24 +343,12 @@ class PlainReader {
 
 }  // namespace
 
-namespace {
-
-// True when one of the word's eight bytes equals `byte`.
-bool HasByte(std::uint64_t word, unsigned char byte) {
-  constexpr std::uint64_t kOnes = 0x0101010101010101ULL;
-  const std::uint64_t x = word ^ (byte * kOnes);
-  return ((x - kOnes) & ~x & (0x80 * kOnes)) != 0;
-}
-
-}  // namespace
-
 void AppendPlistXmlText(std::string& out, std::string_view text) {
   std::size_t runStart = 0;
   for (std::size_t i = 0; i < text.size(); ++i) {
     // Text without markup characters passes a word at a time.
     while (i + 8 <= text.size()) {
-      std::uint64_t word;
-      std::memcpy(&word, text.data() + i, sizeof word);
+      const std::uint64_t word = LoadWord(text.data() + i);
       if (HasByte(word, '&') || HasByte(word, '<') || HasByte(word, '>')) break;
       i += 8;
     }

@@ -482,10 +482,6 @@ std::string GetDictStatus(const ScanData::Instance& instance, std::int32_t class
 
 namespace {
 
-// The previous instance of a comparison, held as a dictionary or viewed in the snapshot.
-std::string DescriptionOf(const PlistPtr& previous) { return previous->Description(); }
-std::string DescriptionOf(const ScanData::Instance& previous) { return previous.Description(); }
-
 // The previous text of a key (the current instance's `position`-th), nothing when the key is
 // absent; raises for a value that is not text, as the platform would.
 std::optional<std::string_view> PreviousText(const PlistPtr& previous, std::string_view key,
@@ -512,20 +508,18 @@ bool SameEntriesInOrder(const ScanData::Instance& a, const ScanData::Instance& b
   return true;
 }
 
-// The one-way comparison of CompareDicts over the `count` entries of the current instance:
-// keyAt(i) gives an entry's key, textAt(i) its value text (raising for a value that is not
-// text, as the platform would). The previous instance's description is made here unless the
-// caller has it already.
+// The one-way comparison of CompareDicts over the `count` entries of the current instance
+// (the previous one held as a dictionary or viewed in the snapshot): keyAt(i) gives an
+// entry's key, textAt(i) its value text (raising for a value that is not text, as the
+// platform would). The descriptions are the callers', made only when the debug log takes them.
 template <typename Previous, typename KeyAt, typename TextAt>
 DWORD CompareInstances(std::size_t count, const Previous& previous,
-                       const std::string& currentDescription, KeyAt keyAt, TextAt textAt,
-                       const std::string* previousDescription = nullptr) {
+                       const std::string& previousDescription,
+                       const std::string& currentDescription, KeyAt keyAt, TextAt textAt) {
   try {
     RequirePrevious(previous);
     if (DebugLogging()) {
-      DebugLogMessage("CompareDicts :PrevData : %s ", previousDescription != nullptr
-                                                          ? previousDescription->c_str()
-                                                          : DescriptionOf(previous).c_str());
+      DebugLogMessage("CompareDicts :PrevData : %s ", previousDescription.c_str());
       DebugLogMessage("CompareDicts :CurData : %s", currentDescription.c_str());
     }
     for (std::size_t i = 0; i < count; ++i) {
@@ -555,8 +549,10 @@ DWORD CompareInstances(std::size_t count, const Previous& previous,
 }  // namespace
 
 DWORD CompareDicts(const ScanData::Instance& current, const PlistPtr& previous) {
+  const bool describe = DebugLogging() && previous;
   return CompareInstances(
-      current.size(), previous, DebugLogging() && previous ? current.Description() : std::string(),
+      current.size(), previous, describe ? previous->Description() : std::string(),
+      describe ? current.Description() : std::string(),
       [&current](std::size_t i) { return current[i].key; },
       [&current](std::size_t i) { return current[i].value; });
 }
@@ -570,9 +566,9 @@ DWORD CompareDicts(const ScanData::Instance& current, const ScanData::Instance& 
                                                                : current.Description();
   }
   return CompareInstances(
-      current.size(), previous, currentDescription,
+      current.size(), previous, previousDescription, currentDescription,
       [&current](std::size_t i) { return current[i].key; },
-      [&current](std::size_t i) { return current[i].value; }, &previousDescription);
+      [&current](std::size_t i) { return current[i].value; });
 }
 
 DWORD CompareDicts(const PlistPtr& current, const PlistPtr& previous) {
@@ -582,9 +578,10 @@ DWORD CompareDicts(const PlistPtr& current, const PlistPtr& previous) {
     return 0;
   }
   const auto& entries = current->Entries();
+  const bool describe = DebugLogging() && previous;
   return CompareInstances(
-      entries.size(), previous,
-      DebugLogging() && previous ? current->Description() : std::string(),
+      entries.size(), previous, describe ? previous->Description() : std::string(),
+      describe ? current->Description() : std::string(),
       [&entries](std::size_t i) { return std::string_view(entries[i].first); },
       [&entries](std::size_t i) { return std::string_view(entries[i].second->String()); });
 }

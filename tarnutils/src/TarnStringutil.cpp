@@ -5,12 +5,28 @@ namespace {
 
 bool IsControl(unsigned char c) { return (c >= 1 && c <= 31) || c == 127; }
 
+// The XML escape alterChars writes for a markup character, or null for any other byte.
+const char* EntityFor(char c) {
+  switch (c) {
+    case '&':
+      return "&amp;";
+    case '<':
+      return "&lt;";
+    case '>':
+      return "&gt;";
+    case '"':
+      return "&quot;";
+    default:
+      return nullptr;
+  }
+}
+
 }  // namespace
 
 bool NeedsAlteration(std::string_view text) {
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
-    if (byte == 0 || IsControl(byte) || c == '&' || c == '<' || c == '>' || c == '"') return true;
+    if (byte == 0 || IsControl(byte) || EntityFor(c) != nullptr) return true;
   }
   return false;
 }
@@ -26,23 +42,8 @@ std::optional<std::string> alterChars(const char* text) {
   cleaned.reserve(static_cast<std::size_t>(end - text));
   const char* runStart = text;
   for (const char* p = text; p != end; ++p) {
-    const char* entity = nullptr;
-    switch (*p) {
-      case '&':
-        entity = "&amp;";
-        break;
-      case '<':
-        entity = "&lt;";
-        break;
-      case '>':
-        entity = "&gt;";
-        break;
-      case '"':
-        entity = "&quot;";
-        break;
-      default:
-        continue;
-    }
+    const char* entity = EntityFor(*p);
+    if (entity == nullptr) continue;
     cleaned.append(runStart, p);
     cleaned += entity;
     runStart = p + 1;
