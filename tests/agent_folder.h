@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -30,7 +31,7 @@ inline void WriteFileText(const std::filesystem::path& path, const std::string& 
 }
 
 struct ScannerResult {
-  int exitCode = -1;  // -1 when the scanner did not end by itself in time
+  int exitCode = -1;  // -1 when ended by a signal, -2 when killed for not ending in time
   std::string standardOutput;
   std::string standardError;  // what it wrote before the scan log took standard error over
 };
@@ -183,10 +184,12 @@ class AgentFolder {
   // BASE/stdout.txt and BASE/stderr.txt, so only one scanner of a folder is started at a time
   // unless the files' content does not matter.
   pid_t Start(const std::vector<std::string>& arguments) const {
+    // Everything the child needs is made before the fork: the test process has server
+    // threads, and a child of a threaded process may only make async-signal-safe calls
+    // (an allocation there can wait forever for a lock another thread held at the fork).
+    ScannerLaunch launch(base_, scannerName_, arguments);
     const pid_t child = ::fork();
-    if (child == 0) {
-      ExecScanner(arguments, base_ / "stdout.txt", base_ / "stderr.txt");
-    }
+    if (child == 0) launch.Exec();
     return child;
   }
   ScannerResult Wait(pid_t child, std::chrono::seconds timeout = std::chrono::seconds(60)) const {
@@ -194,6 +197,11 @@ class AgentFolder {
     result.exitCode = WaitFor(child, timeout);
     result.standardOutput = ReadFileText(base_ / "stdout.txt");
     result.standardError = ReadFileText(base_ / "stderr.txt");
+    if (result.exitCode == kKilledAfterTimeout) {
+      // The folder goes with the test: say here how far the scanner got.
+      std::fprintf(stderr, "scanner killed after %llds; its log ends with:\n%s\n",
+                   static_cast<long long>(timeout.count()), LastLines(ScanLog(), 20).c_str());
+    }
     return result;
   }
 
@@ -201,23 +209,47 @@ class AgentFolder {
   const std::string& scannerName() const { return scannerName_; }
 
  private:
-  [[noreturn]] void ExecScanner(const std::vector<std::string>& arguments,
-                                const std::filesystem::path& output,
-                                const std::filesystem::path& errors) const {
-    const int out = ::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    const int err = ::open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (out < 0 || err < 0 || ::dup2(out, 1) < 0 || ::dup2(err, 2) < 0 ||
-        ::chdir((base_ / "bin").c_str()) != 0) {
+  static constexpr int kKilledAfterTimeout = -2;
+
+  // The scanner's command line and files, ready for a child that only opens, duplicates,
+  // changes directory and executes.
+  class ScannerLaunch {
+   public:
+    ScannerLaunch(const std::filesystem::path& base, const std::string& scannerName,
+                  const std::vector<std::string>& arguments)
+        : output_((base / "stdout.txt").string()),
+          errors_((base / "stderr.txt").string()),
+          folder_((base / "bin").string()),
+          strings_{(base / "bin" / scannerName).string()} {
+      strings_.insert(strings_.end(), arguments.begin(), arguments.end());
+      for (std::string& text : strings_) argv_.push_back(text.data());
+      argv_.push_back(nullptr);
+    }
+    [[noreturn]] void Exec() const {
+      const int out = ::open(output_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      const int err = ::open(errors_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      if (out < 0 || err < 0 || ::dup2(out, 1) < 0 || ::dup2(err, 2) < 0 ||
+          ::chdir(folder_.c_str()) != 0) {
+        ::_exit(127);
+      }
+      ::execv(argv_[0], argv_.data());
       ::_exit(127);
     }
-    std::vector<char*> argv;
-    std::string program = (base_ / "bin" / scannerName_).string();
-    argv.push_back(program.data());
-    std::vector<std::string> copies = arguments;
-    for (std::string& argument : copies) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    ::execv(program.c_str(), argv.data());
-    ::_exit(127);
+
+   private:
+    std::string output_;
+    std::string errors_;
+    std::string folder_;
+    std::vector<std::string> strings_;
+    std::vector<char*> argv_;
+  };
+
+  static std::string LastLines(const std::string& text, std::size_t count) {
+    std::size_t start = text.size();
+    for (std::size_t seen = 0; start > 0 && seen <= count; --start) {
+      if (text[start - 1] == '\n') ++seen;
+    }
+    return text.substr(start);
   }
 
   static int WaitFor(pid_t child, std::chrono::seconds timeout) {
@@ -227,7 +259,7 @@ class AgentFolder {
       if (std::chrono::steady_clock::now() > deadline) {
         ::kill(child, SIGKILL);
         ::waitpid(child, &status, 0);
-        return -1;
+        return kKilledAfterTimeout;
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
