@@ -245,11 +245,13 @@ class AgentFolder {
   };
 
   static std::string LastLines(const std::string& text, std::size_t count) {
+    // The line end before the last `count` lines (the text's own last line end included).
     std::size_t start = text.size();
-    for (std::size_t seen = 0; start > 0 && seen <= count; --start) {
-      if (text[start - 1] == '\n') ++seen;
+    for (std::size_t seen = 0; seen <= count && start != 0; ++seen) {
+      const std::size_t lineEnd = text.rfind('\n', start - 1);
+      start = lineEnd == std::string::npos ? 0 : lineEnd;
     }
-    return text.substr(start);
+    return text.substr(start == 0 ? 0 : start + 1);
   }
 
   static int WaitFor(pid_t child, std::chrono::seconds timeout) {
