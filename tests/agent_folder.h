@@ -225,6 +225,9 @@ class AgentFolder {
       for (std::string& text : strings_) argv_.push_back(text.data());
       argv_.push_back(nullptr);
     }
+    // argv_ points into strings_: never copied or moved.
+    ScannerLaunch(const ScannerLaunch&) = delete;
+    ScannerLaunch& operator=(const ScannerLaunch&) = delete;
     [[noreturn]] void Exec() const {
       const int out = ::open(output_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
       const int err = ::open(errors_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);

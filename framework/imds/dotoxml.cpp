@@ -49,17 +49,29 @@ std::optional<std::string> DateTimeAttributeText(int type, const OwnedBlock& val
   return ConvertAdvDateTimeToString(&dateTime);
 }
 
-void AppendAttribute(std::string& document, const ColumnDefn& column, const OwnedBlock& value) {
-  const std::string_view name = column.name;
-  switch (column.type) {
+// The column types written as 32-bit integers (a long integer too: its first four bytes are
+// read, as the document has always shown it).
+bool WrittenAsInt32(int type) {
+  switch (type) {
     case kTypeTinyInt:
     case kTypeUnsignedTinyInt:
     case kTypeSmallInt:
     case kTypeInt:
     case kTypeUnsignedInt:
     case kTypeLongInt:
-      AppendIntegerAttribute(document, name, value.Read<std::int32_t>());
-      return;
+      return true;
+    default:
+      return false;
+  }
+}
+
+void AppendAttribute(std::string& document, const ColumnDefn& column, const OwnedBlock& value) {
+  const std::string_view name = column.name;
+  if (WrittenAsInt32(column.type)) {
+    AppendIntegerAttribute(document, name, value.Read<std::int32_t>());
+    return;
+  }
+  switch (column.type) {
     case kTypeFloat:
       AppendFixedAttribute(document, name, static_cast<double>(value.Read<float>()));
       return;
@@ -131,18 +143,12 @@ std::size_t AttributeBound(const ColumnDefn& column, const OwnedBlock& value) {
   constexpr std::size_t kQuotesAndBlank = 4;  // ="" and the blank
   constexpr std::size_t kShortValue = 40;     // dates, times, Booleans
   std::size_t bound = column.name.size() + kQuotesAndBlank;
+  if (WrittenAsInt32(column.type)) return bound + 11;  // "-2147483648"
   switch (column.type) {
     case kTypeSqlChar:
     case kTypeChar:
     case kTypeText:
       return bound + value.size();
-    case kTypeTinyInt:
-    case kTypeUnsignedTinyInt:
-    case kTypeSmallInt:
-    case kTypeInt:
-    case kTypeUnsignedInt:
-    case kTypeLongInt:
-      return bound + 11;  // "-2147483648"
     case kTypeFloat:
     case kTypeDouble:
       // "%f" of the largest double has 309 integral digits.
