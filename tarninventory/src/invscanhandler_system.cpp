@@ -176,6 +176,7 @@ void ProplistXMLParser::FetchOSandProcessorInfo() {
   RecordFillers(kOsClass, 1, {110, 111, 112});
   RecordValue(114, kOsClass, 1, kZero);
   RecordValue(115, kOsClass, 1, kZero);
+  RecordValue(116, kOsClass, 1, "Mac OS X");
   const std::uint32_t osIndex = CurrentScanRun().osIndex;
   RecordValue(117, kOsClass, static_cast<std::int32_t>(osIndex + 1), std::to_string(osIndex));
   RecordValue(118, kOsClass, 1, kFiller);
