@@ -19,8 +19,8 @@ class NoToolRunner final : public ToolRunner {
                                  WaitPolicy) override {
     RaiseLaunchFailure(launchPath, "no tool runner installed");
   }
-  bool RunToFile(const std::string&, const std::vector<std::string>&, const std::string&) override {
-    return false;
+  int RunToFile(const std::string&, const std::vector<std::string>&, const std::string&) override {
+    return kShellCannotLaunch;
   }
 };
 

@@ -35,12 +35,22 @@ class ToolRunner {
 
   // Runs the tool until it ends with its standard output written to outputPath, which is
   // created afresh with mode 0600 (an existing regular file is replaced; a link or anything
-  // else at the path makes the call fail untouched). True when the tool ran and ended with
-  // exit status 0; the file keeps whatever the tool wrote either way. Never raises: a tool
-  // that cannot be launched gives false.
-  virtual bool RunToFile(const std::string& launchPath, const std::vector<std::string>& arguments,
-                         const std::string& outputPath) = 0;
+  // else at the path makes the call fail untouched). Gives the status a shell running
+  // "tool > outputPath" would report: 0 when the tool ended with exit status 0, its exit code
+  // times 256 otherwise, (128 + signal) times 256 when a signal ended it, kShellOutputFailed
+  // when the output file could not be made and kShellCannotLaunch when the tool could not be
+  // started. The file keeps whatever the tool wrote either way. Never raises.
+  virtual int RunToFile(const std::string& launchPath, const std::vector<std::string>& arguments,
+                        const std::string& outputPath) = 0;
 };
+
+// Shell-form statuses of RunToFile: a redirection the shell cannot open ends it with exit
+// code 1, a command it cannot find or run with 127.
+inline constexpr int kShellOutputFailed = 1 << 8;
+inline constexpr int kShellCannotLaunch = 127 << 8;
+
+// The shell-form status of a tool that ended with this exit code.
+constexpr int ShellStatusOfExitCode(int exitCode) { return (exitCode & 0xff) << 8; }
 
 // Raises the PlatformException of a tool that cannot be launched:
 // NSInvalidArgumentException, "launch path not accessible: <path>" and the cause.

@@ -21,14 +21,14 @@ std::optional<std::string> FakeToolRunner::Run(const std::string& launchPath,
   return found->second;
 }
 
-bool FakeToolRunner::RunToFile(const std::string& launchPath,
-                               const std::vector<std::string>& arguments,
-                               const std::string& outputPath) {
+int FakeToolRunner::RunToFile(const std::string& launchPath,
+                              const std::vector<std::string>& arguments,
+                              const std::string& outputPath) {
   calls_.push_back(Call{launchPath, arguments, std::nullopt, outputPath});
   const auto found = answers_.find(Command{launchPath, arguments});
-  if (found == answers_.end() || !found->second) return false;
+  if (found == answers_.end() || !found->second) return kShellCannotLaunch;
   const UniqueFd file = CreateFreshOutputFile(outputPath);
-  return file.valid() && WriteAll(file.get(), *found->second);
+  return file.valid() && WriteAll(file.get(), *found->second) ? 0 : kShellOutputFailed;
 }
 
 }  // namespace tarn

@@ -28,8 +28,8 @@ class FakeToolRunner final : public ToolRunner {
   std::optional<std::string> Run(const std::string& launchPath,
                                  const std::vector<std::string>& arguments,
                                  WaitPolicy wait) override;
-  // Writes the answer into the file (replacing it) and succeeds when there is an answer.
-  bool RunToFile(const std::string& launchPath, const std::vector<std::string>& arguments,
+  // Writes the answer into the file (replacing it) and gives 0 when there is an answer.
+  int RunToFile(const std::string& launchPath, const std::vector<std::string>& arguments,
                  const std::string& outputPath) override;
 
   const std::vector<Call>& calls() const { return calls_; }

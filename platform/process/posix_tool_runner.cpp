@@ -164,6 +164,13 @@ class ChildProcess {
     return reaped_ && WIFEXITED(status_) && WEXITSTATUS(status_) == 0;
   }
 
+  // The status a shell that ran the child would end with.
+  int ShellStatus() const {
+    if (!reaped_) return kShellCannotLaunch;
+    if (WIFSIGNALED(status_)) return ShellStatusOfExitCode(128 + WTERMSIG(status_));
+    return ShellStatusOfExitCode(WEXITSTATUS(status_));
+  }
+
  private:
   pid_t pid_;
   int status_ = 0;
@@ -412,25 +419,26 @@ std::optional<std::string> PosixToolRunner::Run(const std::string& launchPath,
   }
 }
 
-bool PosixToolRunner::RunToFile(const std::string& launchPath,
-                                const std::vector<std::string>& arguments,
-                                const std::string& outputPath) {
+int PosixToolRunner::RunToFile(const std::string& launchPath,
+                               const std::vector<std::string>& arguments,
+                               const std::string& outputPath) {
   try {
     UniqueFd output = CreateFreshOutputFile(outputPath);
+    if (!output.valid()) return kShellOutputFailed;
     std::optional<Pipe> errors = MakePipe();
-    if (!output.valid() || !errors) return false;
+    if (!errors) return kShellCannotLaunch;
     const auto pid = Spawn(launchPath, arguments, output.get(), errors->writeEnd.get());
     output.Close();
     errors->writeEnd.Close();
-    if (!pid) return false;
+    if (!pid) return kShellCannotLaunch;
     ChildProcess child(*pid);
     ChildStreams streams(std::nullopt, PipeReader(std::move(errors->readEnd)), launchPath);
     WaitWithoutLimit(child, streams);
     streams.DrainAvailable();
-    return child.ExitedWithSuccess();
+    return child.ShellStatus();
   } catch (const std::exception& failure) {
     ConsoleLog("PosixToolRunner: running %s failed: %s", launchPath.c_str(), failure.what());
-    return false;
+    return kShellCannotLaunch;
   }
 }
 

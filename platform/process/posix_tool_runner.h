@@ -33,7 +33,7 @@ class PosixToolRunner final : public ToolRunner {
   std::optional<std::string> Run(const std::string& launchPath,
                                  const std::vector<std::string>& arguments,
                                  WaitPolicy wait) override;
-  bool RunToFile(const std::string& launchPath, const std::vector<std::string>& arguments,
+  int RunToFile(const std::string& launchPath, const std::vector<std::string>& arguments,
                  const std::string& outputPath) override;
 
  private:

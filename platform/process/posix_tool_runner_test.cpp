@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -97,7 +98,7 @@ TEST(PosixToolRunnerTest, InvalidUtf8GivesNothingAndAMissingExecutableRaises) {
               "launch path not accessible: /nonexistent/tool: No such file or directory");
   }
   EXPECT_THROW(runner.Run("/etc/passwd", {}, WaitPolicy::kBounded), PlatformException);
-  EXPECT_FALSE(runner.RunToFile("/nonexistent/tool", {}, "/dev/null/x"));
+  EXPECT_EQ(runner.RunToFile("/nonexistent/tool", {}, "/dev/null/x"), kShellOutputFailed);
   EXPECT_TRUE(NoChildLeft());
 }
 
@@ -158,17 +159,20 @@ class RunToFileTest : public ::testing::Test {
 TEST_F(RunToFileTest, WritesAFreshPrivateFileAndReplacesAnOldOne) {
   const std::string output = PathOf("inv-apps.plist");
   { std::ofstream(output) << "stale content that is longer than the new one"; }
-  ASSERT_TRUE(runner_.RunToFile(kShell, {"-c", "echo fresh"}, output));
+  ASSERT_EQ(runner_.RunToFile(kShell, {"-c", "echo fresh"}, output), 0);
   EXPECT_EQ(ReadWholeFile(output), "fresh\n");
   struct stat info {};
   ASSERT_EQ(::stat(output.c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 07777, 0600u);
 
-  EXPECT_FALSE(runner_.RunToFile(kShell, {"-c", "echo failing; exit 1"}, output));
+  // Failures give the status a shell reports: exit code times 256, signals as 128 + signal.
+  EXPECT_EQ(runner_.RunToFile(kShell, {"-c", "echo failing; exit 3"}, output), 3 * 256);
   EXPECT_EQ(ReadWholeFile(output), "failing\n");
+  EXPECT_EQ(runner_.RunToFile(kShell, {"-c", "kill -TERM $$"}, output), (128 + SIGTERM) * 256);
+  EXPECT_EQ(runner_.RunToFile("/nonexistent/tool", {}, output), kShellCannotLaunch);
 
   ::testing::internal::CaptureStderr();
-  EXPECT_TRUE(runner_.RunToFile(kShell, {"-c", "echo kept; echo 'noise\ra' >&2"}, output));
+  EXPECT_EQ(runner_.RunToFile(kShell, {"-c", "echo kept; echo 'noise\ra' >&2"}, output), 0);
   const std::string console = ::testing::internal::GetCapturedStderr();
   EXPECT_EQ(ReadWholeFile(output), "kept\n");
   EXPECT_NE(console.find("] /bin/sh: noise\\x0Da\n"), std::string::npos) << console;
@@ -181,14 +185,14 @@ TEST_F(RunToFileTest, RefusesAPlantedLinkAndLeavesItsTargetAlone) {
   const std::string output = PathOf("volumes.plist");
   std::filesystem::create_symlink(target, output);
 
-  EXPECT_FALSE(runner_.RunToFile(kShell, {"-c", "echo overwritten"}, output));
+  EXPECT_EQ(runner_.RunToFile(kShell, {"-c", "echo overwritten"}, output), kShellOutputFailed);
   EXPECT_EQ(ReadWholeFile(target), "keep me");
   EXPECT_TRUE(std::filesystem::is_symlink(output));
 
   // A dangling link is refused too: following it would create the file elsewhere.
   const std::string dangling = PathOf("disk0s2.plist");
   std::filesystem::create_symlink(PathOf("elsewhere"), dangling);
-  EXPECT_FALSE(runner_.RunToFile(kShell, {"-c", "echo x"}, dangling));
+  EXPECT_EQ(runner_.RunToFile(kShell, {"-c", "echo x"}, dangling), kShellOutputFailed);
   EXPECT_FALSE(std::filesystem::exists(PathOf("elsewhere")));
 }
 

@@ -88,19 +88,19 @@ class ReplayToolRunner final : public ToolRunner {
     return output;
   }
 
-  bool RunToFile(const std::string& launchPath, const std::vector<std::string>& arguments,
-                 const std::string& outputPath) override {
+  int RunToFile(const std::string& launchPath, const std::vector<std::string>& arguments,
+                const std::string& outputPath) override {
     const RecordedCommand* command = Find(launchPath, arguments);
-    if (command == nullptr) return false;
+    if (command == nullptr) return kShellCannotLaunch;
     // The recorded output is copied as the tool would have written it.
     const UniqueFd recorded(::open(command->outputPath.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat info {};
     if (!recorded.valid() || ::fstat(recorded.get(), &info) != 0 || S_ISDIR(info.st_mode)) {
-      return false;
+      return kShellCannotLaunch;
     }
     const UniqueFd file = CreateFreshOutputFile(outputPath);
-    if (!file.valid() || !CopyContents(recorded.get(), file.get())) return false;
-    return command->exitCode == 0;
+    if (!file.valid() || !CopyContents(recorded.get(), file.get())) return kShellOutputFailed;
+    return ShellStatusOfExitCode(command->exitCode);
   }
 
  private:

@@ -64,9 +64,10 @@ TEST_F(ReplayPlatformTest, AnswersRecordedCommandsExactlyAndNothingElse) {
   }
 
   const std::string copy = PathOf("inv-hardware.plist");
-  EXPECT_TRUE(tools.RunToFile("/usr/sbin/system_profiler", {"-xml", "SPHardwareDataType"}, copy));
+  EXPECT_EQ(tools.RunToFile("/usr/sbin/system_profiler", {"-xml", "SPHardwareDataType"}, copy), 0);
   EXPECT_EQ(ReadWholeFile(copy), hardware);
-  EXPECT_FALSE(tools.RunToFile("/usr/sbin/diskutil", {"list", "-plist"}, PathOf("volumes.plist")));
+  EXPECT_EQ(tools.RunToFile("/usr/sbin/diskutil", {"list", "-plist"}, PathOf("volumes.plist")),
+            kShellCannotLaunch);
 }
 
 TEST_F(ReplayPlatformTest, HostFactsComeFromTheRecordingButProcessesStayLive) {
@@ -118,7 +119,7 @@ TEST_F(ReplayPlatformTest, MissingFactsAndDamagedEntriesReadAsFailures) {
   EXPECT_THROW(tools.Run("/usr/bin/b", {}, WaitPolicy::kBounded), PlatformException);
   EXPECT_EQ(tools.Run("/usr/bin/c", {}, WaitPolicy::kBounded), std::nullopt);
   EXPECT_EQ(tools.Run("/usr/bin/d", {}, WaitPolicy::kBounded), "recorded despite failing\n");
-  EXPECT_FALSE(tools.RunToFile("/usr/bin/d", {}, PathOf("d-copy.txt")));
+  EXPECT_NE(tools.RunToFile("/usr/bin/d", {}, PathOf("d-copy.txt")), 0);
   EXPECT_EQ(ReadWholeFile(PathOf("d-copy.txt")), "recorded despite failing\n");
 
   HostInfo& host = platform->Host();

@@ -53,12 +53,14 @@ void ProplistXMLParser::FetchInstalledSoftwareInfo() {
     // itself (no shell); the folder goes with everything in it however this ends.
     const ScratchDirectory scratch(CurrentDirectory());
     const std::string reportPath = scratch.FilePath("inv-apps.plist");
-    const bool ran =
-        scratch.valid() && CurrentPlatform().Tools().RunToFile(
-                               kSystemProfiler, {"SPApplicationsDataType", "-xml"}, reportPath);
+    // The status is the one a shell running the tool with its output redirected reports.
+    const int status = scratch.valid()
+                           ? CurrentPlatform().Tools().RunToFile(
+                                 kSystemProfiler, {"SPApplicationsDataType", "-xml"}, reportPath)
+                           : kShellOutputFailed;
     if (!scratch.valid() || !isFileExists(reportPath)) {
       ConsoleWhere(kSoftwareSignature, __LINE__, "Could n't fetch installed applications %d\n",
-                   ran ? 0 : 1);
+                   status);
       return;
     }
     RecordInstalledSoftwareReport(reportPath);
