@@ -313,7 +313,8 @@ TEST(SecurityTls, TheConfiguredCertificateChecksDecideEveryRequest) {
 // can carry markup.
 TEST(SecurityServer, HostileResourceDocumentsGiveNoIdAndNoFurtherRequest) {
   const std::pair<const char*, std::string> cases[] = {
-      {"a row of another table", "1\" /><Resource RESOURCE_ID=\"5\" NAME=\"planted"},
+      {"an element of no table", "1\" /><Planted NAME=\"x"},
+      {"an id holding markup", "1&quot; /&gt;&lt;Resource RESOURCE_ID=&quot;5&quot; /&gt;"},
       {"a document over a mebibyte", std::string(1024 * 1024, 'x')},
   };
   for (const auto& [name, id] : cases) {
@@ -341,20 +342,30 @@ TEST(SecurityServer, ValuesStayOneUrlPieceAndOneLogLine) {
   server.SetResourceId("42&#10;[ 2024-01-01 ] [ERROR] forged");
   ServeAs(agent, server.port(), "..", "a/../b#c");
   EXPECT_EQ(agent.Run({"assetscan"}).exitCode, 0);
+  // Such an id is no id: asked for twice (settings, then upload), nothing uploaded.
   const auto requests = server.Requests();
-  ASSERT_EQ(requests.size(), 2u);  // the id, then the upload
+  ASSERT_EQ(requests.size(), 2u);
   EXPECT_EQ(requests[0].target,
             "/client-data/%2E%2E/domains/a%2F..%2Fb%23c/resources/office-mac.xml");
-  EXPECT_TRUE(Contains(requests[1].target,
-                       "?computer=office-mac&domain=a%2F..%2Fb%23c&customerId=%2E%2E&auditid=12345"
-                       "&resourceid=42%0A%5B%202024-01-01%20%5D%20%5BERROR%5D%20forged"
-                       "&remoffId=301&isOnDemand=false&scanType=1&jsonFormat=0"))
-      << requests[1].target;
+  EXPECT_TRUE(LastLineIs(agent, "Manual", {"ResIDNotfound", "---"})) << agent.AccessLog();
   const std::string scanLog = agent.ScanLog();
-  EXPECT_TRUE(Contains(scanLog, "given  by 42\\x0A[ 2024-01-01 ] [ERROR] forged \n")) << scanLog;
+  EXPECT_TRUE(Contains(scanLog, "not a valid id: 42\\x0A[ 2024-01-01 ] [ERROR] forged\n"))
+      << scanLog;
   EXPECT_FALSE(Contains(scanLog, "\n[ 2024-01-01 ] [ERROR] forged"));
 
-  // A stored resource id with "&" or "#" adds no parameter and cuts none.
+  // A well-formed id goes into the query as one value.
+  AgentFolder plain("sec-values-plain");
+  Configure(plain, Machine("macbook-sample"));
+  server.SetResourceId("42.a-b_c");
+  ServeAs(plain, server.port(), "..", "a/../b#c");
+  EXPECT_EQ(plain.Run({"assetscan"}).exitCode, 0);
+  ASSERT_EQ(server.Uploads().size(), 1u);
+  EXPECT_TRUE(Contains(server.Uploads()[0].target,
+                       "?computer=office-mac&domain=a%2F..%2Fb%23c&customerId=%2E%2E&auditid=12345"
+                       "&resourceid=42.a-b_c&remoffId=301&isOnDemand=false&scanType=1&jsonFormat=0"))
+      << server.Uploads()[0].target;
+
+  // A stored resource id with "&" or "#" is discarded: the run asks the server for its id.
   for (const std::string& stored : {std::string("42&amp;customerId=666"), std::string("42#x")}) {
     SCOPED_TRACE(stored);
     AgentFolder again("sec-values-stored");
@@ -366,7 +377,7 @@ TEST(SecurityServer, ValuesStayOneUrlPieceAndOneLogLine) {
     ASSERT_EQ(upload.Uploads().size(), 1u);
     const std::string target = upload.Uploads()[0].target;
     EXPECT_EQ(Occurrences(target, "customerId="), 1u) << target;
-    EXPECT_EQ(Occurrences(target, "&resourceid=42%2"), 1u) << target;
+    EXPECT_EQ(Occurrences(target, "&resourceid=77&"), 1u) << target;
     EXPECT_TRUE(Contains(target, "&remoffId=301&isOnDemand=false&scanType=1")) << target;
   }
 }

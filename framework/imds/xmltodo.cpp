@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -206,10 +207,10 @@ bool IsPrimaryKeyColumn(const TableDefn& definition, std::string_view column) {
 // map of this import.
 class DoImporter {
  public:
-  // With rowTables, only those tables take rows and every other element must be a grouping
-  // element.
-  explicit DoImporter(const xmlDoc* document, const std::vector<std::string>* rowTables = nullptr)
-      : document_(document), rowTables_(rowTables) {}
+  // With rules, only their row tables take rows; every other element must be a grouping
+  // element or, when the rules allow it, a row of another known table, which is skipped.
+  explicit DoImporter(const xmlDoc* document, const UntrustedXmlRules* rules = nullptr)
+      : document_(document), rules_(rules) {}
 
   // Processes the element children of parent in document order. False when
   // one of them (or a descendant) could not be read.
@@ -225,9 +226,15 @@ class DoImporter {
  private:
   bool ImportElement(const xmlNode* element) {
     const char* name = AsChars(element->name);
-    if (rowTables_ != nullptr && !IsAllowedRowTable(name)) {
+    if (rules_ != nullptr && !IsAllowedRowTable(name)) {
       if (IsGroupingElement(name)) {
         return ImportChildren(element);
+      }
+      if (rules_->skipOtherKnownTables && IsKnownTable(name)) {
+        if (skippedTables_.insert(name).second) {
+          ErrorLogMessage("Rows of table %s are ignored in this document.\n", name);
+        }
+        return true;
       }
       ErrorLogMessage("Element %s is not accepted in this document.\n", name);
       return false;
@@ -394,24 +401,30 @@ class DoImporter {
   }
 
   bool IsAllowedRowTable(const char* name) const {
-    return std::any_of(rowTables_->begin(), rowTables_->end(), [name](const std::string& table) {
+    const std::vector<std::string>& tables = rules_->rowTables;
+    return std::any_of(tables.begin(), tables.end(), [name](const std::string& table) {
       return EqualsIgnoringCase(table, name);
     });
   }
 
+  static bool IsKnownTable(const char* name) {
+    return GetTableDefnVector().Find(name) || GetTableDataByName(name) != nullptr;
+  }
+
   static bool IsGroupingElement(const char* name) {
-    return FindSubString(name, "List") && !GetTableDefnVector().Find(name) &&
-           GetTableDataByName(name) == nullptr;
+    return FindSubString(name, "List") && !IsKnownTable(name);
   }
 
   const xmlDoc* document_;
-  const std::vector<std::string>* rowTables_;
+  const UntrustedXmlRules* rules_;
+  // Tables whose rows were skipped, each logged once.
+  std::set<std::string> skippedTables_;
   // Reference text to its identifier; an import can hold many thousands of references.
   std::unordered_map<std::string, std::int32_t> identifiers_;
 };
 
 int ImportDocument(DocPtr document, Source source,
-                   const std::vector<std::string>* rowTables = nullptr) {
+                   const UntrustedXmlRules* rules = nullptr) {
   const xmlNode* root = document ? xmlDocGetRootElement(document.get()) : nullptr;
   if (root == nullptr || HasUnsafeDoctype(document.get())) {
     ErrorLogMessage("error: could not parse file file.xml\n");
@@ -419,7 +432,7 @@ int ImportDocument(DocPtr document, Source source,
   }
   bool imported = false;
   try {
-    imported = DoImporter(document.get(), rowTables).ImportChildren(root);
+    imported = DoImporter(document.get(), rules).ImportChildren(root);
   } catch (const std::bad_alloc&) {
     ErrorLogMessage(
         "Cannot create and add a new row while constructing tabledata from XML file.\n");
@@ -475,7 +488,7 @@ int CreateDOFromUntrustedXMLBuffer(const char* buffer, std::size_t length,
   }
   return ImportDocument(DocPtr(xmlReadMemory(buffer, static_cast<int>(length), nullptr, "UTF-8",
                                              kSafeXmlParseOptions)),
-                        Source::kBuffer, &rules.rowTables);
+                        Source::kBuffer, &rules);
 }
 
 }  // namespace tarn

@@ -44,12 +44,16 @@ struct UntrustedXmlRules {
   // Any other element must be a grouping element: a name containing "List" that names no
   // table of the data dictionary.
   std::vector<std::string> rowTables;
+  // When true, rows of other tables the data dictionary defines are skipped (one log line per
+  // table) instead of failing the import.
+  bool skipOtherKnownTables = false;
 };
 
 // As CreateDOFromXMLBuffer for a document from the network, checked against the rules: a
 // document that is too long, not UTF-8 or has an element with too many attributes is
 // refused before it is parsed, and is read as UTF-8 whatever it declares; an element that
-// is neither a row of an allowed table nor a grouping element fails the import (with the
+// is neither a row of an allowed table, a grouping element nor (when the rules say so) a row
+// of another known table fails the import (with the
 // rows added before it left in place, as for any failed import). 1 or 0 as the other
 // readers.
 int CreateDOFromUntrustedXMLBuffer(const char* buffer, std::size_t length,

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "platform/text/byte_words.h"
 
@@ -36,6 +37,20 @@ bool SecondByteInRange(unsigned char lead, unsigned char second) {
   }
 }
 
+// Length of the well-formed sequence at bytes[i], or 0 when none starts there.
+std::size_t ValidSequenceAt(std::string_view bytes, std::size_t i) {
+  const auto lead = static_cast<unsigned char>(bytes[i]);
+  const std::size_t length = SequenceLength(lead);
+  if (length == 0 || i + length > bytes.size()) return 0;
+  if (length > 1) {
+    if (!SecondByteInRange(lead, static_cast<unsigned char>(bytes[i + 1]))) return 0;
+    for (std::size_t k = 2; k < length; ++k) {
+      if (!IsContinuation(static_cast<unsigned char>(bytes[i + k]))) return 0;
+    }
+  }
+  return length;
+}
+
 }  // namespace
 
 bool IsValidUtf8(std::string_view bytes) {
@@ -44,18 +59,28 @@ bool IsValidUtf8(std::string_view bytes) {
     // Most text is ASCII: skip it a word at a time.
     while (i + 8 <= bytes.size() && AllAscii(LoadWord(bytes.data() + i))) i += 8;
     if (i == bytes.size()) break;
-    const auto lead = static_cast<unsigned char>(bytes[i]);
-    const std::size_t length = SequenceLength(lead);
-    if (length == 0 || i + length > bytes.size()) return false;
-    if (length > 1) {
-      if (!SecondByteInRange(lead, static_cast<unsigned char>(bytes[i + 1]))) return false;
-      for (std::size_t k = 2; k < length; ++k) {
-        if (!IsContinuation(static_cast<unsigned char>(bytes[i + k]))) return false;
-      }
-    }
+    const std::size_t length = ValidSequenceAt(bytes, i);
+    if (length == 0) return false;
     i += length;
   }
   return true;
+}
+
+std::string WithValidUtf8(std::string_view bytes) {
+  std::string text;
+  text.reserve(bytes.size());
+  std::size_t i = 0;
+  while (i < bytes.size()) {
+    const std::size_t length = ValidSequenceAt(bytes, i);
+    if (length == 0) {
+      text += "\xEF\xBF\xBD";  // U+FFFD REPLACEMENT CHARACTER
+      ++i;
+    } else {
+      text.append(bytes.substr(i, length));
+      i += length;
+    }
+  }
+  return text;
 }
 
 }  // namespace tarn

@@ -33,3 +33,19 @@ TEST(Utf8, SequencesAreCheckedWhereverTheyFallAmongAsciiWords) {
 
 }  // namespace
 }  // namespace tarn
+
+namespace tarn {
+namespace {
+
+TEST(WithValidUtf8Test, ReplacesOnlyTheBytesThatStartNoSequence) {
+  EXPECT_EQ(WithValidUtf8("caf\xC3\xA9 \xE2\x82\xAC"), "caf\xC3\xA9 \xE2\x82\xAC");
+  EXPECT_EQ(WithValidUtf8("Bob\xFF" "s"), "Bob\xEF\xBF\xBDs");
+  // A truncated sequence loses each of its bytes; an overlong form and a surrogate too.
+  EXPECT_EQ(WithValidUtf8("a\xE2\x82"), "a\xEF\xBF\xBD\xEF\xBF\xBD");
+  EXPECT_EQ(WithValidUtf8("\xC0\xAF"), "\xEF\xBF\xBD\xEF\xBF\xBD");
+  EXPECT_EQ(WithValidUtf8("\xED\xA0\x80").size(), 9u);
+  EXPECT_TRUE(IsValidUtf8(WithValidUtf8("\x80\xBF\xF5\xF8 x \xF4\x90\x80\x80")));
+}
+
+}  // namespace
+}  // namespace tarn

@@ -275,8 +275,8 @@ void CreateWMIParentTablevalues(std::uint32_t number,
     row.Text(0, securityId.value_or(kEveryoneGroup), 8)
         .Int(1, 0)
         .Int(2, static_cast<std::int32_t>(number))
-        .Text(3, computerName, 8)
-        .Text(4, nameSpace, 8)
+        .Text(3, UploadText(computerName), 8)
+        .Text(4, UploadText(nameSpace), 8)
         .Int(5, isLocal ? 1 : 0);
     if (row.AddTo("WMIData") == nullptr) {
       ErrorLogMessage("\t Error while adding row for ADResource table !!! \n");
@@ -293,8 +293,8 @@ RowObject* createComputerInfoRow() {
     const TarnGlobvars& settings = Settings();
     RowBuilder row(8);
     row.Int(0, IntValue(settings.tarnAgentResourceID()))
-        .Text(1, settings.localComputerName())
-        .Text(2, settings.localNameSpace())
+        .Text(1, UploadText(settings.localComputerName()))
+        .Text(2, UploadText(settings.localNameSpace()))
         .Int(3, 1)
         .Text(4, "0", 1)
         .Int(5, 0)
@@ -368,9 +368,11 @@ void AddAgentParamsforInvinXML(const std::string& currentScanTime,
     CreateTable("AgentParams");
     const TarnGlobvars& settings = Settings();
     const bool diffScan = IsDiffScan();
-    AddAgentParam("COMPUTER_NAME", settings.localComputerName());
-    AddAgentParam("DOMAIN_NETBIOS_NAME", settings.localNameSpace());
-    AddAgentParam("RESOURCE_ID", settings.tarnAgentResourceID());
+    // Names from the host and the id from the server are escaped like recorded values; the
+    // other parameters come from the agent's own settings files.
+    AddAgentParam("COMPUTER_NAME", UploadText(settings.localComputerName()));
+    AddAgentParam("DOMAIN_NETBIOS_NAME", UploadText(settings.localNameSpace()));
+    AddAgentParam("RESOURCE_ID", UploadText(settings.tarnAgentResourceID()));
     AddAgentParam("MSP_NAME", settings.tarnMSPName());
     AddAgentParam("CUSTOMER_NAME", settings.tarnCustomerName());
     AddAgentParam("CUSTOMER_ID", settings.tarnCustomerID());

@@ -13,6 +13,7 @@
 #include "platform/plist/plist_value.h"
 #include "tarnutils/src/TarnDiagnostics.h"
 #include "tarnutils/src/proplisthandler.h"
+#include "tarnutils/src/resourceidentity.h"
 
 namespace tarn {
 namespace {
@@ -353,7 +354,11 @@ DWORD InitializeResourceID() {
     return 1;
   }
   const OptText id = TextOf(store->GetValueForKey("RESOURCEID"));
-  if (id) {
+  if (id && !IsResourceIdToken(*id)) {
+    // Logging has not started yet: the console gets the line.
+    ConsoleWhere("DWORD InitializeResourceID()", __LINE__,
+                 "the stored resource id is not a valid id and is discarded\n");
+  } else if (id) {
     vars.Set_tarnAgentResourceID(id);
   }
   return 0;

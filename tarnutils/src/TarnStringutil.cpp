@@ -1,5 +1,7 @@
 #include "tarnutils/src/TarnStringutil.h"
 
+#include "platform/text/utf8.h"
+
 namespace tarn {
 namespace {
 
@@ -50,6 +52,13 @@ std::optional<std::string> alterChars(const char* text) {
   }
   cleaned.append(runStart, end);
   return cleaned;
+}
+
+std::optional<std::string> UploadText(const std::optional<std::string>& value) {
+  if (!value) return std::nullopt;
+  if (!IsValidUtf8(*value)) return alterChars(WithValidUtf8(*value).c_str());
+  if (!NeedsAlteration(*value)) return value;
+  return alterChars(value->c_str());
 }
 
 std::vector<std::string> SplitText(const std::string& text, const std::string& separator) {

@@ -16,6 +16,12 @@ std::optional<std::string> alterChars(const char* text);
 // and none of the four markup characters.
 bool NeedsAlteration(std::string_view text);
 
+// A value from outside the agent's own files (host facts, the server, tools) made safe for an
+// upload row: bytes that are not UTF-8 become U+FFFD, then alterChars cleans it, so the
+// value cannot change the shape of the document. Absent stays absent; a plain value comes
+// back unchanged.
+std::optional<std::string> UploadText(const std::optional<std::string>& value);
+
 // The pieces of text between the occurrences of separator, empty pieces kept
 // ("a,,b" gives "a", "", "b"; "" gives one empty piece). An empty separator
 // gives the whole text.

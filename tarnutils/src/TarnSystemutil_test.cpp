@@ -34,6 +34,16 @@ TEST(AlterChars, EscapesAndEndsAtTheFirstControlCharacter) {
   }
 }
 
+TEST(UploadText, ValuesFromOutsideCannotChangeTheDocumentsShape) {
+  EXPECT_FALSE(UploadText(std::nullopt));
+  EXPECT_EQ(UploadText("office-mac"), "office-mac");
+  EXPECT_EQ(UploadText("bob's <\"mac\"> & co"), "bob's &lt;&quot;mac&quot;&gt; &amp; co");
+  // Bytes that are not UTF-8 become U+FFFD before the escaping.
+  EXPECT_EQ(UploadText("caf\xC3\xA9-\xFF<\xFE"),
+            "caf\xC3\xA9-\xEF\xBF\xBD&lt;\xEF\xBF\xBD");
+  EXPECT_EQ(UploadText("name\nforged"), "name");
+}
+
 TEST(ComputerNames, FullAndFlatNamesAndAddresses) {
   FakePlatform fake;
   fake.host().hostName = "Office-Mac.local";

@@ -1,5 +1,6 @@
 #include "tarnutils/src/resourceidentity.h"
 
+#include <algorithm>
 #include <memory>
 
 #include "framework/imds/dataset.h"
@@ -28,9 +29,10 @@ std::string ResourceDocumentPath(const TarnGlobvars& vars) {
          ".xml";
 }
 
-// The server's document may only give Agentparams rows, in grouping elements at most.
+// The server's document gives Agentparams rows, in grouping elements at most; rows of other
+// tables the agent knows are skipped.
 const UntrustedXmlRules& ResourceDocumentRules() {
-  static const UntrustedXmlRules rules{1024 * 1024, 256, {kTable}};
+  static const UntrustedXmlRules rules{1024 * 1024, 256, {kTable}, true};
   return rules;
 }
 
@@ -61,12 +63,27 @@ DWORD TakeResourceIdFromTable() {
     return 0;
   }
   const std::string id = value->c_str();
+  if (!IsResourceIdToken(id)) {
+    ErrorLogMessage("GetResourceIDFromServer : The resource id from the server is not a valid id: %s\n",
+                    id.c_str());
+    return 1;
+  }
   UserLogMessage("GetResourceIDFromServer : The Resource ID from the server is given  by %s \n",
                  id.c_str());
   return UpdateResourceID(id);
 }
 
+bool IsIdCharacter(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+         c == '_' || c == '.';
+}
+
 }  // namespace
+
+bool IsResourceIdToken(std::string_view id) {
+  constexpr std::size_t kLongestId = 64;
+  return !id.empty() && id.size() <= kLongestId && std::all_of(id.begin(), id.end(), IsIdCharacter);
+}
 
 DWORD UpdateResourceID(const std::optional<std::string>& resourceId) {
   if (!resourceId) return 1;

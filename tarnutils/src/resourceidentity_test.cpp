@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -160,30 +159,73 @@ TEST_F(ResourceIdentityTest, EachSettingIsOnePathSegment) {
 }
 
 // The document's limits themselves are tested with the reader; here, that they apply.
-TEST_F(ResourceIdentityTest, HostileDocumentsFailFastWithoutAnotherRequest) {
+TEST_F(ResourceIdentityTest, HostileDocumentsFailWithoutAnotherRequest) {
   ASSERT_TRUE(LoadDataDictFromXMLFile(TARN_SOURCE_DIR "/data/data-dictionary.xml"));
-  const std::string idRow = R"(<Agentparams PARAM_NAME="RESOURCE_ID" PARAM_VALUE="666"/>)";
   std::string manyAttributes = "<Agentparams";
   for (int i = 0; i < 257; ++i) manyAttributes += " a" + std::to_string(i) + "=\"\"";
-  const std::string cases[] = {
-      Document(R"(<Resource RESOURCE_ID="1" NAME="planted"/>)" + idRow),
-      Document(manyAttributes + " PARAM_NAME=\"RESOURCE_ID\" PARAM_VALUE=\"666\"/>"),
-  };
-  for (const std::string& document : cases) {
+  testing::LogCapture log;
+  http().Script({Served(Document(manyAttributes + " PARAM_NAME=\"RESOURCE_ID\" PARAM_VALUE=\"666\"/>")),
+                 Served(Document(R"(<Agentparams PARAM_NAME="RESOURCE_ID" PARAM_VALUE="666"/>)"))});
+  EXPECT_EQ(GetResourceIDFromServer(), 1u);
+  EXPECT_EQ(http().requests.size(), 1u);
+  EXPECT_TRUE(log.Contains("GetResourceIDFromServer : Error occured  while loading resource id "
+                           "buffer to the memory : \n " +
+                           kPath + " \n"))
+      << log.Text();
+  EXPECT_FALSE(gv_globvars().tarnAgentResourceID());
+}
+
+TEST_F(ResourceIdentityTest, RowsOfOtherKnownTablesAreSkippedAndUnknownElementsRefused) {
+  ASSERT_TRUE(LoadDataDictFromXMLFile(TARN_SOURCE_DIR "/data/data-dictionary.xml"));
+  const std::string idRow = R"(<Agentparams PARAM_NAME="RESOURCE_ID" PARAM_VALUE="666"/>)";
+  {
     testing::LogCapture log;
-    http().Script({Served(document), Served(Document(idRow))});
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(GetResourceIDFromServer(), 1u);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
-    EXPECT_EQ(http().requests.size(), 1u);
-    EXPECT_TRUE(
-        log.Contains("GetResourceIDFromServer : Error occured  while loading resource id "
-                     "buffer to the memory : \n " +
-                     kPath + " \n"))
-        << log.Text();
-    EXPECT_FALSE(gv_globvars().tarnAgentResourceID());
+    http().Script({Served(Document(R"(<Resource RESOURCE_ID="1" NAME="planted"/>)" + idRow +
+                                   R"(<Resource RESOURCE_ID="2" NAME="again"/>)"))});
+    EXPECT_EQ(GetResourceIDFromServer(), 0u);
+    EXPECT_EQ(gv_globvars().tarnAgentResourceID(), "666");
     EXPECT_EQ(GetTableDataByName("Resource"), nullptr);
+    EXPECT_EQ(log.Text().find("Rows of table Resource are ignored in this document.\n"),
+              log.Text().rfind("Rows of table Resource are ignored in this document.\n"))
+        << "logged once: " << log.Text();
+    EXPECT_TRUE(log.Contains("Rows of table Resource are ignored in this document.\n"));
   }
+  gv_globvars().Set_tarnAgentResourceID(std::nullopt);
+  UnLoadTable("Agentparams");
+  http().Script({Served(Document("<Planted/>" + idRow))});
+  EXPECT_EQ(GetResourceIDFromServer(), 1u);
+  EXPECT_FALSE(gv_globvars().tarnAgentResourceID());
+}
+
+TEST_F(ResourceIdentityTest, OnlyPlainTokensAreIds) {
+  for (const char* good : {"4711", "R-9", "a.b_c", "x"}) EXPECT_TRUE(IsResourceIdToken(good)) << good;
+  const std::string tooLong(65, '7');
+  for (const std::string& bad : {std::string(), tooLong, std::string("12 34"), std::string("1\"/>"),
+                                 std::string("id\n"), std::string("caf\xC3\xA9")}) {
+    EXPECT_FALSE(IsResourceIdToken(bad)) << bad;
+  }
+  EXPECT_TRUE(IsResourceIdToken(std::string(64, '7')));
+
+  // A forged id from the server is refused like no id at all and never stored.
+  const std::string forged =
+      R"(1&quot; /&gt;&lt;WMIFetchedValue VALUE=&quot;INJECTED-FAKE-APP&quot; /&gt;)";
+  testing::LogCapture log;
+  http().Script({Served(Document(R"(<Agentparams PARAM_NAME="RESOURCE_ID" PARAM_VALUE=")" +
+                                 forged + R"("/>)"))});
+  EXPECT_EQ(GetResourceIDFromServer(), 1u);
+  EXPECT_FALSE(gv_globvars().tarnAgentResourceID());
+  EXPECT_FALSE(std::filesystem::exists(storage_));
+  EXPECT_TRUE(log.Contains("[ERROR] GetResourceIDFromServer : The resource id from the server is "
+                           "not a valid id: "))
+      << log.Text();
+
+  // A stored id that is not a token is discarded at start-up.
+  EXPECT_EQ(UpdateResourceID("bad id\""), 0u);
+  InitSettings();
+  EXPECT_FALSE(gv_globvars().tarnAgentResourceID());
+  EXPECT_EQ(UpdateResourceID("R-10"), 0u);
+  InitSettings();
+  EXPECT_EQ(gv_globvars().tarnAgentResourceID(), "R-10");
 }
 
 }  // namespace
