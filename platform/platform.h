@@ -117,9 +117,12 @@ struct TlsPolicy {
   // PEM bundle of the authorities to trust instead of the system's; empty: the system's.
   std::string caFile;
   // The server's public key must be one of these: "sha256//" and the base64 of a SHA-256
-  // hash of the DER public key, several joined by ";". Empty: no pin. A text that is not such
-  // a list fails every HTTPS request (see IsPinnedPublicKeyList).
-  std::string pinnedPublicKeys;
+  // hash of the DER public key, several joined by ";". Absent: no pin. A text that is not such
+  // a list, the empty text included, fails every HTTPS request (see IsPinnedPublicKeyList).
+  std::optional<std::string> pinnedPublicKeys;
+  // Why the configured checks cannot be applied (a setting that could not be read); when set,
+  // every HTTPS request fails before connecting.
+  std::optional<std::string> unusable;
 };
 
 // True for "sha256//<44 base64 characters>" entries joined by ";" (no empty entry).
@@ -130,9 +133,12 @@ struct HttpRequest {
   std::string url;
   HttpHeaders headers;
   std::string body;
-  // Bounds the whole exchange, connecting and a slowly trickling answer included; values
-  // below 1 count as 1.
-  int timeoutSeconds = 60;
+  // Bounds connecting, and any later stretch in which no byte moves in either direction (the
+  // body still being taken by the server, or the answer still arriving, both count as
+  // moving); values below 1 count as 1.
+  int inactivitySeconds = 30;
+  // Bounds the whole exchange however steadily its bytes move; values below 1 count as 1.
+  int totalSeconds = 600;
   TlsPolicy tls;
   // Largest body kept in HttpResponse::body; a longer one is an error.
   std::size_t maxResponseBody = kMaxHttpResponseBody;

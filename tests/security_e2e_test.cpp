@@ -34,16 +34,24 @@ std::string Machine(const std::string& name) {
   return std::string(TARN_SOURCE_DIR) + "/testdata/machines/" + name;
 }
 
-// agent-conf.plist replaying a recorded machine, with more text keys.
-void Configure(const AgentFolder& agent, const std::string& machine, const Keys& keys = {}) {
+// agent-conf.plist replaying a recorded machine, with more keys whose values are written as
+// they stand (property-list XML).
+void ConfigureValues(const AgentFolder& agent, const std::string& machine, const Keys& values) {
   std::string body =
       "\t<key>Loglevel</key><integer>3</integer>\n"
       "\t<key>TOOL_REPLAY_DIRECTORY</key><string>" +
       machine + "</string>\n";
-  for (const auto& [key, value] : keys) {
-    body += "\t<key>" + key + "</key><string>" + value + "</string>\n";
-  }
+  for (const auto& [key, value] : values) body += "\t<key>" + key + "</key>" + value + "\n";
   AgentFolder::WritePlist(agent.data() / "agent-conf.plist", body);
+}
+
+std::string Text(const std::string& value) { return "<string>" + value + "</string>"; }
+
+// agent-conf.plist replaying a recorded machine, with more text keys.
+void Configure(const AgentFolder& agent, const std::string& machine, const Keys& keys = {}) {
+  Keys values;
+  for (const auto& [key, value] : keys) values.emplace_back(key, Text(value));
+  ConfigureValues(agent, machine, values);
 }
 
 // Server details as AgentFolder::ServeAt writes them, with a customer id and domain of the
@@ -261,32 +269,57 @@ TEST(SecurityTls, TheConfiguredCertificateChecksDecideEveryRequest) {
   ASSERT_EQ(pin.size(), 52u);
   ASSERT_NE(pin, otherPin);
 
+  // Every value of every key, against a server with a self-signed certificate: only no key
+  // (or checks turned off), the server's own certificate as CA, or its exact pin let the scan
+  // through. Values are property-list XML.
+  const std::string ca = Text(certificate.certificate().string());
   struct Case {
     const char* name;
-    Keys keys;
+    Keys values;
     bool accepted;
   };
   const Case cases[] = {
       {"no key: any certificate", {}, true},
-      {"the server's own certificate as CA file",
-       {{"TLS_CA_FILE", certificate.certificate().string()}},
-       true},
-      {"another CA file", {{"TLS_CA_FILE", other.certificate().string()}}, false},
-      {"the system's authorities", {{"TLS_VERIFY", "1"}}, false},
-      {"the right pin, chain unchecked", {{"TLS_PINNED_PUBKEY", pin}}, true},
-      {"the right pin among others", {{"TLS_PINNED_PUBKEY", otherPin + ";" + pin}}, true},
-      {"another key's pin", {{"TLS_PINNED_PUBKEY", otherPin}}, false},
-      {"a certificate file as pin",
-       {{"TLS_PINNED_PUBKEY", certificate.certificate().string()}},
+      {"checks off as 0", {{"TLS_VERIFY", Text("0")}}, true},
+      {"checks off as No", {{"TLS_VERIFY", Text("No")}}, true},
+      {"checks off as false", {{"TLS_VERIFY", "<false/>"}}, true},
+      {"checks off as integer 0", {{"TLS_VERIFY", "<integer>0</integer>"}}, true},
+      {"the server's own certificate as CA file", {{"TLS_CA_FILE", ca}}, true},
+      {"the CA file, checks on as yes", {{"TLS_CA_FILE", ca}, {"TLS_VERIFY", Text("yes")}}, true},
+      {"another CA file", {{"TLS_CA_FILE", Text(other.certificate().string())}}, false},
+      {"an empty CA file name", {{"TLS_CA_FILE", Text("")}}, false},
+      {"a blank CA file name", {{"TLS_CA_FILE", Text(" ")}}, false},
+      {"the system's authorities, 1", {{"TLS_VERIFY", Text("1")}}, false},
+      {"the system's authorities, TRUE", {{"TLS_VERIFY", Text("TRUE")}}, false},
+      {"the system's authorities, yes", {{"TLS_VERIFY", Text("yes")}}, false},
+      {"the system's authorities, true", {{"TLS_VERIFY", "<true/>"}}, false},
+      {"the system's authorities, integer 1", {{"TLS_VERIFY", "<integer>1</integer>"}}, false},
+      {"checks neither on nor off: empty", {{"TLS_VERIFY", Text("")}}, false},
+      {"checks neither on nor off: blank", {{"TLS_VERIFY", Text(" ")}}, false},
+      {"checks neither on nor off: on", {{"TLS_VERIFY", Text("on")}}, false},
+      {"checks neither on nor off: integer 2", {{"TLS_VERIFY", "<integer>2</integer>"}}, false},
+      {"checks neither on nor off, with the right pin",
+       {{"TLS_VERIFY", Text("maybe")}, {"TLS_PINNED_PUBKEY", Text(pin)}},
        false},
-      {"CA file and pin",
-       {{"TLS_CA_FILE", certificate.certificate().string()}, {"TLS_PINNED_PUBKEY", pin}},
+      {"the right pin, chain unchecked", {{"TLS_PINNED_PUBKEY", Text(pin)}}, true},
+      {"the right pin, checks off", {{"TLS_PINNED_PUBKEY", Text(pin)}, {"TLS_VERIFY", Text("0")}},
        true},
+      {"the right pin among others", {{"TLS_PINNED_PUBKEY", Text(otherPin + ";" + pin)}}, true},
+      {"another key's pin", {{"TLS_PINNED_PUBKEY", Text(otherPin)}}, false},
+      {"an empty pin", {{"TLS_PINNED_PUBKEY", Text("")}}, false},
+      {"a blank pin", {{"TLS_PINNED_PUBKEY", Text(" ")}}, false},
+      {"a pin cut short", {{"TLS_PINNED_PUBKEY", Text(pin.substr(0, 30))}}, false},
+      {"the right pin and a stray ;", {{"TLS_PINNED_PUBKEY", Text(pin + ";")}}, false},
+      {"a pin that is no text", {{"TLS_PINNED_PUBKEY", "<true/>"}}, false},
+      {"a certificate file as pin",
+       {{"TLS_PINNED_PUBKEY", Text(certificate.certificate().string())}},
+       false},
+      {"CA file and pin", {{"TLS_CA_FILE", ca}, {"TLS_PINNED_PUBKEY", Text(pin)}}, true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     AgentFolder agent("sec-tls");
-    Configure(agent, Machine("macbook-sample"), c.keys);
+    ConfigureValues(agent, Machine("macbook-sample"), c.values);
     agent.WriteResourceId("42");
     InventoryServer server(certificate);
     agent.ServeAt(server.port(), "https");

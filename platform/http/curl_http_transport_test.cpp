@@ -8,8 +8,11 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
+#include <mutex>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <thread>
 
@@ -19,12 +22,32 @@
 namespace tarn {
 namespace {
 
-// A loopback server that answers one connection with a fixed response and keeps the request
-// it received.
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
+// How OneShotServer takes the request and gives its answer.
+struct Pace {
+  // The request is read this many bytes at a time, with this pause in between; the
+  // server's receive buffer is kept small, so the client's bytes wait on the client's side.
+  std::size_t readChunk = 4096;
+  milliseconds readPause{0};
+  // Only the head of the request is read: the server stops taking the body.
+  bool stopReadingAtBody = false;
+  // The answer is held back this long (until the server is destroyed when negative)...
+  milliseconds answerDelay{0};
+  // ...then written whole, or from the body on a byte at a time with this pause between bytes.
+  milliseconds answerBytePause{0};
+};
+
+// A loopback server that answers one connection with a fixed response, at the pace given, and
+// keeps the request it received.
 class OneShotServer {
  public:
-  explicit OneShotServer(std::string response) : response_(std::move(response)) {
+  explicit OneShotServer(std::string response, Pace pace = {})
+      : response_(std::move(response)), pace_(pace) {
     listener_ = UniqueFd(::socket(AF_INET, SOCK_STREAM, 0));
+    const int receiveBuffer = 16 * 1024;
+    ::setsockopt(listener_.get(), SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -35,49 +58,99 @@ class OneShotServer {
       return;
     }
     port_ = ntohs(address.sin_port);
-    thread_ = std::jthread([this] { Serve(); });
+    thread_ = std::jthread([this](std::stop_token stop) { Serve(stop); });
   }
 
   int port() const { return port_; }
-  // Valid once the client has its response.
+  std::string Url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
+  // Valid once the client has its response (waits for a held-back answer to be written).
   const std::string& request() {
     if (thread_.joinable()) thread_.join();
     return request_;
   }
 
  private:
-  void Serve() {
+  void Serve(std::stop_token stop) {
     const UniqueFd connection(::accept(listener_.get(), nullptr, nullptr));
     if (!connection.valid()) return;
     char buffer[4096];
+    std::size_t round = 0;  // bytes read since the last pause
     while (!RequestComplete()) {
-      const ssize_t got = ::read(connection.get(), buffer, sizeof buffer);
-      if (got <= 0) break;
+      const std::size_t want = std::min(sizeof buffer, pace_.readChunk - round);
+      const ssize_t got = ::read(connection.get(), buffer, want);
+      if (got <= 0) return;
       request_.append(buffer, static_cast<std::size_t>(got));
+      if (pace_.stopReadingAtBody && headerEnd_ != std::string::npos) break;
+      round += static_cast<std::size_t>(got);
+      if (round == pace_.readChunk) {
+        round = 0;
+        if (!Pause(stop, pace_.readPause)) return;
+      }
     }
-    WriteAll(connection.get(), response_);
+    if (!Pause(stop, pace_.answerDelay)) return;
+    const std::size_t bodyStart = std::min(response_.find("\r\n\r\n") + 4, response_.size());
+    if (pace_.answerBytePause == milliseconds(0)) {
+      Send(connection.get(), response_);
+      return;
+    }
+    Send(connection.get(), response_.substr(0, bodyStart));
+    for (std::size_t i = bodyStart; i < response_.size(); ++i) {
+      if (!Pause(stop, pace_.answerBytePause) || !Send(connection.get(), response_.substr(i, 1))) {
+        return;
+      }
+    }
   }
 
-  bool RequestComplete() const {
-    const auto headerEnd = request_.find("\r\n\r\n");
-    if (headerEnd == std::string::npos) return false;
-    const auto lengthField = request_.find("Content-Length: ");
-    if (lengthField == std::string::npos || lengthField > headerEnd) return true;
-    const auto expected = std::stoul(request_.substr(lengthField + 16));
-    return request_.size() >= headerEnd + 4 + expected;
+  // Waits for the time (forever when negative); false when the server is being destroyed.
+  static bool Pause(std::stop_token stop, milliseconds time) {
+    if (time == milliseconds(0)) return true;
+    std::mutex mutex;
+    std::condition_variable_any wake;
+    std::unique_lock lock(mutex);
+    const milliseconds wait = time < milliseconds(0) ? milliseconds(3600000) : time;
+    wake.wait_for(lock, stop, wait, [] { return false; });
+    return !stop.stop_requested();
+  }
+
+  // Without SIGPIPE: the client may have given up.
+  static bool Send(int fd, const std::string& bytes) {
+    std::size_t sent = 0;
+    while (sent < bytes.size()) {
+      const ssize_t wrote = ::send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+      if (wrote <= 0) return false;
+      sent += static_cast<std::size_t>(wrote);
+    }
+    return true;
+  }
+
+  bool RequestComplete() {
+    if (headerEnd_ == std::string::npos) {
+      headerEnd_ = request_.find("\r\n\r\n");
+      if (headerEnd_ == std::string::npos) return false;
+      const auto lengthField = request_.find("Content-Length: ");
+      expected_ = headerEnd_ + 4;
+      if (lengthField != std::string::npos && lengthField < headerEnd_) {
+        expected_ += std::stoul(request_.substr(lengthField + 16));
+      }
+    }
+    return request_.size() >= expected_;
   }
 
   std::string response_;
+  Pace pace_;
   UniqueFd listener_;
   int port_ = 0;
   std::string request_;
+  std::size_t headerEnd_ = std::string::npos;
+  std::size_t expected_ = 0;
   std::jthread thread_;
 };
 
-HttpRequest Get(const std::string& url, int timeoutSeconds = 10) {
+HttpRequest Get(const std::string& url, int inactivitySeconds = 10, int totalSeconds = 60) {
   HttpRequest request;
   request.url = url;
-  request.timeoutSeconds = timeoutSeconds;
+  request.inactivitySeconds = inactivitySeconds;
+  request.totalSeconds = totalSeconds;
   return request;
 }
 
@@ -115,7 +188,7 @@ TEST(CurlHttpTransportTest, PostsAndReturnsStatusHeadersAndBody) {
   request.url = "http://127.0.0.1:" + std::to_string(server.port()) + "/inventory?computer=mac";
   request.headers = {{"Accept", "text/xml"}, {"Content-type", "application/xml"}};
   request.body = "<DataObject/>";
-  request.timeoutSeconds = 10;
+  request.inactivitySeconds = 10;
   const HttpResult result = transport.Send(request);
 
   ASSERT_TRUE(result.response.has_value()) << (result.error ? result.error->text : "");
@@ -151,9 +224,11 @@ TEST(CurlHttpTransportTest, NoServerIsAnErrorNotAResponse) {
   EXPECT_FALSE(result.error->text.empty());
 }
 
-// libcurl would take a text that is not a key hash for the name of a key file; the transport
-// refuses such a pin before it connects anywhere.
-TEST(CurlHttpTransportTest, APinThatIsNotAKeyHashFailsBeforeConnecting) {
+// libcurl would take a text that is not a key hash for the name of a key file (and an empty
+// one for no pin at all): the transport refuses such a pin, and a policy marked unusable,
+// before it connects anywhere. Nothing listens at the HTTPS port, so a request that tried to
+// connect would fail with 7. Plain HTTP has no certificate, and no policy to apply.
+TEST(CurlHttpTransportTest, AnUnusablePolicyFailsEveryHttpsRequestBeforeConnecting) {
   std::atomic<int> hits = 0;
   testing::LoopbackServer server([&hits](httplib::Server& routes) {
     routes.Get("/", [&hits](const httplib::Request&, httplib::Response& response) {
@@ -162,16 +237,41 @@ TEST(CurlHttpTransportTest, APinThatIsNotAKeyHashFailsBeforeConnecting) {
     });
   });
   ASSERT_NE(server.port(), 0);
-  for (const char* pin : {"/etc/ssl/certs/ca-certificates.crt", "sha256//short=",
-                          "sha256//47DEQpj8HBSa+/TImW+5JCeuQeRkm5NMpJWZG3hSuFU=;"}) {
-    SCOPED_TRACE(pin);
-    HttpRequest request = Get(server.Url("/"), 5);
-    request.tls.pinnedPublicKeys = pin;
-    const HttpResult result = CurlHttpTransport().Send(request);
-    ASSERT_TRUE(result.error.has_value());
-    EXPECT_EQ(result.error->code, 90);  // CURLE_SSL_PINNEDPUBKEYNOTMATCH
+  const std::string nowhere = "HTTPS://127.0.0.1:1/";
+  struct Case {
+    std::optional<std::string> pin;
+    std::optional<std::string> unusable;
+    long code;
+    const char* text;
+  };
+  const char* const kNotAPin = "the pinned public key is not a list of sha256// key hashes";
+  const Case cases[] = {
+      {"", std::nullopt, 90, kNotAPin},  // CURLE_SSL_PINNEDPUBKEYNOTMATCH
+      {"/etc/ssl/certs/ca-certificates.crt", std::nullopt, 90, kNotAPin},
+      {"sha256//short=", std::nullopt, 90, kNotAPin},
+      {"sha256//47DEQpj8HBSa+/TImW+5JCeuQeRkm5NMpJWZG3hSuFU=;", std::nullopt, 90, kNotAPin},
+      {std::nullopt, "TLS_VERIFY is unusable", 60, "TLS_VERIFY is unusable"},  // PEER_FAILED
+      {"sha256//47DEQpj8HBSa+/TImW+5JCeuQeRkm5NMpJWZG3hSuFU=", "unusable", 60, "unusable"},
+      {std::nullopt, std::nullopt, 7, nullptr},  // CURLE_COULDNT_CONNECT
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.pin.value_or("(no pin)") + " / " + c.unusable.value_or("(usable)"));
+    HttpRequest request = Get(nowhere, 5);
+    request.tls.pinnedPublicKeys = c.pin;
+    request.tls.unusable = c.unusable;
+    const HttpResult refused = CurlHttpTransport().Send(request);
+    ASSERT_TRUE(refused.error.has_value());
+    EXPECT_EQ(refused.error->code, c.code);
+    if (c.text != nullptr) {
+      EXPECT_EQ(refused.error->text, c.text);
+    }
+
+    request.url = server.Url("/");
+    const HttpResult plain = CurlHttpTransport().Send(request);
+    ASSERT_TRUE(plain.response.has_value()) << (plain.error ? plain.error->text : "");
+    EXPECT_EQ(plain.response->body, "ok");
   }
-  EXPECT_EQ(hits, 0);
+  EXPECT_EQ(hits, static_cast<int>(std::size(cases)));
 }
 
 // A proxy in the environment would send every request to port 9 of this host, where nothing
@@ -287,29 +387,80 @@ TEST(CurlHttpTransportTest, HeaderLinesAreBoundedAsAWhole) {
   EXPECT_EQ(tooMany.error->text, "response headers larger than 65536 bytes");
 }
 
-// The server keeps sending, a byte at a time for ten seconds, so only a bound on the whole
-// request ends it sooner.
-TEST(CurlHttpTransportTest, TimeoutBoundsATricklingAnswer) {
-  testing::LoopbackServer server([](httplib::Server& routes) {
-    routes.Get("/slow", [](const httplib::Request&, httplib::Response& response) {
-      response.set_chunked_content_provider("text/plain", [](size_t sent, httplib::DataSink& sink) {
-        if (sent == 40) {
-          sink.done();
-          return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(250));
-        return sink.write("x", 1);
-      });
-    });
-  });
+constexpr const char* kOkResponse =
+    "HTTP/1.1 200 OK\r\nContent-Length: 8\r\nConnection: close\r\n\r\naccepted";
+
+// A large upload to a server that takes it slowly (about 1 MiB a second) lasts far longer
+// than the inactivity limit: it succeeds, because bytes keep moving. Most of the body is
+// handed to the system long before the server takes it, so the client's own counts stand
+// still while the send buffer drains.
+TEST(CurlHttpTransportTest, AnUploadTakenSlowlySucceedsWhileBytesMove) {
+  OneShotServer server(kOkResponse, {.readChunk = 64 * 1024, .readPause = milliseconds(60)});
   ASSERT_NE(server.port(), 0);
-  const auto start = std::chrono::steady_clock::now();
-  const HttpResult result = CurlHttpTransport().Send(Get(server.Url("/slow"), 2));
-  const auto elapsed = std::chrono::steady_clock::now() - start;
-  EXPECT_FALSE(result.response.has_value());
-  ASSERT_TRUE(result.error.has_value());
-  EXPECT_EQ(result.error->code, 28);  // CURLE_OPERATION_TIMEDOUT
-  EXPECT_LT(elapsed, std::chrono::seconds(8));
+  HttpRequest request = Get(server.Url(), 2, 60);
+  request.method = "POST";
+  request.body = std::string(5 * 1024 * 1024, 'u');
+  const auto start = Clock::now();
+  const HttpResult result = CurlHttpTransport().Send(request);
+  const auto took = Clock::now() - start;
+  ASSERT_TRUE(result.response.has_value()) << result.error->code << " " << result.error->text;
+  EXPECT_EQ(result.response->status, 200);
+  EXPECT_EQ(result.response->body, "accepted");
+  const std::string& received = server.request();
+  EXPECT_EQ(received.substr(received.find("\r\n\r\n") + 4), request.body);
+  // The upload did outlast the inactivity limit, which used to bound the whole request.
+  EXPECT_GT(took, std::chrono::seconds(2));
+}
+
+// An answer that trickles in, a byte every 250 ms, is never inactive for a second: only the
+// bound on the whole request ends it.
+TEST(CurlHttpTransportTest, ATricklingAnswerIsBoundedOnlyByTheWholeRequest) {
+  const Pace trickle{.answerBytePause = milliseconds(250)};
+  OneShotServer patient(kOkResponse, trickle);
+  ASSERT_NE(patient.port(), 0);
+  const HttpResult slow = CurlHttpTransport().Send(Get(patient.Url(), 1, 60));
+  ASSERT_TRUE(slow.response.has_value()) << slow.error->code << " " << slow.error->text;
+  EXPECT_EQ(slow.response->body, "accepted");
+
+  OneShotServer bounded(kOkResponse, trickle);
+  ASSERT_NE(bounded.port(), 0);
+  const HttpResult cut = CurlHttpTransport().Send(Get(bounded.Url(), 1, 1));
+  EXPECT_FALSE(cut.response.has_value());
+  ASSERT_TRUE(cut.error.has_value());
+  EXPECT_EQ(cut.error->code, 28);  // CURLE_OPERATION_TIMEDOUT
+  EXPECT_EQ(cut.error->text.rfind("Operation timed out after ", 0), 0u) << cut.error->text;
+}
+
+// A server that has the whole request and says nothing, and one that stops taking the body,
+// both fail the request once no byte has moved for the inactivity limit.
+TEST(CurlHttpTransportTest, NoByteMovingForTheInactivityLimitFailsTheRequest) {
+  struct Case {
+    const char* name;
+    Pace pace;
+    std::size_t bodySize;
+  };
+  const Case cases[] = {
+      {"silent after the request", {.answerDelay = milliseconds(-1)}, 100},
+      {"stops taking the body",
+       {.stopReadingAtBody = true, .answerDelay = milliseconds(-1)},
+       16 * 1024 * 1024},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    OneShotServer server(kOkResponse, c.pace);
+    ASSERT_NE(server.port(), 0);
+    HttpRequest request = Get(server.Url(), 1, 60);
+    request.method = "POST";
+    request.body = std::string(c.bodySize, 'b');
+    const auto start = Clock::now();
+    const HttpResult result = CurlHttpTransport().Send(request);
+    const auto took = Clock::now() - start;
+    EXPECT_FALSE(result.response.has_value());
+    ASSERT_TRUE(result.error.has_value());
+    EXPECT_EQ(result.error->code, 28);  // CURLE_OPERATION_TIMEDOUT
+    EXPECT_EQ(result.error->text, "no byte moved in either direction for 1 s");
+    EXPECT_GE(took, std::chrono::seconds(1));
+  }
 }
 
 }  // namespace

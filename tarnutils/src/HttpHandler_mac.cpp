@@ -188,7 +188,8 @@ TlsPolicy HttpHandlermac::TlsPolicyFromSettings() {
   TlsPolicy policy;
   policy.caFile = vars.tlsCaFile().value_or("");
   policy.acceptAnyCertificate = !vars.tlsVerify() && policy.caFile.empty();
-  policy.pinnedPublicKeys = vars.tlsPinnedPublicKeys().value_or("");
+  policy.pinnedPublicKeys = vars.tlsPinnedPublicKeys();
+  policy.unusable = vars.tlsSettingsError();
   return policy;
 }
 
@@ -230,7 +231,8 @@ HttpRequest HttpHandlermac::NewRequest(const char* method, const std::string& ur
   request.method = method;
   request.url = url;
   request.headers.emplace_back("Connection", keepAliveOn ? "Keep-Alive" : "close");
-  request.timeoutSeconds = kTimeoutSeconds;
+  request.inactivitySeconds = kInactivitySeconds;
+  request.totalSeconds = kRequestSeconds;
   request.tls = tlsPolicy;
   return request;
 }

@@ -24,17 +24,22 @@ class HttpHandlermac {
   static constexpr const char* kServerHeader = "X-Tarn-Header";
   // TarnGetData's result when the server answers 304.
   static constexpr DWORD kNotModified = 90001;
-  static constexpr int kTimeoutSeconds = 30;
+  // Connecting, and any stretch in which no byte moves either way, may take this long.
+  static constexpr int kInactivitySeconds = 30;
+  // The whole request may take this long while its bytes keep moving (a large inventory on a
+  // slow line).
+  static constexpr int kRequestSeconds = 600;
 
   // A client for the server of the agent settings (gv_globvars must exist): port
   // tarnServerSecurePort when the protocol is "https" in any letter case, else tarnServerPort;
   // last communication address tarnlastaccessName, else tarnServerIP. Status 0, keep-alive
   // and validation off, no last access address. The TLS policy comes from the settings'
-  // tlsCaFile, tlsVerify and tlsPinnedPublicKeys (TlsPolicyFromSettings).
+  // tlsCaFile, tlsVerify, tlsPinnedPublicKeys and tlsSettingsError (TlsPolicyFromSettings).
   static HttpHandlermac initWithTarnServerInfo();
 
   // Any certificate accepted unless tlsVerify is set or a CA file is named; the CA file and
-  // the pinned keys as they are.
+  // the pinned keys as they are (a pin that is set, even to an empty text, is checked); a
+  // settings error makes the policy unusable, so every HTTPS request fails.
   static TlsPolicy TlsPolicyFromSettings();
 
   // POSTs body ("Content-type: application/xml", "Accept: text/xml") to pathAndQuery at the

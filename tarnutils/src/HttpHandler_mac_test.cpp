@@ -109,10 +109,12 @@ TEST_F(HttpHandlerTest, PostRequestUrlHeadersAndMessages) {
                                           {"Accept", "text/xml"},
                                           {"Content-type", "application/xml"}}));
   EXPECT_EQ(request.body, "<DataObject/>");
-  EXPECT_EQ(request.timeoutSeconds, 30);
+  EXPECT_EQ(request.inactivitySeconds, 30);
+  EXPECT_EQ(request.totalSeconds, 600);
   EXPECT_TRUE(request.tls.acceptAnyCertificate);
   EXPECT_EQ(request.tls.caFile, "");
-  EXPECT_EQ(request.tls.pinnedPublicKeys, "");
+  EXPECT_EQ(request.tls.pinnedPublicKeys, std::nullopt);
+  EXPECT_EQ(request.tls.unusable, std::nullopt);
   EXPECT_TRUE(request.discardResponseBody);
   EXPECT_EQ(client.GetLastAccessAddress(), "10.0.0.1,10.0.0.2");
   EXPECT_EQ(client.GetHttpStatusCode(), 200);
@@ -280,20 +282,24 @@ TEST_F(HttpHandlerTest, TlsPolicyFollowsTheSettings) {
     bool verify;
     std::optional<std::string> caFile;
     std::optional<std::string> pins;
+    std::optional<std::string> error;
     bool acceptAny;
   };
   const std::string pin = "sha256//47DEQpj8HBSa+/TImW+5JCeuQeRkm5NMpJWZG3hSuFU=";
   const Case cases[] = {
-      {false, std::nullopt, std::nullopt, true},
-      {true, std::nullopt, std::nullopt, false},
-      {false, "/etc/tarn/ca.pem", std::nullopt, false},
-      {true, "/etc/tarn/ca.pem", pin, false},
-      {false, std::nullopt, pin, true},  // the pin is checked with the chain unchecked
+      {false, std::nullopt, std::nullopt, std::nullopt, true},
+      {true, std::nullopt, std::nullopt, std::nullopt, false},
+      {false, "/etc/tarn/ca.pem", std::nullopt, std::nullopt, false},
+      {true, "/etc/tarn/ca.pem", pin, std::nullopt, false},
+      {false, std::nullopt, pin, std::nullopt, true},  // the pin is checked, the chain not
+      {false, std::nullopt, "", std::nullopt, true},   // an empty pin is a pin: nothing matches
+      {true, std::nullopt, std::nullopt, "TLS_VERIFY is unusable", false},
   };
   for (const Case& c : cases) {
     gv_globvars().Set_tlsVerify(c.verify);
     gv_globvars().Set_tlsCaFile(c.caFile);
     gv_globvars().Set_tlsPinnedPublicKeys(c.pins);
+    gv_globvars().Set_tlsSettingsError(c.error);
     http().Script({});
     std::optional<std::string> body;
     HttpHandlermac::initWithTarnServerInfo().TarnGetData("p", body);
@@ -302,7 +308,8 @@ TEST_F(HttpHandlerTest, TlsPolicyFollowsTheSettings) {
     for (const HttpRequest& request : http().requests) {
       EXPECT_EQ(request.tls.acceptAnyCertificate, c.acceptAny);
       EXPECT_EQ(request.tls.caFile, c.caFile.value_or(""));
-      EXPECT_EQ(request.tls.pinnedPublicKeys, c.pins.value_or(""));
+      EXPECT_EQ(request.tls.pinnedPublicKeys, c.pins);
+      EXPECT_EQ(request.tls.unusable, c.error);
     }
   }
 }

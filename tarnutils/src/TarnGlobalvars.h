@@ -78,6 +78,8 @@ class TarnGlobvars {
   TARN_TEXT_PROPERTY(tlsCaFile)
   TARN_VALUE_PROPERTY(bool, tlsVerify, false)
   TARN_TEXT_PROPERTY(tlsPinnedPublicKeys)
+  // Set when a TLS key is unusable: why every HTTPS request fails.
+  TARN_TEXT_PROPERTY(tlsSettingsError)
 };
 
 #undef TARN_TEXT_PROPERTY

@@ -196,36 +196,68 @@ TEST_F(AgentFolderTest, LogLevelFromAgentConfiguration) {
 
 TEST_F(AgentFolderTest, TlsSettingsFromAgentConfiguration) {
   const std::string pin = "sha256//47DEQpj8HBSa+/TImW+5JCeuQeRkm5NMpJWZG3hSuFU=";
+  const auto text = [](const char* value) { return PlistValue::MakeString(value); };
+  const std::string unusable = "TLS_VERIFY in agent-conf.plist is not 1, true, yes, 0, false or no";
   struct Case {
-    std::vector<std::pair<std::string, std::string>> keys;
+    std::vector<std::pair<std::string, PlistPtr>> keys;
     bool verify;
     std::optional<std::string> caFile;
     std::optional<std::string> pins;
+    bool refused;  // every HTTPS request fails
   };
-  const Case cases[] = {
-      {{{"Loglevel", "3"}}, false, std::nullopt, std::nullopt},
-      {{{"TLS_VERIFY", "1"}}, true, std::nullopt, std::nullopt},
-      {{{"TLS_VERIFY", "0"}}, false, std::nullopt, std::nullopt},
-      {{{"TLS_CA_FILE", "ca.pem"}}, true, Data("ca.pem"), std::nullopt},
-      {{{"TLS_CA_FILE", "/etc/tarn/ca.pem"}, {"TLS_VERIFY", "0"}},
+  const std::vector<Case> cases = {
+      {{{"Loglevel", text("3")}}, false, std::nullopt, std::nullopt, false},
+      {{{"TLS_VERIFY", text("1")}}, true, std::nullopt, std::nullopt, false},
+      {{{"TLS_VERIFY", text("TRUE")}}, true, std::nullopt, std::nullopt, false},
+      {{{"TLS_VERIFY", text("Yes")}}, true, std::nullopt, std::nullopt, false},
+      {{{"TLS_VERIFY", PlistValue::MakeBoolean(true)}}, true, std::nullopt, std::nullopt, false},
+      {{{"TLS_VERIFY", PlistValue::MakeInteger(1)}}, true, std::nullopt, std::nullopt, false},
+      {{{"TLS_VERIFY", text("0")}}, false, std::nullopt, std::nullopt, false},
+      {{{"TLS_VERIFY", text("False")}}, false, std::nullopt, std::nullopt, false},
+      {{{"TLS_VERIFY", text("NO")}}, false, std::nullopt, std::nullopt, false},
+      {{{"TLS_VERIFY", PlistValue::MakeBoolean(false)}}, false, std::nullopt, std::nullopt, false},
+      {{{"TLS_VERIFY", PlistValue::MakeInteger(0)}}, false, std::nullopt, std::nullopt, false},
+      // Anything else checks the chain and fails every request.
+      {{{"TLS_VERIFY", text("")}}, true, std::nullopt, std::nullopt, true},
+      {{{"TLS_VERIFY", text(" ")}}, true, std::nullopt, std::nullopt, true},
+      {{{"TLS_VERIFY", text(" true")}}, true, std::nullopt, std::nullopt, true},
+      {{{"TLS_VERIFY", text("on")}}, true, std::nullopt, std::nullopt, true},
+      {{{"TLS_VERIFY", PlistValue::MakeInteger(2)}}, true, std::nullopt, std::nullopt, true},
+      {{{"TLS_VERIFY", PlistValue::MakeReal(1.0)}}, true, std::nullopt, std::nullopt, true},
+      {{{"TLS_VERIFY", text("maybe")}, {"TLS_CA_FILE", text("ca.pem")}},
+       true,
+       Data("ca.pem"),
+       std::nullopt,
+       true},
+      {{{"TLS_CA_FILE", text("ca.pem")}}, true, Data("ca.pem"), std::nullopt, false},
+      {{{"TLS_CA_FILE", text("/etc/tarn/ca.pem")}, {"TLS_VERIFY", text("0")}},
        true,
        "/etc/tarn/ca.pem",
-       std::nullopt},
-      {{{"TLS_PINNED_PUBKEY", pin}}, false, std::nullopt, pin},
-      // A certificate file is no pin: kept, so that every request fails.
-      {{{"TLS_PINNED_PUBKEY", "/etc/tarn/server.pem"}, {"TLS_VERIFY", "1"}},
+       std::nullopt,
+       false},
+      {{{"TLS_PINNED_PUBKEY", text(pin.c_str())}}, false, std::nullopt, pin, false},
+      // A pin that is set is kept as it is, so that the transport refuses it: a certificate
+      // file is no pin, and an empty text pins nothing.
+      {{{"TLS_PINNED_PUBKEY", text("/etc/tarn/server.pem")}, {"TLS_VERIFY", text("1")}},
        true,
        std::nullopt,
-       "/etc/tarn/server.pem"},
+       "/etc/tarn/server.pem",
+       false},
+      {{{"TLS_PINNED_PUBKEY", text("")}}, false, std::nullopt, "", false},
   };
   for (const Case& c : cases) {
+    const std::string& first = c.keys.front().first;
+    SCOPED_TRACE(first + " = " + c.keys.front().second->Description());
     InitTarnGlobalvars();
-    WritePlist("agent-conf.plist", c.keys);
+    auto conf = PlistValue::MakeDictionary();
+    for (const auto& [key, value] : c.keys) conf->SetValueForKey(key, value);
+    std::ofstream(Data("agent-conf.plist")) << ToXmlPlist(*conf);
     ReadTlsSettings();
     const TarnGlobvars& vars = gv_globvars();
-    EXPECT_EQ(vars.tlsVerify(), c.verify) << c.keys.front().first;
-    EXPECT_EQ(vars.tlsCaFile(), c.caFile) << c.keys.front().first;
-    EXPECT_EQ(vars.tlsPinnedPublicKeys(), c.pins) << c.keys.front().first;
+    EXPECT_EQ(vars.tlsVerify(), c.verify);
+    EXPECT_EQ(vars.tlsCaFile(), c.caFile);
+    EXPECT_EQ(vars.tlsPinnedPublicKeys(), c.pins);
+    EXPECT_EQ(vars.tlsSettingsError(), c.refused ? std::optional(unusable) : std::nullopt);
   }
 }
 

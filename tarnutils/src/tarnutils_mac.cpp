@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "framework/logging/logger.h"
+#include "framework/persistent/datadict.h"
 #include "framework/system/rsrclockimpl.h"
 #include "platform/console_log.h"
 #include "platform/exception/platform_exception.h"
@@ -141,19 +142,47 @@ int StartLoggingEngine(const char* fileName, int level) {
 
 namespace {
 
-// "1" as text, a non-zero integer or true.
-bool IsOn(const PlistPtr& value) {
-  if (!value) return false;
-  if (value->IsBoolean()) return *value->AsBoolean();
-  if (value->IsString()) return value->String() == "1";
-  return value->AsInteger().value_or(0) != 0;
+// On or off for a TLS_VERIFY value: "1", "true", "yes" or true, and "0", "false", "no" or
+// false (texts in any letter case); the integers 1 and 0 count as their texts. Nothing for
+// any other value.
+std::optional<bool> SwitchSetting(const PlistValue& value) {
+  if (value.IsBoolean()) return value.AsBoolean();
+  if (value.IsInteger()) {
+    const std::int64_t number = value.AsInteger().value_or(-1);
+    return number == 0 || number == 1 ? std::optional<bool>(number == 1) : std::nullopt;
+  }
+  if (!value.IsString()) return std::nullopt;
+  const std::string& text = value.String();
+  for (const char* on : {"1", "true", "yes"}) {
+    if (EqualsIgnoringCase(text, on)) return true;
+  }
+  for (const char* off : {"0", "false", "no"}) {
+    if (EqualsIgnoringCase(text, off)) return false;
+  }
+  return std::nullopt;
 }
 
 // The text of a key that is set; "" (and an error line) for a value that is not a text.
-std::string TextSetting(const PlistPtr& value, const char* key) {
-  if (value->IsString()) return value->String();
+std::string TextSetting(const PlistValue& value, const char* key) {
+  if (value.IsString()) return value.String();
   ErrorLogMessage("ReadTlsSettings : %s is not a text\n", key);
   return "";
+}
+
+// Whether the chain and host name are checked: always with a CA file key (even an unusable
+// one), else as TLS_VERIFY says. A TLS_VERIFY that is neither on nor off turns the checks on
+// and fails every HTTPS request, so a mistyped value never ends in accepting any certificate.
+bool ReadVerifySetting(const PlistPtr& verify, bool caFileSet, TarnGlobvars& vars) {
+  if (!verify) return caFileSet;
+  const std::optional<bool> on = SwitchSetting(*verify);
+  if (!on) {
+    ErrorLogMessage(
+        "ReadTlsSettings : %s is not 1, true, yes, 0, false or no; HTTPS requests will fail\n",
+        kTlsVerifyKey);
+    vars.Set_tlsSettingsError(std::string(kTlsVerifyKey) + " in " + kAgentConfigurationFileName +
+                              " is not 1, true, yes, 0, false or no");
+  }
+  return caFileSet || on.value_or(true);
 }
 
 }  // namespace
@@ -167,10 +196,9 @@ void ReadTlsSettings() {
   if (!caFile && !verify && !pins) {
     return;  // any certificate is accepted, as the agent always did
   }
-  // A CA file key, even an unusable one, turns the checks on.
-  vars.Set_tlsVerify(caFile != nullptr || IsOn(verify));
+  vars.Set_tlsVerify(ReadVerifySetting(verify, caFile != nullptr, vars));
   if (caFile) {
-    std::string path = TextSetting(caFile, kTlsCaFileKey);
+    std::string path = TextSetting(*caFile, kTlsCaFileKey);
     if (!path.empty() && path.front() != '/') path = dataPath + "/" + path;
     if (!path.empty() && !isFileExists(path)) {
       ErrorLogMessage("ReadTlsSettings : CA file %s not found; HTTPS requests will fail\n",
@@ -179,8 +207,8 @@ void ReadTlsSettings() {
     vars.Set_tlsCaFile(path.empty() ? std::nullopt : std::optional<std::string>(path));
   }
   if (pins) {
-    // Anything but a list of key hashes is kept as it is: the transport refuses it, so a
-    // damaged pin never ends in accepting any certificate.
+    // A pin that is set is kept as it is, the empty text too: the transport refuses anything
+    // but a list of key hashes, so a damaged pin never ends in accepting any certificate.
     const std::string text = pins->IsString() ? pins->String() : "(not a text)";
     if (!IsPinnedPublicKeyList(text)) {
       ErrorLogMessage(

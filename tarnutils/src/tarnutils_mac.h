@@ -17,8 +17,9 @@ inline constexpr std::uintmax_t kRotateLogThreshold = 2097152;
 inline constexpr const char* kAgentConfigurationFileName = "agent-conf.plist";
 // Its keys for the management server's certificate (all optional; none set accepts any
 // certificate): a PEM bundle of authorities to check the chain against (absolute, or relative
-// to the data directory), "1" to check against the system's authorities, and pinned public
-// keys ("sha256//<base64>" joined by ";").
+// to the data directory), on ("1", "true", "yes", true or 1) to check against the system's
+// authorities or off ("0", "false", "no", false or 0), and pinned public keys
+// ("sha256//<base64>" joined by ";").
 inline constexpr const char* kTlsCaFileKey = "TLS_CA_FILE";
 inline constexpr const char* kTlsVerifyKey = "TLS_VERIFY";
 inline constexpr const char* kTlsPinnedPublicKeyKey = "TLS_PINNED_PUBKEY";
@@ -32,9 +33,10 @@ PlistPtr AgentConfigurationValue(const char* key);
 int GetLogLevel();
 
 // Reads the three TLS keys of "agent-conf.plist" into the settings object (tlsCaFile,
-// tlsVerify, tlsPinnedPublicKeys) and logs the policy in force when any is set. A key that is
-// set but unusable fails closed: a CA file that is not a text leaves the system's
-// authorities in force, a pin that is not a list of key hashes fails every HTTPS request.
+// tlsVerify, tlsPinnedPublicKeys, tlsSettingsError) and logs the policy in force when any is
+// set. A key that is set but unusable fails closed: a CA file that is not a text leaves the
+// system's authorities in force; a pin that is not a list of key hashes (the empty text
+// included) and a TLS_VERIFY that is neither on nor off fail every HTTPS request.
 void ReadTlsSettings();
 
 // Starts the logging engine on fileName in the agent log directory at level,
