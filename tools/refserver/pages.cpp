@@ -5,30 +5,56 @@
 #include <set>
 
 #include "tools/refserver/json.h"
+#include "tools/refserver/svg.h"
 
 namespace tarn::refserver {
 
 namespace {
 
+// Laid out for a phone as for a desktop: the page is never wider than the screen;
+// tables (and the chart) scroll sideways inside their own box.
 constexpr const char* kStyle = R"css(
 body { font-family: sans-serif; margin: 1.5em; color: #222; }
-table { border-collapse: collapse; margin: 0.5em 0 1.2em; }
+h1, h2, h3, p, li { overflow-wrap: anywhere; }
+.scroll { overflow-x: auto; max-width: 100%; margin: 0.5em 0 1.2em; }
+table { border-collapse: collapse; }
 th, td { border: 1px solid #bbb; padding: 2px 8px; text-align: left; vertical-align: top; }
 th { background: #eee; }
+th a { color: inherit; }
 td.number { text-align: right; }
 .added { color: #1a7f37; } .deleted { color: #b3261e; } .modified { color: #8a5a00; }
 .note { color: #666; font-size: 90%; }
 h3 { margin-bottom: 0.2em; }
+form { margin: 0.4em 0; }
+input[type=search] { max-width: 100%; font-size: 100%; }
+.pages a, .pages span { margin-right: 0.8em; }
+td.time { white-space: nowrap; }
+.volume p { margin: 0.6em 0 0.2em; }
+svg.bar { display: block; max-width: 40em; border: 1px solid #aaa; }
+.slots { display: flex; flex-wrap: wrap; gap: 0.6em; }
+.slot-box { margin: 0; text-align: center; font-size: 85%; }
+.key { display: inline-block; width: 0.9em; height: 0.9em; vertical-align: middle; }
+@media (max-width: 600px) { body { margin: 0.6em; } }
 )css";
 
+// A time cell: ISO 8601 UTC, or "-" when there is none.
 std::string Time(std::int64_t seconds) {
-  if (seconds <= 0) return "-";
-  const std::time_t time = static_cast<std::time_t>(seconds);
-  std::tm parts{};
-  gmtime_r(&time, &parts);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", &parts);
-  return text;
+  const std::string iso = IsoTime(seconds);
+  return iso.empty() ? "-" : iso;
+}
+
+// A scan time as the query gave it (digits): the date when it is one, else the text.
+std::string ScanTime(const std::string& text) {
+  if (text.empty()) return "-";
+  const auto seconds = WholeNumber(text);
+  if (!seconds) return text;
+  const std::string iso = IsoTime(*seconds);
+  return !iso.empty() ? iso : *seconds <= 0 ? "-" : text;
+}
+
+// A table in its own sideways-scrolling box.
+std::string Table(const std::string& attributes, const std::string& rows) {
+  return "<div class=\"scroll\"><table" + attributes + ">\n" + rows + "</table></div>\n";
 }
 
 const char* ChangeWord(Change change) {
@@ -41,26 +67,28 @@ const char* ChangeWord(Change change) {
 }
 
 std::string Head(const std::string& title) {
-  return "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n<title>" +
+  return "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
+         "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n<title>" +
          HtmlEscape(title) + "</title>\n<style>" + kStyle + "</style>\n</head>\n<body>\n";
 }
 
 std::string Cell(const std::string& text) { return "<td>" + HtmlEscape(text) + "</td>"; }
+std::string TimeCell(const std::string& text) {
+  return "<td class=\"time\">" + HtmlEscape(text) + "</td>";
+}
 std::string NumberCell(std::int64_t value) {
   return "<td class=\"number\">" + std::to_string(value) + "</td>";
 }
 
 std::string ClassCounts(const ComputerDetails& computer, const Catalogue& catalogue) {
-  std::string html =
-      "<h2>Inventory</h2>\n<table id=\"classes\">\n<tr><th>Class</th><th>Name</th>"
-      "<th>Instances</th></tr>\n";
+  std::string rows = "<tr><th>Class</th><th>Name</th><th>Instances</th></tr>\n";
   for (const auto& [classId, instances] : computer.inventory) {
-    html += "<tr id=\"count-" + std::to_string(classId) + "\">" + NumberCell(classId) +
+    rows += "<tr id=\"count-" + std::to_string(classId) + "\">" + NumberCell(classId) +
             "<td><a href=\"#class-" + std::to_string(classId) + "\">" +
             HtmlEscape(catalogue.ClassName(classId)) + "</a></td>" +
             NumberCell(static_cast<std::int64_t>(instances.size())) + "</tr>\n";
   }
-  return html + "</table>\n";
+  return "<h2>Inventory</h2>\n" + Table(" id=\"classes\"", rows);
 }
 
 std::string ChangeLists(const UploadRecord& upload, const Catalogue& catalogue) {
@@ -83,65 +111,127 @@ std::string ChangeLists(const UploadRecord& upload, const Catalogue& catalogue) 
 
 std::string Changes(const ComputerDetails& computer, const Catalogue& catalogue) {
   std::string html = "<h2>Changes from difference scans</h2>\n";
+  const std::string chart = ChangeChart(computer.uploads);
+  if (!chart.empty()) {
+    html += "<p class=\"note\">Instances per difference upload: <span class=\"added\">&#9632; "
+            "added</span> <span class=\"deleted\">&#9632; deleted</span> "
+            "<span class=\"modified\">&#9632; modified</span></p>\n<div class=\"scroll\">" +
+            chart + "</div>\n";
+  }
   bool any = false;
   for (const UploadRecord& upload : computer.uploads) {
     if (upload.kind != "difference") continue;
     any = true;
     html += "<section class=\"difference\" id=\"upload-" + std::to_string(upload.id) +
             "\">\n<h3>Upload " + std::to_string(upload.id) + ", received " +
-            Time(upload.received) + "</h3>\n<table>\n<tr><th>Class</th><th>Added</th>"
-            "<th>Deleted</th><th>Modified</th><th>Not matching</th><th>Instances now</th></tr>\n";
+            Time(upload.received) + "</h3>\n";
+    std::string rows =
+        "<tr><th>Class</th><th>Added</th><th>Deleted</th><th>Modified</th><th>Not matching</th>"
+        "<th>Instances now</th></tr>\n";
     for (const auto& [classId, entry] : upload.classes) {
-      html += "<tr>" + Cell(catalogue.ClassName(classId)) + NumberCell(entry.changes.added) +
+      rows += "<tr>" + Cell(catalogue.ClassName(classId)) + NumberCell(entry.changes.added) +
               NumberCell(entry.changes.deleted) + NumberCell(entry.changes.modified) +
               NumberCell(entry.changes.unmatched) + NumberCell(entry.instances) + "</tr>\n";
     }
-    html += "</table>\n" + ChangeLists(upload, catalogue) + "</section>\n";
+    html += Table("", rows) + ChangeLists(upload, catalogue) + "</section>\n";
   }
   if (!any) html += "<p class=\"note\">No difference upload yet.</p>\n";
   return html;
 }
 
 std::string History(const ComputerDetails& computer) {
-  std::string html =
-      "<h2>Upload history</h2>\n<table id=\"history\">\n<tr><th>Upload</th><th>Received</th>"
-      "<th>Kind</th><th>Audit id</th><th>Resource id</th><th>Scan time</th>"
-      "<th>Previous scan time</th><th>On demand</th><th>Body bytes</th><th>Classes</th></tr>\n";
+  std::string rows =
+      "<tr><th>Upload</th><th>Received</th><th>Kind</th><th>Audit id</th><th>Resource id</th>"
+      "<th>Scan time</th><th>Previous scan time</th><th>On demand</th><th>Body bytes</th>"
+      "<th>Classes</th></tr>\n";
   for (const UploadRecord& upload : computer.uploads) {
-    html += "<tr>" + NumberCell(upload.id) + Cell(Time(upload.received)) + Cell(upload.kind) +
-            Cell(upload.auditId) + Cell(upload.resourceId) + Cell(upload.scanTime) +
-            Cell(upload.previousScanTime) + Cell(upload.onDemand ? "yes" : "no") +
+    rows += "<tr>" + NumberCell(upload.id) + TimeCell(Time(upload.received)) +
+            Cell(upload.kind) + Cell(upload.auditId) + Cell(upload.resourceId) +
+            TimeCell(ScanTime(upload.scanTime)) + TimeCell(ScanTime(upload.previousScanTime)) +
+            Cell(upload.onDemand ? "yes" : "no") +
             NumberCell(upload.bodySize) +
             NumberCell(static_cast<std::int64_t>(upload.classes.size())) + "</tr>\n";
   }
-  return html + "</table>\n";
+  return "<h2>Upload history</h2>\n" + Table(" id=\"history\"", rows);
 }
 
-std::string ClassTable(int classId, const ClassInstances& instances, const Catalogue& catalogue) {
-  // Columns: the properties any instance has, in catalogue (ascending id) order.
-  std::set<int> columns;
-  for (const auto& [number, instance] : instances) {
-    for (const auto& [propertyId, value] : instance) columns.insert(propertyId);
+// The filter box of a class; it keeps the other classes' filters and pages.
+std::string FilterForm(int classId, const std::string& path, const ClassView& view,
+                       const QueryParameters& query) {
+  std::string html = "<form class=\"filter\" method=\"get\" action=\"" +
+                     HtmlEscape(path + "#class-" + std::to_string(classId)) + "\">";
+  for (const auto& [name, value] : OtherClassParameters(classId, query)) {
+    html += "<input type=\"hidden\" name=\"" + HtmlEscape(name) + "\" value=\"" +
+            HtmlEscape(value) + "\">";
   }
+  return html + "<label>Filter <input type=\"search\" name=\"" + FilterParameter(classId) +
+         "\" value=\"" + HtmlEscape(view.filter) + "\"></label> <button>Filter</button></form>\n";
+}
+
+// Which rows are shown, and links to the other pages of the class.
+std::string PageLinks(int classId, const std::string& path, const ClassView& view,
+                      std::size_t total, const QueryParameters& query) {
+  std::string html = "<p class=\"pages\">";
+  if (!view.filter.empty()) {
+    html += "<span>" + std::to_string(view.matching) + " of " + std::to_string(total) +
+            " instances match</span>";
+  }
+  if (view.pages > 1) {
+    const std::size_t first = (view.page - 1) * kRowsPerPage + 1;
+    html += "<span>rows " + std::to_string(first) + " to " +
+            std::to_string(first + view.rows.size() - 1) + " of " +
+            std::to_string(view.matching) + "</span>";
+    auto link = [&](std::size_t page, const char* text) {
+      QueryList parameters = OtherClassParameters(classId, query);
+      if (!view.filter.empty()) parameters.emplace_back(FilterParameter(classId), view.filter);
+      parameters.emplace_back(PageParameter(classId), std::to_string(page));
+      return "<a href=\"" + HtmlEscape(Link(path, parameters)) + "#class-" +
+             std::to_string(classId) + "\">" + text + "</a>";
+    };
+    if (view.page > 1) html += link(view.page - 1, "&larr; previous");
+    html += "<span>page " + std::to_string(view.page) + " of " + std::to_string(view.pages) +
+            "</span>";
+    if (view.page < view.pages) html += link(view.page + 1, "next &rarr;");
+  }
+  return html + "</p>\n";
+}
+
+// Classes with more instances than this get a filter box.
+constexpr std::size_t kFilterFrom = 10;
+
+std::string ClassTable(std::int64_t computerId, int classId, const ClassInstances& instances,
+                       const Catalogue& catalogue, const QueryParameters& query) {
+  const std::string path = "/computers/" + std::to_string(computerId);
+  const ClassView view = ViewClass(classId, instances, query);
+  const std::vector<int> columns = PropertyColumns(instances);
   std::string html = "<section class=\"class\" id=\"class-" + std::to_string(classId) +
                      "\">\n<h3>" + HtmlEscape(catalogue.ClassName(classId)) + " (class " +
                      std::to_string(classId) + "): " + std::to_string(instances.size()) +
                      (instances.size() == 1 ? " instance" : " instances") +
-                     "</h3>\n<table>\n<tr><th>#</th>";
+                     "</h3>\n<p class=\"note\"><a href=\"" + path + "/classes/" +
+                     std::to_string(classId) + ".csv\">CSV</a></p>\n";
+  if (instances.size() > kFilterFrom || !view.filter.empty()) {
+    html += FilterForm(classId, path, view, query);
+  }
+  if (!view.filter.empty() || view.pages > 1) {
+    html += PageLinks(classId, path, view, instances.size(), query);
+  }
+  std::string rows = "<tr><th>#</th>";
   for (const int propertyId : columns) {
-    html += "<th title=\"" + std::to_string(propertyId) + "\">" +
+    rows += "<th title=\"" + std::to_string(propertyId) + "\">" +
             HtmlEscape(catalogue.PropertyName(classId, propertyId)) + "</th>";
   }
-  html += "</tr>\n";
-  for (const auto& [number, instance] : instances) {
-    html += "<tr>" + NumberCell(number);
+  rows += "</tr>\n";
+  for (const auto* entry : view.rows) {
+    const auto& [number, instance] = *entry;
+    rows += "<tr>" + NumberCell(number);
     for (const int propertyId : columns) {
       const auto value = instance.find(propertyId);
-      html += value != instance.end() ? Cell(value->second) : "<td></td>";
+      rows += value != instance.end() ? Cell(value->second) : "<td></td>";
     }
-    html += "</tr>\n";
+    rows += "</tr>\n";
   }
-  return html + "</table>\n</section>\n";
+  return html + Table("", rows) + "</section>\n";
 }
 
 void AppendMember(std::string& out, std::string_view key) {
@@ -159,6 +249,21 @@ void AppendNumberMember(std::string& out, std::string_view key, std::int64_t val
   out += std::to_string(value);
 }
 
+// ,"<key>":<seconds>,"<key>Utc":"<ISO time>" — nothing when there is no such time.
+void AppendTimeMembers(std::string& out, std::string_view key, std::int64_t seconds) {
+  const std::string iso = IsoTime(seconds);
+  if (iso.empty()) return;
+  out += ',';
+  AppendNumberMember(out, key, seconds);
+  out += ',';
+  AppendStringMember(out, std::string(key) + "Utc", iso);
+}
+
+// The same for a scan time as the query gave it (digits).
+void AppendScanTimeMembers(std::string& out, std::string_view key, const std::string& text) {
+  if (const auto seconds = WholeNumber(text)) AppendTimeMembers(out, key, *seconds);
+}
+
 void AppendSummary(std::string& out, const ComputerSummary& summary) {
   AppendNumberMember(out, "id", summary.id);
   out += ',';
@@ -167,14 +272,14 @@ void AppendSummary(std::string& out, const ComputerSummary& summary) {
   AppendStringMember(out, "domain", summary.domain);
   out += ',';
   AppendStringMember(out, "customerId", summary.customerId);
-  out += ',';
-  AppendNumberMember(out, "firstSeen", summary.firstSeen);
+  AppendTimeMembers(out, "firstSeen", summary.firstSeen);
   out += ',';
   AppendNumberMember(out, "uploadCount", summary.uploads);
-  out += ',';
-  AppendNumberMember(out, "lastUpload", summary.lastUpload);
-  out += ',';
-  AppendStringMember(out, "lastKind", summary.lastKind);
+  AppendTimeMembers(out, "lastUpload", summary.lastUpload);
+  if (!summary.lastKind.empty()) {
+    out += ',';
+    AppendStringMember(out, "lastKind", summary.lastKind);
+  }
   out += ',';
   AppendNumberMember(out, "classCount", summary.classes);
   out += ',';
@@ -192,7 +297,17 @@ void AppendInventoryJson(std::string& out, const Inventory& inventory, const Cat
     AppendStringMember(out, "name", catalogue.ClassName(classId));
     out += ',';
     AppendNumberMember(out, "instanceCount", static_cast<std::int64_t>(instances.size()));
-    out += ",\"instances\":[";
+    out += ",\"properties\":[";
+    bool firstProperty = true;
+    for (const int propertyId : PropertyColumns(instances)) {
+      out += firstProperty ? "{" : ",{";
+      firstProperty = false;
+      AppendNumberMember(out, "id", propertyId);
+      out += ',';
+      AppendStringMember(out, "name", catalogue.PropertyName(classId, propertyId));
+      out += '}';
+    }
+    out += "],\"instances\":[";
     bool firstInstance = true;
     for (const auto& [number, instance] : instances) {
       out += firstInstance ? "{" : ",{";
@@ -215,18 +330,17 @@ void AppendInventoryJson(std::string& out, const Inventory& inventory, const Cat
 void AppendUploadJson(std::string& out, const UploadRecord& upload, const Catalogue& catalogue) {
   out += '{';
   AppendNumberMember(out, "id", upload.id);
-  out += ',';
-  AppendNumberMember(out, "received", upload.received);
+  AppendTimeMembers(out, "received", upload.received);
   out += ',';
   AppendStringMember(out, "kind", upload.kind);
   out += ',';
   AppendStringMember(out, "auditId", upload.auditId);
-  out += ',';
-  AppendStringMember(out, "resourceId", upload.resourceId);
-  out += ',';
-  AppendStringMember(out, "scanTime", upload.scanTime);
-  out += ',';
-  AppendStringMember(out, "previousScanTime", upload.previousScanTime);
+  if (!upload.resourceId.empty()) {
+    out += ',';
+    AppendStringMember(out, "resourceId", upload.resourceId);
+  }
+  AppendScanTimeMembers(out, "scanTime", upload.scanTime);
+  AppendScanTimeMembers(out, "previousScanTime", upload.previousScanTime);
   out += ",\"onDemand\":";
   out += upload.onDemand ? "true" : "false";
   out += ',';
@@ -258,6 +372,8 @@ void AppendUploadJson(std::string& out, const UploadRecord& upload, const Catalo
     first = false;
     AppendNumberMember(out, "classId", item.classId);
     out += ',';
+    AppendStringMember(out, "className", catalogue.ClassName(item.classId));
+    out += ',';
     AppendStringMember(out, "change", ChangeWord(item.change));
     out += ',';
     AppendStringMember(out, "label", item.label);
@@ -284,13 +400,59 @@ std::string HtmlEscape(std::string_view text) {
   return out;
 }
 
-std::string ComputerListPage(const std::vector<ComputerSummary>& computers) {
+std::string IsoTime(std::int64_t seconds) {
+  if (seconds <= 0) return "";
+  const std::time_t time = static_cast<std::time_t>(seconds);
+  std::tm parts{};
+  if (gmtime_r(&time, &parts) == nullptr || parts.tm_year > 9999 - 1900) return "";
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+  return text;
+}
+
+std::vector<int> PropertyColumns(const ClassInstances& instances) {
+  std::set<int> columns;
+  for (const auto& [number, instance] : instances) {
+    for (const auto& [propertyId, value] : instance) columns.insert(propertyId);
+  }
+  return {columns.begin(), columns.end()};
+}
+
+std::string ComputerListPage(const std::vector<ComputerSummary>& all,
+                             const QueryParameters& parameters) {
+  const ListQuery query = ReadListQuery(parameters);
+  const std::vector<ComputerSummary> computers = SelectComputers(all, query);
   std::string html = Head("Computers - Tarn reference server") +
-                     "<h1>Computers</h1>\n<table id=\"computers\">\n<tr><th>Resource id</th>"
-                     "<th>Computer</th><th>Domain</th><th>Customer</th><th>Classes</th>"
-                     "<th>Instances</th><th>Uploads</th><th>Last upload</th></tr>\n";
+                     "<h1>Computers</h1>\n<form class=\"search\" method=\"get\" action=\"/\">"
+                     "<label>Search name, domain or customer <input type=\"search\" name=\"q\" "
+                     "value=\"" + HtmlEscape(query.search) + "\"></label>";
+  if (query.sort != "id") {
+    html += "<input type=\"hidden\" name=\"sort\" value=\"" + query.sort + "\">";
+  }
+  if (query.descending) html += "<input type=\"hidden\" name=\"order\" value=\"desc\">";
+  html += " <button>Search</button></form>\n";
+  if (!query.search.empty()) {
+    html += "<p class=\"note\">" + std::to_string(computers.size()) + " of " +
+            std::to_string(all.size()) + " computers match.</p>\n";
+  }
+  // Each heading sorts by its column; the sorted one again turns the order round.
+  static constexpr std::pair<const char*, const char*> kHeadings[] = {
+      {"id", "Resource id"}, {"name", "Computer"},     {"domain", "Domain"},
+      {"customer", "Customer"}, {"classes", "Classes"}, {"instances", "Instances"},
+      {"uploads", "Uploads"},   {"last", "Last upload"}};
+  std::string rows = "<tr>";
+  for (const auto& [column, heading] : kHeadings) {
+    QueryList link;
+    if (!query.search.empty()) link.emplace_back("q", query.search);
+    link.emplace_back("sort", column);
+    const bool sorted = query.sort == column;
+    if (sorted && !query.descending) link.emplace_back("order", "desc");
+    rows += std::string("<th><a href=\"") + HtmlEscape(Link("/", link)) + "\">" + heading +
+            "</a>" + (sorted ? (query.descending ? " &#9660;" : " &#9650;") : "") + "</th>";
+  }
+  rows += "</tr>\n";
   for (const ComputerSummary& computer : computers) {
-    html += "<tr>" + NumberCell(computer.id) + "<td><a href=\"/computers/" +
+    rows += "<tr>" + NumberCell(computer.id) + "<td><a href=\"/computers/" +
             std::to_string(computer.id) + "\">" + HtmlEscape(computer.name) + "</a></td>" +
             Cell(computer.domain) + Cell(computer.customerId) + NumberCell(computer.classes) +
             NumberCell(computer.instances) + NumberCell(computer.uploads) +
@@ -298,12 +460,17 @@ std::string ComputerListPage(const std::vector<ComputerSummary>& computers) {
                                            : computer.lastKind + ", " + Time(computer.lastUpload)) +
             "</tr>\n";
   }
-  if (computers.empty()) html += "<tr><td colspan=\"8\">No computer yet.</td></tr>\n";
-  return html + "</table>\n<p class=\"note\">JSON: <a href=\"/api/computers\">/api/computers</a></p>\n"
-                "</body>\n</html>\n";
+  if (computers.empty()) {
+    rows += std::string("<tr><td colspan=\"8\">") +
+            (all.empty() ? "No computer yet." : "No computer matches.") + "</td></tr>\n";
+  }
+  return html + Table(" id=\"computers\"", rows) +
+         "<p class=\"note\">JSON: <a href=\"/api/computers\">/api/computers</a></p>\n"
+         "</body>\n</html>\n";
 }
 
-std::string ComputerPage(const ComputerDetails& computer, const Catalogue& catalogue) {
+std::string ComputerPage(const ComputerDetails& computer, const Catalogue& catalogue,
+                         const QueryParameters& query) {
   const ComputerSummary& summary = computer.summary;
   std::string html = Head(summary.name + " - Tarn reference server");
   html += "<p><a href=\"/\">All computers</a> | <a href=\"/computers/" +
@@ -313,18 +480,21 @@ std::string ComputerPage(const ComputerDetails& computer, const Catalogue& catal
           HtmlEscape(summary.customerId) + "; first seen " + Time(summary.firstSeen) + "; " +
           std::to_string(summary.uploads) + " uploads; " + std::to_string(summary.classes) +
           " classes, " + std::to_string(summary.instances) + " instances.</p>\n";
+  html += VolumeSection(computer.inventory);
+  html += MemorySection(computer.inventory);
   html += ClassCounts(computer, catalogue);
   html += Changes(computer, catalogue);
   html += History(computer);
   html += "<h2>Instances</h2>\n";
   for (const auto& [classId, instances] : computer.inventory) {
-    html += ClassTable(classId, instances, catalogue);
+    html += ClassTable(summary.id, classId, instances, catalogue, query);
   }
-  html += "<h2>Agent parameters of the last upload</h2>\n<table id=\"agent-params\">\n";
+  std::string params;
   for (const auto& [name, value] : computer.agentParams) {
-    html += "<tr>" + Cell(name) + Cell(value) + "</tr>\n";
+    params += "<tr>" + Cell(name) + Cell(value) + "</tr>\n";
   }
-  return html + "</table>\n</body>\n</html>\n";
+  return html + "<h2>Agent parameters of the last upload</h2>\n" +
+         Table(" id=\"agent-params\"", params) + "</body>\n</html>\n";
 }
 
 std::string ComputerJson(const ComputerDetails& computer, const Catalogue& catalogue) {

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "tools/refserver/csv.h"
 #include "tools/refserver/pages.h"
 #include "tools/refserver/upload.h"
 
@@ -60,8 +61,8 @@ void RefServer::Routes() {
   server_->Get(R"(/+client-data/([^/]+)/domains/([^/]*)/resources/([^/]+)\.xml)",
                [this](const Request& rq, Response& rs) { ResourceDocument(rq, rs); });
   server_->Post(R"(/+inventory)", [this](const Request& rq, Response& rs) { Upload(rq, rs); });
-  server_->Get("/", [this](const Request&, Response& rs) {
-    rs.set_content(ComputerListPage(store_.Computers()), "text/html; charset=utf-8");
+  server_->Get("/", [this](const Request& rq, Response& rs) {
+    rs.set_content(ComputerListPage(store_.Computers(), rq.params), "text/html; charset=utf-8");
   });
   server_->Get("/api/computers", [this](const Request&, Response& rs) {
     rs.set_content(ComputerListJson(store_.Computers()), "application/json");
@@ -70,6 +71,23 @@ void RefServer::Routes() {
                [this](const Request& rq, Response& rs) { ComputerPage(rq, rs, true); });
   server_->Get(R"(/computers/(\d{1,18}))",
                [this](const Request& rq, Response& rs) { ComputerPage(rq, rs, false); });
+  server_->Get(R"(/computers/(\d{1,18})/classes/(\d{1,9})\.csv)",
+               [this](const Request& rq, Response& rs) {
+                 const std::int64_t id = std::stoll(rq.matches[1].str());
+                 const int classId = std::stoi(rq.matches[2].str());
+                 const auto computer = store_.Computer(id);
+                 if (!computer || computer->inventory.count(classId) == 0) {
+                   PlainText(rs, 404, "computer " + std::to_string(id) + " holds no class " +
+                                          std::to_string(classId));
+                   return;
+                 }
+                 const std::string className = catalogue_.ClassName(classId);
+                 rs.set_header("Content-Disposition",
+                               "attachment; filename=\"" +
+                                   CsvFileName(computer->summary.name, className) + "\"");
+                 rs.set_content(ClassCsv(classId, computer->inventory.at(classId), catalogue_),
+                                "text/csv; charset=utf-8");
+               });
   server_->set_exception_handler([](const Request&, Response& rs, std::exception_ptr error) {
     std::string what = "unknown failure";
     try {
@@ -140,7 +158,8 @@ void RefServer::ComputerPage(const httplib::Request& request, httplib::Response&
   if (json) {
     response.set_content(ComputerJson(*computer, catalogue_), "application/json");
   } else {
-    response.set_content(refserver::ComputerPage(*computer, catalogue_), "text/html; charset=utf-8");
+    response.set_content(refserver::ComputerPage(*computer, catalogue_, request.params),
+                         "text/html; charset=utf-8");
   }
 }
 

@@ -8,6 +8,7 @@
 //   GET  /                      computers (HTML)
 //   GET  /computers/<id>        one computer: inventory, changes, history (HTML)
 //   GET  /computers/<id>.json   the same as JSON
+//   GET  /computers/<id>/classes/<class>.csv   one class's instances as CSV
 //   GET  /api/computers         computers (JSON)
 //
 // Every answer carries "X-Tarn-Header". Upload answers are one line of plain text:
