@@ -12,6 +12,7 @@ packages=(
   libsqlite3-dev  # the reference server's database (tools/refserver)
   chromium        # headless browser of the reference server's page test
   clang libclang-rt-14-dev  # the fuzz targets (fuzz/run.sh): clang with libFuzzer
+  shellcheck      # the shell-script test of tools/record-mac.sh
 )
 
 missing=()

@@ -38,7 +38,8 @@ struct ScannerResult {
 
 class AgentFolder {
  public:
-  explicit AgentFolder(const std::string& name)
+  // scannerName: the scanner's name here; by default one of its own (see below).
+  explicit AgentFolder(const std::string& name, const std::string& scannerName = "")
       : base_(std::filesystem::temp_directory_path() /
               ("tarn-e2e-" + name + "-" + std::to_string(::getpid()))) {
     std::filesystem::remove_all(base_);
@@ -59,7 +60,9 @@ class AgentFolder {
     // The scanner runs under a name of its own, so that no other scan on this computer trips
     // its single-instance guard (process names are cut to 15 characters).
     static int runs = 0;
-    scannerName_ = "tn" + std::to_string(::getpid() % 100000) + "_" + std::to_string(++runs);
+    scannerName_ = !scannerName.empty()
+                       ? scannerName
+                       : "tn" + std::to_string(::getpid() % 100000) + "_" + std::to_string(++runs);
     std::filesystem::create_symlink(TARN_SCANNER_BINARY, base_ / "bin" / scannerName_);
     // Until a test names its server: one loopback address where nothing listens.
     ServeAt(1);

@@ -17,6 +17,7 @@
 #include <regex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "tests/agent_folder.h"
 #include "tests/inventory_server.h"
@@ -230,6 +231,50 @@ TEST_F(CrashTest, ASnapshotThatCannotBeWrittenForcesTheNextRunToAFullScan) {
   ASSERT_EQ(agent_.Run({"scheduled"}).exitCode, 0);
   EXPECT_TRUE(EndedWith(agent_, "FullData", "Success")) << agent_.AccessLog();
   EXPECT_NE(agent_.ScanLog().find(" is modified, Proceeding to full scan \n"), std::string::npos);
+}
+
+// The id of a process that has ended (the child only exits: safe in a threaded process).
+pid_t EndedProcessId() {
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(0);
+  ::waitpid(child, nullptr, 0);
+  return child;
+}
+
+// A scanner killed while a tool wrote into its private folder leaves the folder in BASE/bin;
+// the next run removes it, and only what is its user's and no live run's.
+TEST(CrashLeftovers, ScratchFoldersOfKilledRunsAreRemovedAtTheNextStart) {
+  AgentFolder agent("crash-scratch");
+  InventoryServer server;
+  agent.WriteResourceId("42");
+  agent.ServeAt(server.port());
+  agent.UseMachine("macbook-sample");
+  const fs::path bin = agent.base() / "bin";
+  WriteFileText(agent.base() / "precious", "keep me");
+  const std::vector<std::string> stale = {
+      "tarninventory-" + std::to_string(EndedProcessId()) + "-Ab12Cd",
+      "tarninventory-Xy34Zw"};  // the name earlier runs gave, without a process id
+  for (const std::string& name : stale) {
+    fs::create_directories(bin / name);
+    fs::permissions(bin / name, fs::perms::owner_all);
+    WriteFileText(bin / name / "system_profiler.xml", "<?xml version=\"1.0\"");
+    fs::create_symlink(agent.base() / "precious", bin / name / "link");
+  }
+  const fs::path live = bin / ("tarninventory-" + std::to_string(::getpid()) + "-Ab12Cd");
+  fs::create_directories(live);
+
+  ASSERT_EQ(agent.Run({"assetscan"}).exitCode, 0);
+  EXPECT_EQ(server.Uploads().size(), 1u);
+  for (const std::string& name : stale) {
+    EXPECT_FALSE(fs::exists(bin / name)) << name;
+    EXPECT_NE(agent.ScanLog().find("Removed the scratch folder " + bin.string() + "/" + name +
+                                   " left by an earlier run\n"),
+              std::string::npos);
+  }
+  EXPECT_TRUE(fs::is_directory(live));
+  EXPECT_EQ(ReadFileText(agent.base() / "precious"), "keep me");
+  // The run's own folders went with their steps: BASE/bin holds the scanner and the live one.
+  EXPECT_EQ(std::distance(fs::directory_iterator(bin), fs::directory_iterator()), 2);
 }
 
 }  // namespace

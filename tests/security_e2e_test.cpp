@@ -96,9 +96,12 @@ class NamedSleeper {
     const fs::path copy = folder / name;
     fs::copy_file("/bin/sleep", copy, fs::copy_options::overwrite_existing);
     fs::permissions(copy, fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec);
+    const bool otherUser = uid != ::geteuid();
     pid_ = ::fork();
     if (pid_ == 0) {
-      if (::setgroups(0, nullptr) != 0 || ::setgid(uid) != 0 || ::setuid(uid) != 0) ::_exit(126);
+      if (otherUser && (::setgroups(0, nullptr) != 0 || ::setgid(uid) != 0 || ::setuid(uid) != 0)) {
+        ::_exit(126);
+      }
       ::execl(copy.c_str(), name.c_str(), "30", static_cast<char*>(nullptr));
       ::_exit(127);
     }
@@ -123,54 +126,69 @@ class NamedSleeper {
   pid_t pid_ = -1;
 };
 
-TEST(SecuritySingleInstance, ASecondRealScanExitsAtOnceAndWritesNothing) {
-  AgentFolder agent("sec-second");
-  Configure(agent, Machine("macbook-sample"));
-  InventoryServer server;
-  server.SetResourceAnswer(Answer::kSlow);  // the first scan waits for its resource id
-  agent.ServeAt(server.port());
-  const pid_t first = agent.Start({"assetscan"});
-  for (int wait = 0; wait < 500 && server.Requests().empty(); ++wait) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+TEST(SecuritySingleInstance, ASecondRealScanFromAnyAgentFolderExitsAtOnceAndWritesNothing) {
+  for (const bool sameFolder : {true, false}) {
+    SCOPED_TRACE(sameFolder ? "same agent folder" : "another agent folder");
+    AgentFolder agent("sec-second");
+    Configure(agent, Machine("macbook-sample"));
+    InventoryServer server;
+    server.SetResourceAnswer(Answer::kSlow);  // the first scan waits for its resource id
+    agent.ServeAt(server.port());
+    const pid_t first = agent.Start({"assetscan"});
+    for (int wait = 0; wait < 500 && server.Requests().empty(); ++wait) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_FALSE(server.Requests().empty()) << "the first scan never asked for its id";
+    const std::string scanLog = agent.ScanLog();
+    const std::string accessLog = agent.AccessLog();
+
+    // The scanner installed in a second agent folder runs under the same name.
+    AgentFolder other("sec-second-other", agent.scannerName());
+    Configure(other, Machine("macbook-sample"));
+    other.WriteResourceId("42");
+    other.ServeAt(server.port());
+    const AgentFolder& second = sameFolder ? agent : other;
+    const auto start = std::chrono::steady_clock::now();
+    const ScannerResult result = second.Run({"assetscan"}, std::chrono::seconds(20));
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    EXPECT_EQ(result.standardOutput, "");
+    EXPECT_EQ(agent.ScanLog(), scanLog);
+    EXPECT_EQ(agent.AccessLog(), accessLog);
+    EXPECT_FALSE(fs::exists(other.logs()));
+    EXPECT_FALSE(fs::exists(other.data() / "tarninventory.lock"));
+    EXPECT_EQ(server.Requests().size(), 1u);
+
+    ::kill(first, SIGKILL);
+    agent.Wait(first);
   }
-  ASSERT_FALSE(server.Requests().empty()) << "the first scan never asked for its id";
-  const std::string scanLog = agent.ScanLog();
-  const std::string accessLog = agent.AccessLog();
-
-  const auto start = std::chrono::steady_clock::now();
-  const ScannerResult second = agent.Run({"assetscan"}, std::chrono::seconds(20));
-  EXPECT_EQ(second.exitCode, 1);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-  EXPECT_EQ(second.standardOutput, "");
-  EXPECT_EQ(agent.ScanLog(), scanLog);
-  EXPECT_EQ(agent.AccessLog(), accessLog);
-  EXPECT_EQ(server.Requests().size(), 1u);
-
-  ::kill(first, SIGKILL);
-  agent.Wait(first);
 }
 
-TEST(SecuritySingleInstance, WithoutTheLockOnlyThisUsersProcessesCount) {
-  if (::geteuid() != 0) GTEST_SKIP() << "starting a process as another user needs root";
+TEST(SecuritySingleInstance, OnlyThisUsersProcessesOfTheScannersNameCount) {
   struct Case {
     const char* name;
     uid_t uid;
     int exitCode;
   };
-  const Case cases[] = {{"another user", 65534, 0}, {"this user", 0, 1}};
+  const Case cases[] = {{"another user", 65534, 0}, {"this user", ::geteuid(), 1}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
+    if (c.uid != ::geteuid() && ::geteuid() != 0) continue;  // needs root
     AgentFolder agent("sec-uid");
     Configure(agent, Machine("macbook-sample"));
     agent.WriteResourceId("42");
     InventoryServer server;
     agent.ServeAt(server.port());
-    // A link where the lock would be: the guard cannot lock and looks at the processes.
-    fs::create_symlink(agent.base() / "elsewhere", agent.data() / "tarninventory.lock");
+    // Started from elsewhere; this agent folder's lock is free.
     const NamedSleeper sleeper(agent.base() / "other", agent.scannerName(), c.uid);
-    EXPECT_EQ(agent.Run({"assetscan"}).exitCode, c.exitCode);
+    const ScannerResult result = agent.Run({"assetscan"});
+    EXPECT_EQ(result.exitCode, c.exitCode);
     EXPECT_EQ(server.Uploads().size(), c.exitCode == 0 ? 1u : 0u);
-    EXPECT_FALSE(fs::exists(agent.base() / "elsewhere"));
+    if (c.exitCode != 0) {
+      EXPECT_FALSE(fs::exists(agent.logs()));
+      EXPECT_FALSE(fs::exists(agent.data() / "tarninventory.lock"));
+      EXPECT_FALSE(Contains(result.standardError, kStopLine));
+    }
   }
 }
 
@@ -214,6 +232,50 @@ TEST(SecurityFiles, FoldersOthersCanWriteStopTheRunBeforeAnythingIsWritten) {
     EXPECT_TRUE(Contains(result.standardError, kStopLine));
     EXPECT_TRUE(!fs::exists(agent.logs()) || fs::is_empty(agent.logs()));
     EXPECT_FALSE(fs::exists(agent.data() / "tarninventory_data.plist"));
+    EXPECT_FALSE(fs::exists(agent.data() / "tarninventory.lock"));
+    EXPECT_TRUE(server.Requests().empty());
+  }
+}
+
+TEST(SecurityFiles, AFolderThatIsALinkStopsTheRunEvenWhenItLeadsNowhere) {
+  struct Case {
+    const char* name;
+    const char* folder;
+    bool dangling;
+  };
+  const Case cases[] = {{"logs leading nowhere", "logs", true},
+                        {"logs leading to a private folder", "logs", false},
+                        {"data leading to a private folder", "data", false}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    AgentFolder agent("sec-folder-link");
+    Configure(agent, Machine("macbook-sample"));
+    agent.WriteResourceId("42");
+    InventoryServer server;
+    agent.ServeAt(server.port());
+    const fs::path folder = agent.base() / c.folder;
+    const fs::path target = agent.base() / "elsewhere";
+    if (fs::exists(folder)) fs::rename(folder, target);
+    if (!c.dangling) {
+      fs::create_directories(target);
+      fs::permissions(target, fs::perms::owner_all);
+    }
+    fs::create_directory_symlink(target, folder);
+    const auto entriesBefore =
+        c.dangling ? 0 : std::distance(fs::directory_iterator(target), fs::directory_iterator());
+
+    const ScannerResult result = agent.Run({"assetscan"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_TRUE(
+        Contains(result.standardError,
+                 "main : " + folder.string() + " is a link; refusing to log or keep data there\n"))
+        << result.standardError;
+    EXPECT_TRUE(Contains(result.standardError, kStopLine));
+    EXPECT_EQ(fs::exists(target), !c.dangling);
+    if (!c.dangling) {
+      EXPECT_EQ(std::distance(fs::directory_iterator(target), fs::directory_iterator()),
+                entriesBefore);
+    }
     EXPECT_TRUE(server.Requests().empty());
   }
 }

@@ -12,8 +12,20 @@
 # Run it on the Mac itself, best as an administrator (sudo), from a Terminal session of the
 # logged-in user. A tool that is not installed is left out of the manifest, which is how a
 # replay models "could not be launched". Written for the bash 3.2 that macOS ships.
+#
+# The recording identifies the Mac and its users (serial numbers, user names, addresses, the
+# applications), so OUTPUT_FOLDER must not exist yet: the script creates it for the user it
+# runs as only (folder 0700, files 0600) and never writes over or through anything in it.
+#
+# RECORD_MAC_TOOL_ROOT, when set, is a folder under which every tool's absolute path is looked
+# up instead of under /, so that the script can be tested with stand-in tools; the manifest
+# still names each tool by its real path.
 set -u
 set -o pipefail
+set -o noclobber
+umask 077
+
+tool_root=${RECORD_MAC_TOOL_ROOT:-}
 
 SP=/usr/sbin/system_profiler
 SYSCTL=/usr/sbin/sysctl
@@ -22,29 +34,52 @@ USERS=/usr/bin/users
 DISKUTIL=/usr/sbin/diskutil
 PLISTBUDDY=/usr/libexec/PlistBuddy
 PLUTIL=/usr/bin/plutil
+UNAME=/usr/bin/uname
+HOSTNAME_TOOL=/bin/hostname
+SCUTIL=/usr/sbin/scutil
+IFCONFIG=/sbin/ifconfig
+VM_STAT=/usr/bin/vm_stat
 
 usage() {
-	echo "usage: $0 OUTPUT_FOLDER" >&2
+	echo "usage: $0 OUTPUT_FOLDER"
+	echo "Records this Mac for replay by the inventory scanner into OUTPUT_FOLDER, a new folder"
+	echo "the script creates (it must not exist yet)."
+}
+
+refuse() {
+	usage >&2
 	exit 2
 }
 
-[ $# -eq 1 ] || usage
+case ${1-} in
+-h | --help)
+	usage
+	exit 0
+	;;
+esac
+[ $# -eq 1 ] || refuse
 out=$1
-[ -n "$out" ] || usage
+case $out in
+'' | -*) refuse ;;
+esac
 
-if [ "$(uname -s)" != Darwin ]; then
+if [ -e "$out" ] || [ -L "$out" ]; then
+	echo "record-mac.sh: $out already exists; give the path of a folder to create" >&2
+	exit 2
+fi
+if [ "$("$tool_root$UNAME" -s 2>/dev/null)" != Darwin ]; then
 	echo "record-mac.sh: this records the Mac it runs on; run it on macOS" >&2
 	exit 2
 fi
-if [ -e "$out" ] && [ ! -d "$out" ]; then
-	echo "record-mac.sh: $out exists and is not a folder" >&2
-	exit 2
+# mkdir fails when anything appeared at the path meanwhile. Everything is then written from
+# inside the folder, after making sure it is the one just made (this user's, private, empty),
+# so nobody can move another folder or a link into its place.
+mkdir -m 700 -- "$out" || exit 1
+cd -P -- "$out" || exit 1
+if [ ! -O . ] || [ -z "$(find . -maxdepth 0 -perm 700)" ] || [ -n "$(ls -A)" ]; then
+	echo "record-mac.sh: $out is not the private folder just created; stopping" >&2
+	exit 1
 fi
-if [ -d "$out" ] && [ -n "$(ls -A "$out" 2>/dev/null)" ]; then
-	echo "record-mac.sh: $out is not empty; give a new or empty folder" >&2
-	exit 2
-fi
-mkdir -p "$out" || exit 1
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/record-mac.XXXXXX") || exit 1
 trap 'rm -rf "$work"' EXIT
@@ -84,17 +119,19 @@ add_command() {
 }
 
 # record OUTPUT_NAME LAUNCH_PATH [ARGUMENT...]
-# Runs the tool directly (no shell in between), its standard output into OUTPUT_NAME.
+# Runs the tool directly (no shell in between), its standard output into OUTPUT_NAME in the
+# output folder (the working directory).
 record() {
 	local name=$1 launch=$2 status=0
 	shift 2
-	if [ ! -x "$launch" ]; then
+	if [ ! -x "$tool_root$launch" ]; then
 		echo "  not installed, left out: $launch" >&2
 		return 1
 	fi
-	"$launch" "$@" >"$out/$name" || status=$?
+	printf 'Running %s\n' "$launch $*"
+	"$tool_root$launch" "$@" >"./$name" || status=$?
 	add_command "$name" "$status" "$launch" "$@"
-	printf '  %s -> %s (exit %d)\n' "$launch $*" "$name" "$status"
+	printf '  -> %s (exit %d)\n' "$name" "$status"
 	return 0
 }
 
@@ -102,16 +139,17 @@ record() {
 # past the end of the array.
 volume_at() {
 	local list=$1 index=$2
-	if [ -x "$PLISTBUDDY" ]; then
-		"$PLISTBUDDY" -c "Print :VolumesFromDisks:$index" "$list" 2>/dev/null
+	if [ -x "$tool_root$PLISTBUDDY" ]; then
+		"$tool_root$PLISTBUDDY" -c "Print :VolumesFromDisks:$index" "$list" 2>/dev/null
 	else
-		"$PLUTIL" -extract "VolumesFromDisks.$index" raw -o - "$list" 2>/dev/null
+		"$tool_root$PLUTIL" -extract "VolumesFromDisks.$index" raw -o - "$list" 2>/dev/null
 	fi
 }
 
 echo "Recording this Mac into $out"
 
 # The installed-applications report (the scanner puts the type name before -xml here).
+echo "The applications report comes first; on a Mac with many applications it takes minutes."
 record system_profiler-SPApplicationsDataType.xml "$SP" SPApplicationsDataType -xml
 
 record sysctl-hw.memsize.txt "$SYSCTL" hw.memsize
@@ -135,9 +173,9 @@ record users.txt "$USERS" " "
 
 # Disks: the list, then one info per entry of VolumesFromDisks (volume names on macOS).
 # Info files are numbered by position; a volume name never becomes part of a file name.
-if record diskutil-list.plist "$DISKUTIL" list -plist && [ -s "$out/diskutil-list.plist" ]; then
+if record diskutil-list.plist "$DISKUTIL" list -plist && [ -s diskutil-list.plist ]; then
 	index=0
-	while volume=$(volume_at "$out/diskutil-list.plist" "$index"); do
+	while volume=$(volume_at diskutil-list.plist "$index"); do
 		index=$((index + 1))
 		record "diskutil-info-$index.plist" "$DISKUTIL" info -plist "$volume"
 	done
@@ -148,13 +186,14 @@ add_host_text() {
 	printf '\t\t<key>%s</key>\n\t\t<string>%s</string>\n' "$1" "$(xml_escape "$2")" >>"$host_xml"
 }
 
-host_name=$(/bin/hostname 2>/dev/null) && [ -n "$host_name" ] && add_host_text hostName "$host_name"
-computer_name=$(/usr/sbin/scutil --get ComputerName 2>/dev/null) && [ -n "$computer_name" ] &&
+host_name=$("$tool_root$HOSTNAME_TOOL" 2>/dev/null) && [ -n "$host_name" ] &&
+	add_host_text hostName "$host_name"
+computer_name=$("$tool_root$SCUTIL" --get ComputerName 2>/dev/null) && [ -n "$computer_name" ] &&
 	add_host_text localizedName "$computer_name"
 
 # IPv4 addresses (family 2) in the order ifconfig lists the interfaces.
 addresses=$work/addresses.txt
-/sbin/ifconfig 2>/dev/null | awk '
+"$tool_root$IFCONFIG" 2>/dev/null | awk '
 	/^[^ \t]/ { name = $1; sub(/:$/, "", name) }
 	$1 == "inet" { print name "\t" $2 }' >"$addresses"
 if [ -s "$addresses" ]; then
@@ -173,7 +212,7 @@ fi
 
 # Page counts as the host statistics call gives them. vm_stat prints "Pages free" without
 # the speculative pages, which the statistics record counts as free, so they are added back.
-statistics=$(/usr/bin/vm_stat 2>/dev/null | awk '
+statistics=$("$tool_root$VM_STAT" 2>/dev/null | awk '
 	function count(text) { sub(/\.$/, "", text); return text + 0 }
 	/page size of/ { for (i = 1; i <= NF; i++) if ($i == "of") size = $(i + 1) }
 	/^Pages free:/ { free = count($3) }
@@ -199,7 +238,7 @@ if [ -n "$statistics" ]; then
 	} >>"$host_xml"
 fi
 
-manifest=$out/manifest.plist
+manifest=manifest.plist
 {
 	printf '<?xml version="1.0" encoding="UTF-8"?>\n'
 	printf '<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">\n'
@@ -213,8 +252,11 @@ manifest=$out/manifest.plist
 	printf '</dict>\n</plist>\n'
 } >"$manifest"
 
-if [ -x "$PLUTIL" ] && ! "$PLUTIL" -lint -s "$manifest"; then
-	echo "record-mac.sh: the manifest written is not a valid property list: $manifest" >&2
+if [ -x "$tool_root$PLUTIL" ] && ! "$tool_root$PLUTIL" -lint -s "$manifest"; then
+	echo "record-mac.sh: the manifest written is not a valid property list: $out/$manifest" >&2
 	exit 1
 fi
-echo "Done: $manifest"
+echo "Done: $out/$manifest"
+echo "Warning: $out identifies this Mac and its users (serial numbers, user names, network"
+echo "addresses, the installed applications). Only $(id -un) can read it; hand it on only to"
+echo "those who need it, and delete it when the work is done."

@@ -1,11 +1,15 @@
 #include "platform/file/file_util.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
+#include <charconv>
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
@@ -74,9 +78,10 @@ LockResult LockOwnFile(const std::string& path, UniqueFd& holder) {
 
 FolderState CheckOwnFolder(const std::string& path) {
   struct stat info {};
-  if (::stat(path.c_str(), &info) != 0) {
+  if (::lstat(path.c_str(), &info) != 0) {
     return errno == ENOENT ? FolderState::kMissing : FolderState::kExposed;
   }
+  if (S_ISLNK(info.st_mode)) return FolderState::kLink;
   const bool isPrivate = S_ISDIR(info.st_mode) && info.st_uid == ::geteuid() &&
                          (info.st_mode & (S_IWGRP | S_IWOTH)) == 0;
   return isPrivate ? FolderState::kPrivate : FolderState::kExposed;
@@ -155,13 +160,117 @@ bool WriteAll(int fd, std::string_view bytes) {
 
 namespace {
 
+constexpr std::string_view kScratchPrefix = "tarninventory-";
+constexpr std::size_t kScratchSuffixLength = 6;  // what mkdtemp puts for "XXXXXX"
+// Scratch folders hold tool outputs only; anything deeper is not ours to walk.
+constexpr int kMostScratchDepth = 8;
+
 std::string MakePrivateDirectory(const std::string& parent) {
-  std::string pattern = parent + "/tarninventory-XXXXXX";
+  std::string pattern =
+      parent + "/" + std::string(kScratchPrefix) + std::to_string(::getpid()) + "-XXXXXX";
   const char* made = ::mkdtemp(pattern.data());
   return made != nullptr ? std::string(made) : std::string();
 }
 
+bool AllOf(std::string_view text, int (*test)(int)) {
+  for (const char c : text) {
+    if (test(static_cast<unsigned char>(c)) == 0) return false;
+  }
+  return true;
+}
+
+// The process id in a scratch folder's name: 0 for the earlier name that carries none,
+// nothing for a name that is not a scratch folder's.
+std::optional<pid_t> ScratchOwner(std::string_view name) {
+  if (!name.starts_with(kScratchPrefix)) return std::nullopt;
+  name.remove_prefix(kScratchPrefix.size());
+  if (name.size() < kScratchSuffixLength ||
+      !AllOf(name.substr(name.size() - kScratchSuffixLength), ::isalnum)) {
+    return std::nullopt;
+  }
+  name.remove_suffix(kScratchSuffixLength);
+  if (name.empty()) return 0;
+  if (name.back() != '-') return std::nullopt;
+  name.remove_suffix(1);
+  pid_t pid = 0;
+  if (name.empty() || !AllOf(name, ::isdigit)) return std::nullopt;
+  const auto parsed = std::from_chars(name.data(), name.data() + name.size(), pid);
+  if (parsed.ec != std::errc() || pid <= 0) return std::nullopt;
+  return pid;
+}
+
+bool ProcessExists(pid_t pid) { return ::kill(pid, 0) == 0 || errno == EPERM; }
+
+// The names in the open folder but "." and ".."; nothing when it cannot be read. The whole
+// listing is read before anyone acts on it: a folder changed while it is read may skip
+// entries.
+std::optional<std::vector<std::string>> EntryNames(int folder) {
+  UniqueFd listingFd(::fcntl(folder, F_DUPFD_CLOEXEC, 0));
+  if (!listingFd.valid()) return std::nullopt;
+  const std::unique_ptr<DIR, int (*)(DIR*)> listing(::fdopendir(listingFd.get()), ::closedir);
+  if (!listing) return std::nullopt;
+  (void)listingFd.Release();  // closed with the listing
+  std::vector<std::string> names;
+  while (const dirent* entry = ::readdir(listing.get())) {
+    const std::string_view name = entry->d_name;
+    if (name != "." && name != "..") names.emplace_back(name);
+  }
+  return names;
+}
+
+bool RemoveEntryAt(int parent, const char* name, int depth);
+
+// Removes everything inside the open folder; false when something stayed.
+bool EmptyFolderAt(int folder, int depth) {
+  const std::optional<std::vector<std::string>> names = EntryNames(folder);
+  if (!names) return false;
+  bool emptied = true;
+  for (const std::string& name : *names) {
+    emptied = RemoveEntryAt(folder, name.c_str(), depth) && emptied;
+  }
+  return emptied;
+}
+
+// Removes the entry name of the open folder parent, a folder with its content; a link is
+// removed itself, never followed.
+bool RemoveEntryAt(int parent, const char* name, int depth) {
+  struct stat info {};
+  if (::fstatat(parent, name, &info, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT;
+  if (!S_ISDIR(info.st_mode)) return ::unlinkat(parent, name, 0) == 0;
+  if (depth >= kMostScratchDepth) return false;
+  const UniqueFd folder(::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  return folder.valid() && EmptyFolderAt(folder.get(), depth + 1) &&
+         ::unlinkat(parent, name, AT_REMOVEDIR) == 0;
+}
+
+// A folder of this user at name in parent, opened without following a link; invalid for
+// anything else.
+UniqueFd OpenOwnFolderAt(int parent, const char* name) {
+  UniqueFd folder(::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  struct stat info {};
+  if (!folder.valid() || ::fstat(folder.get(), &info) != 0 || info.st_uid != ::geteuid()) {
+    return UniqueFd();
+  }
+  return folder;
+}
+
 }  // namespace
+
+std::vector<std::string> RemoveStaleScratchDirectories(const std::string& parent) {
+  std::vector<std::string> removed;
+  const UniqueFd folder(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder.valid()) return removed;
+  for (const std::string& name : EntryNames(folder.get()).value_or(std::vector<std::string>())) {
+    const std::optional<pid_t> owner = ScratchOwner(name);
+    if (!owner || (*owner != 0 && (*owner == ::getpid() || ProcessExists(*owner)))) continue;
+    const UniqueFd scratch = OpenOwnFolderAt(folder.get(), name.c_str());
+    if (scratch.valid() && EmptyFolderAt(scratch.get(), 1) &&
+        ::unlinkat(folder.get(), name.c_str(), AT_REMOVEDIR) == 0) {
+      removed.push_back(name);
+    }
+  }
+  return removed;
+}
 
 ScratchDirectory::ScratchDirectory(const std::string& parent)
     : path_(parent.empty() ? std::string() : MakePrivateDirectory(parent)) {

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 namespace tarn {
 
@@ -73,11 +74,14 @@ enum class LockResult {
 // place afterwards, so every run locks the same file.
 LockResult LockOwnFile(const std::string& path, UniqueFd& holder);
 
-// What a folder the run writes into looks like.
+// What a folder the run writes into looks like. The last component is never followed: a link
+// there, even a dangling one, is refused, since whoever can change where it leads could
+// change where the run writes.
 enum class FolderState {
   kMissing,  // nothing at the path
-  kPrivate,  // a folder (links followed) of this process's effective user, writable by
-             // neither group nor others
+  kPrivate,  // a folder of this process's effective user, writable by neither group nor
+             // others
+  kLink,     // a symbolic link
   kExposed,  // anything else: not a folder, another owner, or writable by group or others
 };
 FolderState CheckOwnFolder(const std::string& path);
@@ -106,8 +110,10 @@ UniqueFd CreateFreshOutputFile(const std::string& path);
 UniqueFd AboveStandardDescriptors(UniqueFd fd);
 
 // A private folder for temporary files: made with mode 0700 (mkdtemp) inside parent, or
-// inside the system's temporary folder when parent is empty or that fails, and removed with everything in it
-// when the object goes. path() is empty when no folder could be made.
+// inside the system's temporary folder when parent is empty or that fails, and removed with
+// everything in it when the object goes. path() is empty when no folder could be made. Its
+// name is "tarninventory-<process id>-XXXXXX", so that a folder left by a killed run can be
+// told from one of a run still alive (RemoveStaleScratchDirectories).
 class ScratchDirectory {
  public:
   explicit ScratchDirectory(const std::string& parent);
@@ -123,6 +129,13 @@ class ScratchDirectory {
  private:
   std::string path_;
 };
+
+// Removes from parent the scratch folders that runs of this user left behind: folders
+// (never links) owned by this process's effective user, named as ScratchDirectory names them
+// with the id of a process that no longer exists, or with no id at all (the earlier form,
+// "tarninventory-XXXXXX"). Their content is removed through descriptors opened without
+// following links, so nothing outside them is touched. The names removed, in no order.
+std::vector<std::string> RemoveStaleScratchDirectories(const std::string& parent);
 
 // The whole content of the file; nothing when it cannot be opened or read.
 std::optional<std::string> ReadWholeFile(const std::string& path);

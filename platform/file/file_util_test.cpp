@@ -3,11 +3,15 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
+#include <vector>
 
 namespace tarn {
 namespace {
@@ -103,6 +107,88 @@ TEST_F(OwnFileTest, FolderStates) {
   }
   Write("file", "x");
   EXPECT_EQ(CheckOwnFolder(PathOf("file")), FolderState::kExposed);
+  // A link is never followed: to a private folder or to nothing at all.
+  fs::permissions(folder, fs::perms::owner_all);
+  fs::create_directory_symlink(folder, PathOf("linked"));
+  fs::create_symlink(PathOf("nowhere"), PathOf("dangling"));
+  EXPECT_EQ(CheckOwnFolder(PathOf("linked")), FolderState::kLink);
+  EXPECT_EQ(CheckOwnFolder(PathOf("dangling")), FolderState::kLink);
+}
+
+// The id of a process that has ended.
+pid_t EndedProcessId() {
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(0);
+  ::waitpid(child, nullptr, 0);
+  return child;
+}
+
+TEST_F(OwnFileTest, StaleScratchFoldersAreRemovedWithoutFollowingLinks) {
+  const std::string dead = std::to_string(EndedProcessId());
+  const std::string alive = std::to_string(::getppid());
+  Write("precious", "keep me");
+  fs::create_directory(PathOf("outside"));
+  Write("outside/kept", "x");
+  const std::vector<std::string> stale = {"tarninventory-" + dead + "-a1B2c3",
+                                          "tarninventory-Zz09Aa"};
+  for (const std::string& name : stale) {
+    fs::create_directories(PathOf(name + "/inner/deeper"));
+    Write(name + "/SPApplicationsDataType.xml", "partial");
+    Write(name + "/inner/deeper/x", "y");
+    fs::create_symlink(PathOf("precious"), PathOf(name + "/link"));
+    fs::create_directory_symlink(PathOf("outside"), PathOf(name + "/inner/folder-link"));
+  }
+  const std::vector<std::string> kept = {
+      "tarninventory-" + alive + "-a1B2c3",                  // a run still alive
+      "tarninventory-" + std::to_string(::getpid()) + "-q",  // not the pattern
+      "tarninventory-" + dead + "a1B2c3",                    // no dash before the suffix
+      "tarninventory-x" + dead + "-a1B2c3",                  // no process id
+      "tarninventory-a1B2c",                                 // suffix too short
+      "other-" + dead + "-a1B2c3"};
+  for (const std::string& name : kept) fs::create_directory(PathOf(name));
+  // A link named like a stale folder is not a folder of ours: left, and not followed.
+  fs::create_directory_symlink(PathOf("outside"), PathOf("tarninventory-" + dead + "-linkdd"));
+  // So is a file.
+  Write("tarninventory-" + dead + "-filexx", "x");
+
+  std::vector<std::string> removed = RemoveStaleScratchDirectories(directory_.string());
+  std::sort(removed.begin(), removed.end());
+  std::vector<std::string> expected = stale;
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(removed, expected);
+  for (const std::string& name : stale) EXPECT_FALSE(fs::exists(PathOf(name))) << name;
+  for (const std::string& name : kept) EXPECT_TRUE(fs::is_directory(PathOf(name))) << name;
+  EXPECT_TRUE(fs::is_symlink(PathOf("tarninventory-" + dead + "-linkdd")));
+  EXPECT_TRUE(fs::exists(PathOf("tarninventory-" + dead + "-filexx")));
+  std::ifstream precious(PathOf("precious"));
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(precious), {}), "keep me");
+  EXPECT_TRUE(fs::exists(PathOf("outside/kept")));
+  // Another user's folder of the same pattern is left to that user.
+  if (::geteuid() == 0) {
+    const std::string foreign = PathOf("tarninventory-" + dead + "-other1");
+    fs::create_directory(foreign);
+    ASSERT_EQ(::chown(foreign.c_str(), 65534, 65534), 0);
+    EXPECT_TRUE(RemoveStaleScratchDirectories(directory_.string()).empty());
+    EXPECT_TRUE(fs::exists(foreign));
+  }
+}
+
+TEST_F(OwnFileTest, ScratchFolderNamesCarryTheProcessId) {
+  std::string path;
+  {
+    const ScratchDirectory scratch(directory_.string());
+    ASSERT_TRUE(scratch.valid());
+    path = scratch.path();
+    EXPECT_EQ(fs::path(path).filename().string().rfind(
+                  "tarninventory-" + std::to_string(::getpid()) + "-", 0),
+              0u)
+        << path;
+    EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_all);
+    // A run's own folder is never stale.
+    EXPECT_TRUE(RemoveStaleScratchDirectories(directory_.string()).empty());
+    EXPECT_TRUE(fs::is_directory(path));
+  }
+  EXPECT_FALSE(fs::exists(path));
 }
 
 TEST_F(OwnFileTest, CopyTakesRegularFilesOnlyAndNeverWritesThroughALink) {

@@ -111,7 +111,13 @@ int StopInventoryScan(const std::optional<std::string>& accessLogPath) {
 // private when it is needed.
 bool AgentFoldersArePrivate() {
   for (const std::string& folder : {LogPath(), DataDictPath()}) {
-    if (CheckOwnFolder(folder) == FolderState::kExposed) {
+    const FolderState state = CheckOwnFolder(folder);
+    if (state == FolderState::kLink) {
+      StderrWhere(kMainSignature, __LINE__,
+                  "main : %s is a link; refusing to log or keep data there\n", folder.c_str());
+      return false;
+    }
+    if (state == FolderState::kExposed) {
       StderrWhere(kMainSignature, __LINE__,
                   "main : %s is writable by group or others or not owned by this user; "
                   "refusing to log or keep data there\n",
@@ -280,9 +286,15 @@ int RunInventoryScan(int argc, const char* const* argv) {
   if (!AgentFoldersArePrivate()) {
     return StopInventoryScan(std::nullopt);
   }
+  // The second guard: its lock file is made only in a data folder that passed the checks.
+  if (!TakeInstanceLock(DataDictPath())) {
+    DeinitTarnGlobalvars();
+    return 1;
+  }
   const int level = GetLogLevel();
   RotateLog(kScanLogBaseName);
   StartLoggingEngine(kScanLogFileName, level);
+  RemoveStaleScratchFolders(WorkingDirectory());  // where the collectors make theirs
   InstallConfiguredPlatform();
   ReadTlsSettings();
 

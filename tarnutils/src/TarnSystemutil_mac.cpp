@@ -16,7 +16,6 @@
 #include "platform/platform.h"
 #include "platform/plist/plist_io.h"
 #include "tarnutils/src/TarnDiagnostics.h"
-#include "tarnutils/src/TarnGlobalvars.h"
 #include "tarnutils/src/TarnStringutil.h"
 
 namespace tarn {
@@ -96,7 +95,6 @@ bool IsOtherInstance(const ProcessEntry& process, const std::string& ownName, in
   return process.name == ownName && process.pid != ownId && process.uid == ownUid;
 }
 
-// The guard's fallback when no lock can be had: the process table.
 bool AnotherProcessOfThisNameRuns() {
   HostInfo& host = CurrentPlatform().Host();
   const std::string ownName = host.OwnProcessName();
@@ -300,28 +298,32 @@ bool checkOSCompatibility(const std::string& minimum) {
   return running ? IsVersionAtLeast(*running, minimum) : true;
 }
 
-bool CheckIfCurrentProcessAlreadyRunning() {
-  return CheckIfCurrentProcessAlreadyRunning(AgentFoldersFor(WorkingDirectory()).data);
-}
+bool CheckIfCurrentProcessAlreadyRunning() { return AnotherProcessOfThisNameRuns(); }
 
-bool CheckIfCurrentProcessAlreadyRunning(const std::string& dataDirectory) {
+bool TakeInstanceLock(const std::string& dataDirectory) {
   const std::string path = dataDirectory + "/" + kInstanceLockFileName;
   switch (LockOwnFile(path, InstanceLock())) {
     case LockResult::kTaken:
-      ConsoleLog("CheckIfCurrentProcessAlreadyRunning : NotRunning");
-      return false;
+      return true;
     case LockResult::kHeld:
       ConsoleLog("CheckIfCurrentProcessAlreadyRunning : Running, %s is locked", path.c_str());
-      return true;
+      return false;
     case LockResult::kUnavailable:
       break;
   }
-  ConsoleLog("CheckIfCurrentProcessAlreadyRunning : no lock at %s, checking the processes",
+  ConsoleLog("CheckIfCurrentProcessAlreadyRunning : no lock at %s, the process table decided",
              path.c_str());
-  return AnotherProcessOfThisNameRuns();
+  return true;
 }
 
 void ReleaseInstanceLock() { InstanceLock().Close(); }
+
+void RemoveStaleScratchFolders(const std::string& folder) {
+  for (const std::string& name : RemoveStaleScratchDirectories(folder)) {
+    UserLogMessage("Removed the scratch folder %s/%s left by an earlier run\n", folder.c_str(),
+                   name.c_str());
+  }
+}
 
 std::string GetCurrTime() {
   const std::tm now = LocalNow();

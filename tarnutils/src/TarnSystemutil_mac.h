@@ -45,22 +45,30 @@ bool checkOSCompatibility(const std::string& minimum);
 // The same rule on explicit version texts.
 bool IsVersionAtLeast(const std::string& running, const std::string& minimum);
 
-// The single-instance guard, for the agent folder of the working directory (BASE/bin ->
-// BASE/data): true when another run holds the instance lock, the owner-only file
-// "tarninventory.lock" in the data folder, which this run then keeps locked until it exits.
-// When the lock cannot be had (no data folder, something other than this user's regular file
-// at its path), true when another process of this process's name runs under the same
-// effective user. Writes no file but the lock.
+// The single-instance guard: true when another process of this process's name runs under the
+// same effective user, wherever it was started from. A program of that name that another user
+// starts cannot stop the scan. Reads the process table only: writes no file.
 bool CheckIfCurrentProcessAlreadyRunning();
 
-// The guard for an explicit data folder.
-bool CheckIfCurrentProcessAlreadyRunning(const std::string& dataDirectory);
+// The second guard, for a run the process table cannot tell from others (a copy of the
+// scanner under another name in the same agent folder): an exclusive lock on the owner-only
+// file "tarninventory.lock" in the data folder, kept until the process exits. False when
+// another run holds it; true when this run took it, and when no lock can be had (no data
+// folder, something other than this user's regular file at the path), where the first guard
+// alone decides. It creates the file: call it once the data folder is known to be this
+// user's.
+bool TakeInstanceLock(const std::string& dataDirectory);
 
-// Gives back the instance lock taken by the guard (for tests: a run keeps it until it exits).
+// Gives back the instance lock (for tests: a run keeps it until it exits).
 void ReleaseInstanceLock();
 
 // The name of the lock file in the data folder.
 inline constexpr const char* kInstanceLockFileName = "tarninventory.lock";
+
+// Removes the scratch folders earlier runs of this user left in the folder (a run killed
+// while a tool wrote its output leaves its private folder behind), logging each one; see
+// RemoveStaleScratchDirectories.
+void RemoveStaleScratchFolders(const std::string& folder);
 
 // Local time "HH:mm:ss" and local date "dd-MM-yyyy".
 std::string GetCurrTime();

@@ -126,26 +126,13 @@ TEST(ToolRunners, ALaunchFailureIsLoggedWithItsReasonAndGivesNothing) {
   }
 }
 
-TEST(SingleInstanceGuard, TheLockInTheDataFolderKeepsASecondRunOut) {
-  TempDir data("guard");
-  FakePlatform fake;
-  // Whatever the process table says, the lock decides.
-  fake.host().processes = {{2, "tarninventory", 0}};
-  EXPECT_FALSE(CheckIfCurrentProcessAlreadyRunning(data.str()));
-  const fs::path lock = data.path() / kInstanceLockFileName;
-  ASSERT_TRUE(fs::is_regular_file(lock));
-  EXPECT_EQ(fs::status(lock).permissions(), fs::perms::owner_read | fs::perms::owner_write);
-  // Another process finds the lock held; so does a second open in this one.
-  EXPECT_EXIT(std::exit(CheckIfCurrentProcessAlreadyRunning(data.str()) ? 3 : 0),
-              ::testing::ExitedWithCode(3), "");
-  EXPECT_TRUE(CheckIfCurrentProcessAlreadyRunning(data.str()));
-  ReleaseInstanceLock();
-  EXPECT_FALSE(CheckIfCurrentProcessAlreadyRunning(data.str()));
-  ReleaseInstanceLock();
-}
-
-TEST(SingleInstanceGuard, WithoutALockOnlyProcessesOfTheSameUserCount) {
-  TempDir folder("guard-fallback");
+TEST(SingleInstanceGuard, AnyProcessOfThisNameAndUserStopsTheRunAndNothingIsWritten) {
+  // Started from an agent folder with a data folder where a lock could be made.
+  TempDir folder("guard");
+  fs::create_directories(folder.path() / "bin");
+  fs::create_directories(folder.path() / "data");
+  const fs::path previous = fs::current_path();
+  fs::current_path(folder.path() / "bin");
   FakePlatform fake;
   fake.host().ownPid = 100;
   fake.host().ownUid = 501;
@@ -155,21 +142,41 @@ TEST(SingleInstanceGuard, WithoutALockOnlyProcessesOfTheSameUserCount) {
   };
   const Case cases[] = {
       {{{1, "launchd", 0}, {100, "tarninventory", 501}}, false},
+      // Started from any agent folder: the table knows no folders.
       {{{100, "tarninventory", 501}, {200, "tarninventory", 501}}, true},
       // A program named like the scanner, started by another user.
       {{{100, "tarninventory", 501}, {200, "tarninventory", 502}}, false},
       {{{200, "tarninventoryX", 501}}, false},
   };
-  // No data folder, and a link planted where the lock would be: both fall back.
+  for (const Case& c : cases) {
+    fake.host().processes = c.processes;
+    EXPECT_EQ(CheckIfCurrentProcessAlreadyRunning(), c.running);
+  }
+  EXPECT_TRUE(fs::is_empty(folder.path() / "data"));
+  fs::current_path(previous);
+}
+
+TEST(SingleInstanceGuard, TheLockInTheDataFolderKeepsASecondRunOut) {
+  TempDir data("guard-lock");
+  EXPECT_TRUE(TakeInstanceLock(data.str()));
+  const fs::path lock = data.path() / kInstanceLockFileName;
+  ASSERT_TRUE(fs::is_regular_file(lock));
+  EXPECT_EQ(fs::status(lock).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+  // Another process finds the lock held; so does a second open in this one.
+  EXPECT_EXIT(std::exit(TakeInstanceLock(data.str()) ? 0 : 3), ::testing::ExitedWithCode(3), "");
+  EXPECT_FALSE(TakeInstanceLock(data.str()));
+  ReleaseInstanceLock();
+  EXPECT_TRUE(TakeInstanceLock(data.str()));
+  ReleaseInstanceLock();
+
+  // No data folder, or a link planted where the lock would be: no lock, and the run goes on
+  // (the process table has decided), creating nothing.
+  TempDir folder("guard-nolock");
   const std::string missing = (folder.path() / "missing").string();
   fs::create_directories(folder.path() / "data");
   fs::create_symlink(folder.path() / "elsewhere", folder.path() / "data" / kInstanceLockFileName);
-  for (const std::string& data : {missing, (folder.path() / "data").string()}) {
-    for (const Case& c : cases) {
-      fake.host().processes = c.processes;
-      EXPECT_EQ(CheckIfCurrentProcessAlreadyRunning(data), c.running) << data;
-    }
-  }
+  EXPECT_TRUE(TakeInstanceLock(missing));
+  EXPECT_TRUE(TakeInstanceLock((folder.path() / "data").string()));
   EXPECT_FALSE(fs::exists(folder.path() / "elsewhere"));
   EXPECT_FALSE(fs::exists(missing));
 }
