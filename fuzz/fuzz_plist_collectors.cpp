@@ -3,10 +3,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
-#include "fuzz/fuzz_util.h"
 #include "platform/exception/platform_exception.h"
 #include "platform/plist/plist_document.h"
 #include "platform/plist/plist_io.h"
@@ -32,34 +33,57 @@ void ExpectDocumentAgrees(std::string_view bytes, const PlistPtr& tree) {
   if (tree && !(*document->Root().ToValue() == *tree)) std::abort();
 }
 
-void RunCollectors(const PlistPtr& root, const std::string& bytes) {
-  tarn::fuzzing::StartRecording();
-  tarn::ProplistXMLParser parser;
+// Every parse step on the bytes' tree; the rows stay in memory, nothing is recorded.
+void RunParseSteps(const PlistPtr& root, std::string_view bytes) {
   const auto items = [&] { return tarn::ValueForKey(tarn::ObjectAtIndex(root, 0), "_items"); };
-  Guarded([&] { parser.RecordInstalledSoftware(items()); });
-  Guarded([&] { parser.RecordHardwareReport(tarn::ObjectAtIndex(items(), 0)); });
-  Guarded([&] { parser.RecordVideoController(items()); });
-  Guarded([&] { parser.RecordCDDrive(root); });
-  Guarded([&] { parser.RecordNetworkAdapters(items()); });
-  Guarded([&] { parser.RecordPrinters(items()); });
-  Guarded([&] { parser.RecordPhysicalMemory(items()); });
+  const std::optional<std::string> text(bytes);
+  tarn::CollectorFacts facts;
+  tarn::Rows rows;
+  Guarded([&] { tarn::ParseMemorySize(1, 2, text, facts, rows); });
+  tarn::ParseProductName(text, facts);
+  tarn::ParseProductVersion(text, facts, rows);
+  tarn::ParseBuildVersion(text, rows);
+  Guarded([&] { tarn::ParseHardwareReport(items(), facts, rows); });
+  tarn::ParseOsSoftwareRow("macOS", facts, rows);
+  Guarded([&] { tarn::ParseProcessorCount(text, facts, rows); });
+  tarn::ParseSystemEnclosure(facts, rows);
+  Guarded([&] { tarn::ParsePhysicalMemory(items(), facts, rows); });
+  Guarded([&] { tarn::ParseVideoController(items(), rows); });
+  Guarded([&] { tarn::ParseCDDrive(root, rows); });
+  Guarded([&] {
+    tarn::ParseNetworkAdapters(
+        items(), [&] { return text; }, rows);
+  });
+  Guarded([&] { tarn::ParsePrinters(items(), rows); });
   PlistPtr internal;
   PlistPtr removable;
-  Guarded([&] { internal = parser.DiskDrivesFromControllers(items()); });
-  Guarded([&] { removable = parser.RemovableDisksFromReport(root); });
-  Guarded([&] { parser.VolumeInstance("disk1s1", root, internal, removable); });
+  PlistPtr volume;
+  Guarded([&] { internal = tarn::DiskDrivesFromControllers(items()); });
+  Guarded([&] { removable = tarn::RemovableDisksFromReport(root); });
+  Guarded([&] { volume = tarn::VolumeInstance("disk1s1", root, internal, removable); });
+  Guarded([&] {
+    const PlistPtr volumes = tarn::PlistValue::MakeDictionary();
+    if (volume) volumes->SetObjectForKey("disk1s1", volume);
+    tarn::ParseDisksAndVolumes(internal, removable, volumes, rows);
+  });
   // The applications report read in place, as the software collector reads its file.
-  const tarn::fuzzing::TemporaryFile report(bytes);
-  Guarded([&] { parser.RecordInstalledSoftwareReport(report.path()); });
+  const std::unique_ptr<tarn::PlistDocument> report = tarn::PlistDocument::Parse(bytes);
+  if (report) {
+    tarn::SoftwareSet seen;
+    Guarded([&] {
+      tarn::ParseInstalledSoftware(
+          tarn::ValueForKey(tarn::ObjectAtIndex(report->Root(), 0), "_items"), "/Agent", seen,
+          facts, rows);
+    });
+  }
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  tarn::fuzzing::LoadShippedStoreOnce();
   const std::string bytes(reinterpret_cast<const char*>(data), size);
   const PlistPtr root = tarn::ParsePlist(bytes);
   ExpectDocumentAgrees(bytes, root);
-  RunCollectors(root, bytes);
+  RunParseSteps(root, bytes);
   return 0;
 }

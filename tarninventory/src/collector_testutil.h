@@ -1,6 +1,8 @@
-// A fixture for the collectors' tests: the shipped data dictionaries and
+// Helpers for the collectors' tests: readers of the rows a parse step returns
+// and recorded reports; and, for the few checks that run a whole collector
+// (gather, parse, record), a fixture with the shipped data dictionaries and
 // class catalogue loaded, an empty value table, fresh run objects, fake tools
-// and host facts, and readers of what was recorded.
+// and host facts.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -44,6 +46,17 @@ inline std::string Report(const std::string& dataType, const std::string& itemsX
          "<key>_dataType</key><string>" +
          dataType + "</string>\n<key>_items</key><array>" + itemsXml +
          "</array>\n</dict>\n</array>\n</plist>\n";
+}
+
+// The rows of one class as "property|instance|value;", an absent value as "(none)".
+inline std::string RowsText(const Rows& rows, std::int32_t classId) {
+  std::string text;
+  for (const CollectedRow& row : rows) {
+    if (row.classId != classId) continue;
+    text += std::to_string(row.propertyId) + "|" + std::to_string(row.instance) + "|" +
+            row.value.value_or("(none)") + ";";
+  }
+  return text;
 }
 
 class CollectorTest : public ::testing::Test {

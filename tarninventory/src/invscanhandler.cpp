@@ -41,24 +41,22 @@ std::string CurrentDirectory() {
   return error ? std::string() : current.string();
 }
 
-void RecordValue(std::int32_t propertyId, std::int32_t classId, std::int32_t instance,
-                 const std::optional<std::string>& value) {
-  AddRowWMIFetchValueTable(propertyId, classId, instance, 0, value);
+void AddRow(Rows& rows, std::int32_t propertyId, std::int32_t classId, std::int32_t instance,
+            OptText value) {
+  rows.push_back({propertyId, classId, instance, std::move(value)});
 }
 
-void RecordFillers(std::int32_t classId, std::int32_t instance,
-                   std::initializer_list<std::int32_t> propertyIds) {
+void AddFillers(Rows& rows, std::int32_t classId, std::int32_t instance,
+                std::initializer_list<std::int32_t> propertyIds) {
   for (const std::int32_t propertyId : propertyIds) {
-    RecordValue(propertyId, classId, instance, kFiller);
+    AddRow(rows, propertyId, classId, instance, kFiller);
   }
 }
 
-std::optional<std::string> TextAt(const PlistPtr& dictionary, std::string_view key) {
-  return TextOf(ValueForKey(dictionary, key));
-}
-
-std::optional<std::string> TextAt(const PlistNode& dictionary, std::string_view key) {
-  return TextOf(ValueForKey(dictionary, key));
+void RecordRows(const Rows& rows) {
+  for (const CollectedRow& row : rows) {
+    AddRowWMIFetchValueTable(row.propertyId, row.classId, row.instance, 0, row.value);
+  }
 }
 
 std::string adjustBytes(const PlistPtr& number) {
@@ -85,8 +83,6 @@ std::optional<std::string> PieceOf(const std::optional<std::string>& text,
 }
 
 std::string TextAfterColon(const std::string& output) { return *PieceOf(output, ": ", 1); }
-
-ProplistXMLParser::ProplistXMLParser() : bufferDict(PlistValue::MakeDictionary()) {}
 
 std::optional<std::string> ProplistXMLParser::GetOutputForExecution(
     const std::string& launchPath, const std::vector<std::string>& arguments) {
@@ -126,14 +122,6 @@ std::unique_ptr<PlistDocument> ProplistXMLParser::ReadPlistDocument(const std::s
   std::unique_ptr<PlistDocument> report = bytes ? PlistDocument::Parse(*bytes) : nullptr;
   if (!report) LogUnreadableReport(path);
   return report;
-}
-
-std::optional<std::string> ProplistXMLParser::BufferText(const char* key) const {
-  return TextOf(bufferDict->ValueForKey(key));
-}
-
-void ProplistXMLParser::SetBufferText(const char* key, const std::optional<std::string>& value) {
-  bufferDict->SetValueForKey(key, value ? PlistValue::MakeString(*value) : nullptr);
 }
 
 }  // namespace tarn

@@ -1,20 +1,24 @@
 // The collectors: one ProplistXMLParser per run turns the output of the
 // platform's reporting tools into rows of the inventory classes.
 //
-// Every collector is split in two: a thin gather step that runs the tool
-// through the platform's tool runner, and a parse step over the parsed
-// property-list tree (or the tool's text) that records the rows through
-// AddRowWMIFetchValueTable / addtoTable. The parse steps are what the unit
-// tests feed with recorded output.
+// Every collector is split in two: a gather step that runs the tools through
+// the platform's tool runner (and nothing else), and parse steps: functions
+// of the parsed report (or the tool's text) and the facts they need, which
+// append the rows they find to a Rows vector in recording order. The Fetch*
+// members do gather -> parse -> record; the parse steps need no value table,
+// no catalogue and no file, and are what the unit tests and the fuzz target
+// call.
 //
 // Reading a tree follows the platform's message-to-nil rules (plist_value.h):
 // a missing key reads as absent, element 0 of an empty array and a container
-// operation on a value of the wrong kind raise PlatformException. The
-// collectors' own guards catch it where the run says a collector ends.
+// operation on a value of the wrong kind raise PlatformException. A parse
+// step that raises keeps the rows it appended before the raise; the Fetch*
+// members record those and then end as the run says (their own guard, or
+// the raise goes on to the driver).
 #pragma once
 
 #include <cstdint>
-#include <exception>
+#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <optional>
@@ -40,6 +44,58 @@ inline constexpr const char* kSysctl = "/usr/sbin/sysctl";
 inline constexpr const char* kSwVers = "/usr/bin/sw_vers";
 inline constexpr const char* kDiskutil = "/usr/sbin/diskutil";
 
+using OptText = std::optional<std::string>;
+
+// One value a parse step found: a row of the value table (flag 0).
+struct CollectedRow {
+  std::int32_t propertyId = 0;
+  std::int32_t classId = 0;
+  std::int32_t instance = 0;
+  OptText value;
+  bool operator==(const CollectedRow&) const = default;
+};
+// The rows of a parse step, in the order they are recorded.
+using Rows = std::vector<CollectedRow>;
+
+// Appends one row; the filler "-" for each property id, in the order given.
+void AddRow(Rows& rows, std::int32_t propertyId, std::int32_t classId, std::int32_t instance,
+            OptText value);
+void AddFillers(Rows& rows, std::int32_t classId, std::int32_t instance,
+                std::initializer_list<std::int32_t> propertyIds);
+
+// Hands the rows to the recorder (AddRowWMIFetchValueTable), in order.
+void RecordRows(const Rows& rows);
+
+// Runs step(rows) and records the rows it appended, also when it raises: the raise then
+// goes on, after the rows found before it are recorded.
+template <typename Step>
+void RecordRowsOf(Step&& step) {
+  Rows rows;
+  try {
+    step(rows);
+  } catch (...) {
+    RecordRows(rows);
+    throw;
+  }
+  RecordRows(rows);
+}
+
+// Facts one collector learns and a later one reads. Texts as the tools gave them (the
+// memory size keeps the tool's line end).
+struct CollectorFacts {
+  OptText hw_memsize;      // "hw.memsize"
+  OptText productName;     // "productName"
+  OptText productVersion;  // "productVersion"
+  OptText serial_number;   // "serial_number"
+  OptText Model;           // "Model": the machine name of the hardware report
+  // Instance number of the operating system's row in the software class: one past the
+  // applications recorded; 0 when the software collector did not finish.
+  std::uint32_t osIndex = 0;
+};
+
+// Applications seen so far, as (name, version or "-").
+using SoftwareSet = std::set<std::pair<std::string, std::string>>;
+
 // A byte count as the tools report it (decimal units) converted to binary
 // units in single precision, as decimal text; "0" for absent or zero.
 std::string adjustBytes(const PlistPtr& number);
@@ -52,21 +108,17 @@ std::int64_t IntegerValueOf(const PlistPtr& value);
 // folders; empty when it cannot be had.
 std::string CurrentDirectory();
 
-// Records one value of an instance (flag 0, as every collector records).
-void RecordValue(std::int32_t propertyId, std::int32_t classId, std::int32_t instance,
-                 const std::optional<std::string>& value);
-// Records the filler "-" for each property id, in the order given.
-void RecordFillers(std::int32_t classId, std::int32_t instance,
-                   std::initializer_list<std::int32_t> propertyIds);
-// The text of a report dictionary's value for the key; absent when missing.
-std::optional<std::string> TextAt(const PlistPtr& dictionary, std::string_view key);
-std::optional<std::string> TextAt(const PlistNode& dictionary, std::string_view key);
+// The text of a report dictionary's value for the key (either tree form); absent when
+// missing.
+template <typename Node>
+OptText TextAt(const Node& dictionary, std::string_view key) {
+  return TextOf(ValueForKey(dictionary, key));
+}
 
 // Piece index of the text split at separator, as the platform reads it: an
 // absent text gives an absent piece, a present one raises PlatformException
 // (NSRangeException) past its last piece.
-std::optional<std::string> PieceOf(const std::optional<std::string>& text,
-                                   const std::string& separator, std::size_t index);
+OptText PieceOf(const OptText& text, const std::string& separator, std::size_t index);
 
 // The piece after the first ": " of a tool's output line. Raises
 // PlatformException (index past the end) when there is none.
@@ -75,15 +127,70 @@ std::string TextAfterColon(const std::string& output);
 // Virtual memory in KiB: total (used truncated to 32 bits, plus free) and free.
 void GetVirtualMemInfo(std::uint64_t& total, std::uint64_t& free);
 
-struct ApplicationFields;
+// ---- Parse steps. Each appends what it finds to rows and logs as the collector always
+// has; the ones that read a tool's text or a report raise on the odd input that ends the
+// collector, keeping the rows appended before.
+
+// Operating system, in the order the tools are run: the memory sizes (KiB) and sysctl
+// hw.memsize (raises without ": "); sw_vers -productName, -productVersion, -buildVersion;
+// the OS names; the hardware report's "_items" (absent: no report; raises when empty).
+void ParseMemorySize(std::uint64_t totalKiB, std::uint64_t freeKiB, const OptText& sysctlOutput,
+                     CollectorFacts& facts, Rows& rows);
+void ParseProductName(const OptText& output, CollectorFacts& facts);
+void ParseProductVersion(const OptText& output, CollectorFacts& facts, Rows& rows);
+void ParseBuildVersion(const OptText& output, Rows& rows);
+void ParseOsNames(const std::string& osName, const std::string& servicePackName,
+                  std::uint32_t osIndex, Rows& rows);
+void ParseHardwareReport(const PlistPtr& items, CollectorFacts& facts, Rows& rows);
+// The software row of the operating system (instance osIndex); logs its end.
+void ParseOsSoftwareRow(const std::string& osName, const CollectorFacts& facts, Rows& rows);
+
+// Computer system: the names from the settings, sysctl hw.ncpu (raises without ": "), the
+// logged-on users.
+void ParseComputerNames(const OptText& computerName, const OptText& nameSpace,
+                        const CollectorFacts& facts, Rows& rows);
+void ParseProcessorCount(const OptText& sysctlOutput, const CollectorFacts& facts, Rows& rows);
+void ParseLoggedOnUsers(const OptText& users, Rows& rows);
+void ParseSystemEnclosure(const CollectorFacts& facts, Rows& rows);
+// Memory slots and the memory array from the memory report's "_items".
+void ParsePhysicalMemory(const PlistPtr& items, const CollectorFacts& facts, Rows& rows);
+
+// Network services with IPv4 addresses. hostNameOutput is the output of sysctl
+// kern.hostname, asked once per adapter where its host name is read (as the tool has
+// always been run); a line without ": " raises.
+void ParseNetworkAdapters(const PlistPtr& items, const std::function<OptText()>& hostNameOutput,
+                          Rows& rows);
+void ParsePrinters(const PlistPtr& items, Rows& rows);
+// The optical drive from the whole parsed disc-burning report.
+void ParseCDDrive(const PlistPtr& report, Rows& rows);
+void ParseVideoController(const PlistPtr& items, Rows& rows);
+
+// The applications report's "_items", read in place. Applications already in swSet, the
+// agent's helper and copies of the agent outside agentBasePath are passed; an application
+// without "_name" raises. On success logs the count and sets facts.osIndex.
+void ParseInstalledSoftware(const PlistNode& items, const OptText& agentBasePath,
+                            SoftwareSet& swSet, CollectorFacts& facts, Rows& rows);
+
+// Internal disks from the controllers of a Serial-ATA or SAS report, keyed by BSD name.
+// Raises on odd input, e.g. a recorded disk without "device_model", "device_serial" or
+// "bsd_name" (FetchDiskDrives' guard ends on it).
+PlistPtr DiskDrivesFromControllers(const PlistPtr& controllers);
+// Removable media from the parsed USB report (root array); empty for an
+// absent or empty report. Raises on odd input.
+PlistPtr RemovableDisksFromReport(const PlistPtr& report);
+// One volume's instance from its diskutil info dictionary; absent when
+// the volume is left out (removable with an unknown parent). Raises for a
+// volume without "MountPoint".
+PlistPtr VolumeInstance(const std::string& identifier, const PlistPtr& info,
+                        const PlistPtr& internalDisks, const PlistPtr& removableDisks);
+// The rows of the disks (class 13: internal, then removable disks not already among them)
+// and the volumes (class 4), instances numbered from 1 in dictionary order. Merges the
+// removable disks into internalDisks. Raises at a value that is not a text.
+void ParseDisksAndVolumes(const PlistPtr& internalDisks, const PlistPtr& removableDisks,
+                          const PlistPtr& volumes, Rows& rows);
 
 class ProplistXMLParser {
  public:
-  // `init`: empty bufferDict and swSet.
-  ProplistXMLParser();
-
-  // ---- Running tools and extracting report items.
-
   // The tool's standard output (bounded wait), or nothing when it could not
   // be launched ("Caught exception in GetOutputForExecution: %@\n" on the
   // console) or its output is not UTF-8.
@@ -99,7 +206,7 @@ class ProplistXMLParser {
   // the same console message) when it does not parse.
   std::unique_ptr<PlistDocument> ReadPlistDocument(const std::string& path);
 
-  // ---- Collectors, in the run's order (gather + parse).
+  // ---- Collectors, in the run's order: gather, parse, record.
   void FetchInstalledSoftwareInfo();
   void FetchOSandProcessorInfo();
   void SendOSINFO();
@@ -112,7 +219,7 @@ class ProplistXMLParser {
   void FetchPrinterInfo();
   void FetchPhysicalMemoryInfo();
 
-  // ---- Disk and volume builders.
+  // ---- Disk and volume gathering (each runs its tools, then the parse step above).
   // Internal disks (true: Serial-ATA report; false: SAS report), key BSD name.
   PlistPtr FetchDiskDrives(bool serialAta);
   // Media on USB, key BSD name; empty when there are none, absent on a failure.
@@ -120,43 +227,10 @@ class ProplistXMLParser {
   // Volumes by device identifier; absent on a failure.
   PlistPtr FetchMountedVolumes(const PlistPtr& internalDisks, const PlistPtr& removableDisks);
 
-  // ---- Parse steps (the gather steps above hand them the tools' output).
-  // Software: the applications report's items.
-  void RecordInstalledSoftware(const PlistPtr& items);
-  // The applications report file (as GetArrayObjectFromPlist reads one) and its items.
-  void RecordInstalledSoftwareReport(const std::string& path);
-  // Hardware report, item 0 of "_items" (may be absent: no report).
-  void RecordHardwareReport(const PlistPtr& hardware);
-  void RecordVideoController(const PlistPtr& items);
-  void RecordCDDrive(const PlistPtr& report);
-  void RecordNetworkAdapters(const PlistPtr& items);
-  void RecordPrinters(const PlistPtr& items);
-  void RecordPhysicalMemory(const PlistPtr& items);
-  // Internal disks from the controllers of a Serial-ATA or SAS report.
-  // Raises on odd input, e.g. a recorded disk without "device_model",
-  // "device_serial" or "bsd_name" (FetchDiskDrives' guard ends on it).
-  PlistPtr DiskDrivesFromControllers(const PlistPtr& controllers);
-  // Removable media from the parsed USB report (root array); empty for an
-  // absent or empty report. Raises on odd input.
-  PlistPtr RemovableDisksFromReport(const PlistPtr& report);
-  // One volume's instance from its diskutil info dictionary; absent when
-  // the volume is left out (removable with an unknown parent). Raises for a
-  // volume without "MountPoint".
-  PlistPtr VolumeInstance(const std::string& identifier, const PlistPtr& info,
-                          const PlistPtr& internalDisks, const PlistPtr& removableDisks);
-
-  // Facts one collector learns and a later one reads ("hw.memsize",
-  // "productName", "productVersion", "serial_number", "Model"); text values.
-  PlistPtr bufferDict;
-  // Applications seen so far, as (name, version or "-").
-  std::set<std::pair<std::string, std::string>> swSet;
-
- private:
-  // Records the applications read from the report, then raises what stopped the reading.
-  void RecordApplications(const std::vector<ApplicationFields>& applications,
-                          const std::exception_ptr& failure);
-  std::optional<std::string> BufferText(const char* key) const;
-  void SetBufferText(const char* key, const std::optional<std::string>& value);
+  // Facts one collector learns and a later one reads.
+  CollectorFacts bufferDict;
+  // Applications seen so far.
+  SoftwareSet swSet;
 };
 
 // Two flags of the whole machine from the controllers of a disk report:

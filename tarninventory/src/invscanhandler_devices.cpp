@@ -23,8 +23,6 @@ constexpr const char* kPrinterSignature = "-[ProplistXMLParser FetchPrinterInfo]
 constexpr const char* kCDSignature = "-[ProplistXMLParser FetchCDDriveInfo]";
 constexpr const char* kVideoSignature = "-[ProplistXMLParser FetchVideoControllerInfo]";
 
-using OptText = std::optional<std::string>;
-
 // The addresses joined with ",": a comma goes before an address only when the text built
 // so far is longer than one character.
 std::string JoinAddresses(const PlistPtr& addresses) {
@@ -69,14 +67,19 @@ OptText RemovingPercentEncoding(const std::string& text) {
 
 void ProplistXMLParser::FetchNetworkAdapterinfo() {
   try {
-    RecordNetworkAdapters(GetItemsArrayfromPropertylist({"-xml", "SPNetworkDataType"}));
+    RecordRowsOf([&](Rows& rows) {
+      ParseNetworkAdapters(
+          GetItemsArrayfromPropertylist({"-xml", "SPNetworkDataType"}),
+          [&] { return GetOutputForExecution(kSysctl, {"kern.hostname"}); }, rows);
+    });
   } catch (const PlatformException& failure) {
     ConsoleWhere(kNetworkSignature, __LINE__, "Caught exception ----:%s",
                  failure.description().c_str());
   }
 }
 
-void ProplistXMLParser::RecordNetworkAdapters(const PlistPtr& items) {
+void ParseNetworkAdapters(const PlistPtr& items, const std::function<OptText()>& hostNameOutput,
+                          Rows& rows) {
   std::int32_t instance = 1;
   for (std::size_t i = 0; i < Count(items); ++i) {
     const PlistPtr service = ObjectAtIndex(items, i);
@@ -87,10 +90,10 @@ void ProplistXMLParser::RecordNetworkAdapters(const PlistPtr& items) {
 
     const OptText name = TextAt(service, "_name");
     ConsoleWhere(kNetworkSignature, __LINE__, "Network adaptor name: %s\n", Describe(name));
-    RecordValue(2201, kNetworkClass, instance, name);
+    AddRow(rows, 2201, kNetworkClass, instance, name);
     const OptText mac = TextAt(ValueForKey(service, "Ethernet"), "MAC Address");
     ConsoleWhere(kNetworkSignature, __LINE__, "Network adaptor MAC Addr: %s\n", Describe(mac));
-    RecordValue(2202, kNetworkClass, instance, mac);
+    AddRow(rows, 2202, kNetworkClass, instance, mac);
 
     const OptText domain = TextAt(ValueForKey(service, "DNS"), "DomainName");
     if (domain) {
@@ -98,22 +101,22 @@ void ProplistXMLParser::RecordNetworkAdapters(const PlistPtr& items) {
     } else {
       ConsoleWhere(kNetworkSignature, __LINE__, "DNS domain name is not found\n");
     }
-    RecordValue(2203, kNetworkClass, instance, domain ? *domain : kFiller);
+    AddRow(rows, 2203, kNetworkClass, instance, domain ? *domain : kFiller);
 
     // The tool's line end stays on the host name; recording ends the value there.
-    const OptText hostOutput = GetOutputForExecution(kSysctl, {"kern.hostname"});
+    const OptText hostOutput = hostNameOutput();
     const OptText hostName = hostOutput ? OptText(TextAfterColon(*hostOutput)) : std::nullopt;
     ConsoleWhere(kNetworkSignature, __LINE__, "DNS host name: %s\n", Describe(hostName));
-    RecordValue(2204, kNetworkClass, instance, hostName);
+    AddRow(rows, 2204, kNetworkClass, instance, hostName);
 
     const std::string joined = JoinAddresses(addresses);
     ConsoleWhere(kNetworkSignature, __LINE__, "Network adaptor ip Addr: %s\n", joined.c_str());
-    RecordValue(2209, kNetworkClass, instance, joined);
+    AddRow(rows, 2209, kNetworkClass, instance, joined);
 
     const OptText method = TextAt(ipv4, "ConfigMethod");
     ConsoleWhere(kNetworkSignature, __LINE__, "IP addr config method: %s\n", Describe(method));
     const bool dhcp = method == "DHCP";
-    RecordValue(2205, kNetworkClass, instance, dhcp ? "TRUE" : "FALSE");
+    AddRow(rows, 2205, kNetworkClass, instance, dhcp ? "TRUE" : "FALSE");
 
     const OptText router = TextAt(ipv4, "Router");
     if (router) {
@@ -121,22 +124,23 @@ void ProplistXMLParser::RecordNetworkAdapters(const PlistPtr& items) {
     } else {
       ConsoleWhere(kNetworkSignature, __LINE__, "default gate way is found\n");
     }
-    RecordValue(2210, kNetworkClass, instance, router ? *router : kFiller);
+    AddRow(rows, 2210, kNetworkClass, instance, router ? *router : kFiller);
 
     const PlistPtr masks = ValueForKey(ipv4, "SubnetMasks");
     const OptText mask = Count(masks) > 0 ? TextOf(ObjectAtIndex(masks, 0)) : OptText(kFiller);
     ConsoleWhere(kNetworkSignature, __LINE__, "subnet mask: %s\n", Describe(mask));
-    RecordValue(2212, kNetworkClass, instance, mask);
+    AddRow(rows, 2212, kNetworkClass, instance, mask);
 
     if (dhcp) {
       const OptText server = TextAt(ValueForKey(service, "dhcp"), "dhcp_server_identifier");
       ConsoleWhere(kNetworkSignature, __LINE__, "DHCP Server: %s\n", Describe(server));
-      RecordValue(2208, kNetworkClass, instance, server);
+      AddRow(rows, 2208, kNetworkClass, instance, server);
     } else {
       ConsoleWhere(kNetworkSignature, __LINE__, "DHCP Server: -\n");
-      RecordValue(2208, kNetworkClass, instance, kFiller);
+      AddRow(rows, 2208, kNetworkClass, instance, kFiller);
     }
-    RecordFillers(kNetworkClass, instance, {2206, 2207, 2211, 2213, 2214, 2215, 2216, 2217, 2218});
+    AddFillers(rows, kNetworkClass, instance,
+               {2206, 2207, 2211, 2213, 2214, 2215, 2216, 2217, 2218});
     ++instance;
   }
 }
@@ -145,29 +149,31 @@ void ProplistXMLParser::RecordNetworkAdapters(const PlistPtr& items) {
 
 void ProplistXMLParser::FetchPrinterInfo() {
   try {
-    RecordPrinters(GetItemsArrayfromPropertylist({"-xml", "SPPrintersDataType"}));
+    RecordRowsOf([&](Rows& rows) {
+      ParsePrinters(GetItemsArrayfromPropertylist({"-xml", "SPPrintersDataType"}), rows);
+    });
   } catch (const PlatformException& failure) {
     ConsoleWhere(kPrinterSignature, __LINE__, "Caught exception***************:%s",
                  failure.description().c_str());
   }
 }
 
-void ProplistXMLParser::RecordPrinters(const PlistPtr& items) {
+void ParsePrinters(const PlistPtr& items, Rows& rows) {
   std::int32_t instance = 1;
   for (std::size_t i = 0; i < Count(items); ++i) {
     const PlistPtr printer = ObjectAtIndex(items, i);
     if (Count(printer) < 3) continue;  // placeholders such as "no printers" have fewer keys
     const OptText name = TextAt(printer, "_name");
     ConsoleWhere(kPrinterSignature, __LINE__, "Printer name: %s\n", Describe(name));
-    RecordValue(2501, kPrinterClass, instance, name);
+    AddRow(rows, 2501, kPrinterClass, instance, name);
     const OptText status = TextAt(printer, "status");
     ConsoleWhere(kPrinterSignature, __LINE__, "Printer status: %s\n", Describe(status));
-    RecordValue(2511, kPrinterClass, instance, status);
+    AddRow(rows, 2511, kPrinterClass, instance, status);
     const OptText uri = TextAt(printer, "uri");
-    RecordValue(2510, kPrinterClass, instance,
-                uri ? RemovingPercentEncoding(*uri) : OptText(kFiller));
-    RecordFillers(kPrinterClass, instance,
-                  {2502, 2503, 2504, 2505, 2506, 2507, 2508, 2509, 2512, 2513, 2514, 2515, 2516});
+    AddRow(rows, 2510, kPrinterClass, instance,
+           uri ? RemovingPercentEncoding(*uri) : OptText(kFiller));
+    AddFillers(rows, kPrinterClass, instance,
+               {2502, 2503, 2504, 2505, 2506, 2507, 2508, 2509, 2512, 2513, 2514, 2515, 2516});
     ++instance;
   }
 }
@@ -182,13 +188,13 @@ void ProplistXMLParser::FetchCDDriveInfo() {
       ConsoleLog("Command execution output for cddevice information: %s\n", "(null)");
       return;
     }
-    RecordCDDrive(ParsePlist(*output));
+    RecordRowsOf([&](Rows& rows) { ParseCDDrive(ParsePlist(*output), rows); });
   } catch (const PlatformException& failure) {
     ConsoleWhere(kCDSignature, __LINE__, "Caught exception ----:%s", failure.description().c_str());
   }
 }
 
-void ProplistXMLParser::RecordCDDrive(const PlistPtr& report) {
+void ParseCDDrive(const PlistPtr& report, Rows& rows) {
   if (Count(report) == 0) {
     ConsoleWhere(kCDSignature, __LINE__, "CD/DVD information is not available\n");
     return;
@@ -200,8 +206,8 @@ void ProplistXMLParser::RecordCDDrive(const PlistPtr& report) {
   }
   const OptText name = TextAt(ObjectAtIndex(items, 0), "_name");
   ConsoleLog("CD Device name: %s\n", Describe(name));
-  RecordValue(1201, kOpticalClass, 1, name);
-  RecordFillers(kOpticalClass, 1, {1202, 1203, 1204, 1205, 1206});
+  AddRow(rows, 1201, kOpticalClass, 1, name);
+  AddFillers(rows, kOpticalClass, 1, {1202, 1203, 1204, 1205, 1206});
 }
 
 // ---- Video controller.
@@ -213,18 +219,20 @@ void ProplistXMLParser::FetchVideoControllerInfo() {
       ConsoleLog("Command execution output for videocontrollerinfo: %s\n", "(null)");
       return;
     }
-    RecordVideoController(ValueForKey(ObjectAtIndex(ParsePlist(*output), 0), "_items"));
+    RecordRowsOf([&](Rows& rows) {
+      ParseVideoController(ValueForKey(ObjectAtIndex(ParsePlist(*output), 0), "_items"), rows);
+    });
   } catch (const PlatformException& failure) {
     ConsoleWhere(kVideoSignature, __LINE__, "Caught exception ----:%s",
                  failure.description().c_str());
   }
 }
 
-void ProplistXMLParser::RecordVideoController(const PlistPtr& items) {
+void ParseVideoController(const PlistPtr& items, Rows& rows) {
   const PlistPtr card = ObjectAtIndex(items, 0);
   const OptText model = TextAt(card, "sppci_model");
   ConsoleLog("Video card model name: %s\n", Describe(model));
-  RecordValue(701, kVideoClass, 1, model);
+  AddRow(rows, 701, kVideoClass, 1, model);
 
   // "1024 MB" in bytes, kept in 32 bits: 4096 MB wraps to 0.
   const OptText vram = TextAt(card, "spdisplays_vram");
@@ -232,10 +240,10 @@ void ProplistXMLParser::RecordVideoController(const PlistPtr& items) {
     const auto megabytes = static_cast<std::uint32_t>(std::atoi(PieceOf(vram, " ", 0)->c_str()));
     const std::string bytes = std::to_string(static_cast<std::uint32_t>(megabytes << 20));
     ConsoleLog("Video card RAM size: %s\n", bytes.c_str());
-    RecordValue(703, kVideoClass, 1, bytes);
+    AddRow(rows, 703, kVideoClass, 1, bytes);
   } else {
     ConsoleLog("Video card RAM size: -\n");
-    RecordValue(703, kVideoClass, 1, kFiller);
+    AddRow(rows, 703, kVideoClass, 1, kFiller);
   }
 
   // The second card drives the screens when the first has none.
@@ -260,9 +268,9 @@ void ProplistXMLParser::RecordVideoController(const PlistPtr& items) {
   } else {
     StderrWhere(kVideoSignature, __LINE__, "Cound n't video card resolution information1 \n");
   }
-  RecordValue(704, kVideoClass, 1, horizontal);
-  RecordValue(705, kVideoClass, 1, vertical);
-  RecordFillers(kVideoClass, 1, {702, 706, 707, 708, 709, 710});
+  AddRow(rows, 704, kVideoClass, 1, horizontal);
+  AddRow(rows, 705, kVideoClass, 1, vertical);
+  AddFillers(rows, kVideoClass, 1, {702, 706, 707, 708, 709, 710});
 }
 
 }  // namespace tarn

@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "framework/logging/logger.h"
-#include "framework/persistent/datadict.h"
 #include "platform/console_log.h"
 #include "platform/exception/platform_exception.h"
 #include "platform/file/file_util.h"
@@ -224,6 +223,21 @@ PlistPtr FirstKeyOrFiller(const PlistPtr& dictionary) {
   return Text(Count(dictionary) > 0 ? dictionary->Entries().front().first : kFiller);
 }
 
+// The rows of instances keyed by property id, numbered from 1 in dictionary order; a value
+// that is not a text raises after the rows before it.
+void AppendInstanceRows(const PlistPtr& instances, std::int32_t classId, Rows& rows) {
+  if (!instances) return;
+  std::int32_t instanceNumber = 0;
+  for (const auto& [key, instance] : instances->Entries()) {
+    ++instanceNumber;
+    if (!instance) continue;
+    for (const auto& [propertyId, value] : instance->Entries()) {
+      AddRow(rows, static_cast<std::int32_t>(std::strtol(propertyId.c_str(), nullptr, 10)), classId,
+             instanceNumber, value ? OptText(value->String()) : std::nullopt);
+    }
+  }
+}
+
 }  // namespace
 
 void ProplistXMLParser::FetchHDDDetails() {
@@ -232,12 +246,7 @@ void ProplistXMLParser::FetchHDDDetails() {
     if (!internal) internal = FetchDiskDrives(false);
     const PlistPtr removable = FetchRemovableDiskDrives();
     const PlistPtr volumes = FetchMountedVolumes(internal, removable);
-    // After the volumes: fixed volumes are attributed to internal disks only.
-    if (internal && removable) {
-      for (const auto& [key, disk] : removable->Entries()) internal->SetObjectForKey(key, disk);
-    }
-    addtoTable(internal, kDiskDriveClassId);
-    addtoTable(volumes, kVolumeClassId);
+    RecordRowsOf([&](Rows& rows) { ParseDisksAndVolumes(internal, removable, volumes, rows); });
   } catch (const PlatformException& exception) {
     LogCaught(kHddDetailsSignature, __LINE__, "FetchHDDDetails", exception);
   }
@@ -273,7 +282,7 @@ PlistPtr ProplistXMLParser::FetchDiskDrives(bool serialAta) {
   }
 }
 
-PlistPtr ProplistXMLParser::DiskDrivesFromControllers(const PlistPtr& controllers) {
+PlistPtr DiskDrivesFromControllers(const PlistPtr& controllers) {
   DiskWalk walk;
   walk.kinds = getDiskType(controllers);
   const PlistPtr disks = PlistValue::MakeDictionary();
@@ -324,7 +333,7 @@ PlistPtr ProplistXMLParser::FetchRemovableDiskDrives() {
   }
 }
 
-PlistPtr ProplistXMLParser::RemovableDisksFromReport(const PlistPtr& report) {
+PlistPtr RemovableDisksFromReport(const PlistPtr& report) {
   const PlistPtr disks = PlistValue::MakeDictionary();
   if (Count(report) == 0) return disks;
   const PlistPtr buses = ValueForKey(ObjectAtIndex(report, 0), "_items");
@@ -373,9 +382,8 @@ PlistPtr ProplistXMLParser::FetchMountedVolumes(const PlistPtr& internalDisks,
   }
 }
 
-PlistPtr ProplistXMLParser::VolumeInstance(const std::string& identifier, const PlistPtr& info,
-                                           const PlistPtr& internalDisks,
-                                           const PlistPtr& removableDisks) {
+PlistPtr VolumeInstance(const std::string& identifier, const PlistPtr& info,
+                        const PlistPtr& internalDisks, const PlistPtr& removableDisks) {
   const PlistPtr mountPoint = ValueForKey(info, "MountPoint");
   const bool ejectable = IntegerValueOf(ValueForKey(info, "Ejectable")) != 0;
   const PlistPtr volumeName = ValueForKey(info, "VolumeName");
@@ -405,6 +413,18 @@ PlistPtr ProplistXMLParser::VolumeInstance(const std::string& identifier, const 
   volume->SetObjectForKey("410", TextOrFiller(ValueForKey(info, "DeviceIdentifier")));
   volume->SetObjectForKey("411", parent);
   return volume;
+}
+
+void ParseDisksAndVolumes(const PlistPtr& internalDisks, const PlistPtr& removableDisks,
+                          const PlistPtr& volumes, Rows& rows) {
+  // After the volumes were built: fixed volumes are attributed to internal disks only.
+  if (internalDisks && removableDisks) {
+    for (const auto& [key, disk] : removableDisks->Entries()) {
+      internalDisks->SetObjectForKey(key, disk);
+    }
+  }
+  AppendInstanceRows(internalDisks, kDiskDriveClassId, rows);
+  AppendInstanceRows(volumes, kVolumeClassId, rows);
 }
 
 }  // namespace tarn

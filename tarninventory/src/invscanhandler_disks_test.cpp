@@ -164,9 +164,8 @@ TEST_F(DiskCollectorTest, DiskDrivesClassifyTheMachineAndRecordOneDiskPerControl
       sata(Dict(S("_name", "empty")) + Dict(Items(Sata("disk2", "Rotational", 9, false) +
                                                   Sata("disk0", "Solid State", 121332826112) +
                                                   Sata("disk1", "Rotational", 500107862016)))));
-  EXPECT_EQ(
-      Render(parser_.DiskDrivesFromControllers(ValueForKey(ObjectAtIndex(report, 0), "_items"))),
-      "disk1:Model-disk1|-|Fusion Drive|-|disk1|667266842624|-|-|-|Name-disk1|S-disk1;");
+  EXPECT_EQ(Render(DiskDrivesFromControllers(ValueForKey(ObjectAtIndex(report, 0), "_items"))),
+            "disk1:Model-disk1|-|Fusion Drive|-|disk1|667266842624|-|-|-|Name-disk1|S-disk1;");
   EXPECT_TRUE(log.Contains("[ERROR] FetchDiskDrives: no arrays found \n"));
   EXPECT_TRUE(log.Contains("[ERROR] FetchDiskDrives: this device Name-disk2 is not hdd \n"));
   EXPECT_TRUE(log.Contains("[INFO] getDiskType:devicename : Name-disk0 is ssd\n"));
@@ -188,7 +187,7 @@ TEST_F(DiskCollectorTest, RemovableMediaSitUnderUsbDevices) {
                      Dict(S("bsd_name", "disk6") + S("removable_media", "Yes") + kVolumes) +
                      Dict(S("bsd_name", "disk7")) + Dict(S("_name", "no bsd") + kVolumes))))) +
           Dict(S("_name", "bus without devices"))));
-  EXPECT_EQ(Render(parser_.RemovableDisksFromReport(report)),
+  EXPECT_EQ(Render(RemovableDisksFromReport(report)),
             "disk4:Stick|Acme|removable - Stick 0x1|-|disk4|4294967296|-|-|-|Stick|SN;"
             "disk5:-|Fallback|- -|-|disk5|0|-|-|-|-|-;"
             "disk6:-|-|- -|-|disk6|0|-|-|-|-|-;");
@@ -203,7 +202,7 @@ TEST_F(DiskCollectorTest, RemovableMediaSitUnderUsbDevices) {
   EXPECT_EQ(Render(parser_.FetchRemovableDiskDrives()), "nothing");
 }
 
-TEST_F(DiskCollectorTest, VolumesAreFixedOrRemovable) {
+TEST(DiskParse, VolumesAreFixedOrRemovable) {
   const PlistPtr internal = PlistValue::MakeDictionary();
   internal->SetValueForKey("disk1", PlistValue::MakeDictionary());
   internal->SetValueForKey("disk0", PlistValue::MakeDictionary());
@@ -229,15 +228,45 @@ TEST_F(DiskCollectorTest, VolumesAreFixedOrRemovable) {
   LogCapture log(3);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.info);
-    EXPECT_EQ(
-        Values(parser_.VolumeInstance("v", ParsePlist(DictPlist(c.info)), c.internal, removable)),
-        c.expected);
+    EXPECT_EQ(Values(VolumeInstance("v", ParsePlist(DictPlist(c.info)), c.internal, removable)),
+              c.expected);
   }
   EXPECT_TRUE(log.Contains("[ERROR] This volume v is not a hdd\n"));
-  EXPECT_THROW(parser_.VolumeInstance("v", ParsePlist(DictPlist("")), internal, removable),
+  EXPECT_THROW(VolumeInstance("v", ParsePlist(DictPlist("")), internal, removable),
                PlatformException);
 }
 
+TEST(DiskParse, DisksThenVolumesNumberedInOrder) {
+  const auto instance = [](std::initializer_list<std::pair<const char*, PlistPtr>> values) {
+    const PlistPtr dictionary = PlistValue::MakeDictionary();
+    for (const auto& [key, value] : values) dictionary->SetObjectForKey(key, value);
+    return dictionary;
+  };
+  const auto text = [](const char* value) { return PlistValue::MakeString(value); };
+  const PlistPtr internal = instance({{"disk1", instance({{"1305", text("disk1")}})}});
+  const PlistPtr removable = instance({{"disk4", instance({{"1305", text("disk4")}})},
+                                       {"disk1", instance({{"1305", text("usb1")}})}});
+  const PlistPtr volumes =
+      instance({{"disk1s1", instance({{"401", text("/")}, {"411", text("disk1")}})},
+                {"disk4s1", instance({{"401", text("/Volumes/S")}})}});
+  Rows rows;
+  ParseDisksAndVolumes(internal, removable, volumes, rows);
+  // A removable disk with an internal disk's name takes its place.
+  EXPECT_EQ(RowsText(rows, 13), "1305|1|usb1;1305|2|disk4;");
+  EXPECT_EQ(RowsText(rows, 4), "401|1|/;411|1|disk1;401|2|/Volumes/S;");
+  // Without internal disks the removable ones are not recorded either.
+  rows.clear();
+  ParseDisksAndVolumes(nullptr, removable, nullptr, rows);
+  EXPECT_TRUE(rows.empty());
+  // A value that is no text ends the step after the rows before it.
+  rows.clear();
+  volumes->ValueForKey("disk4s1")->SetObjectForKey("405", PlistValue::MakeInteger(7));
+  EXPECT_THROW(ParseDisksAndVolumes(internal, nullptr, volumes, rows), PlatformException);
+  EXPECT_EQ(RowsText(rows, 13) + RowsText(rows, 4),
+            "1305|1|usb1;1305|2|disk4;401|1|/;411|1|disk1;401|2|/Volumes/S;");
+}
+
+// The whole collector through the tools and the recorder.
 TEST_F(DiskCollectorTest, HddDetailsRecordsDisksThenVolumes) {
   // Serial-ATA raises (no element 0): the builder ends, the SAS report takes over.
   AnswerProfiler("SPSerialATADataType", kEmptyRoot);

@@ -1,8 +1,7 @@
 // Installed applications.
 #include <array>
-#include <exception>
-#include <iterator>
 #include <filesystem>
+#include <iterator>
 #include <system_error>
 #include <vector>
 
@@ -11,7 +10,6 @@
 #include "platform/file/file_util.h"
 #include "platform/platform.h"
 #include "tarninventory/src/invscanhandler.h"
-#include "tarninventory/src/scanrun.h"
 #include "tarninventory/src/tarninventoryutil.h"
 #include "tarnutils/src/TarnDiagnostics.h"
 #include "tarnutils/src/TarnGlobalvars.h"
@@ -27,8 +25,6 @@ constexpr const char* kSoftwareSignature = "-[ProplistXMLParser FetchInstalledSo
 constexpr const char* kAgentHelperName = "TarnwellAgent";
 constexpr const char* kAgentName = "Orvane Tarnwell - Agent";
 
-using OptText = std::optional<std::string>;
-
 // The path without its last component, as the platform's path functions give it: trailing
 // slashes go first; "/X.app" gives "/", "X.app" gives "".
 std::string DeletingLastPathComponent(std::string path) {
@@ -40,8 +36,7 @@ std::string DeletingLastPathComponent(std::string path) {
 }
 
 // Only the copy of the agent installed in the agent's own folder is reported.
-bool IsInstalledAgentCopy(const OptText& path) {
-  const OptText basePath = gv_globvars().tarnagentBasePath();
+bool IsInstalledAgentCopy(const OptText& path, const OptText& basePath) {
   return path && basePath && DeletingLastPathComponent(*path) == *basePath;
 }
 
@@ -63,7 +58,14 @@ void ProplistXMLParser::FetchInstalledSoftwareInfo() {
                    status);
       return;
     }
-    RecordInstalledSoftwareReport(reportPath);
+    RecordRowsOf([&](Rows& rows) {
+      // The report is the one large document of a run: it is read in place, and released
+      // (at the end of this step) before the rows are recorded.
+      const std::unique_ptr<PlistDocument> report = ReadPlistDocument(reportPath);
+      const PlistNode items =
+          report ? ValueForKey(ObjectAtIndex(report->Root(), 0), "_items") : PlistNode();
+      ParseInstalledSoftware(items, gv_globvars().tarnagentBasePath(), swSet, bufferDict, rows);
+    });
     RemoveFile(reportPath);
   } catch (const PlatformException& failure) {
     ConsoleWhere(kSoftwareSignature, __LINE__, "Caught exception***************:%s",
@@ -71,7 +73,10 @@ void ProplistXMLParser::FetchInstalledSoftwareInfo() {
   }
 }
 
-// What the collector reads of one item of the applications report.
+namespace {
+
+// What the collector reads of one item of the applications report, its dictionary walked
+// once for the four keys.
 struct ApplicationFields {
   OptText name;
   OptText version;
@@ -79,15 +84,6 @@ struct ApplicationFields {
   OptText info;
 };
 
-namespace {
-
-// The fields of one item, read in the order name, version, path, info.
-ApplicationFields FieldsOf(const PlistPtr& item) {
-  return {TextAt(item, "_name"), TextAt(item, "version"), TextAt(item, "path"),
-          TextAt(item, "info")};
-}
-
-// The same from a parsed report, the item's dictionary walked once for all four keys.
 ApplicationFields FieldsOf(const PlistNode& item) {
   static constexpr const char* kKeys[] = {"_name", "version", "path", "info"};
   std::array<PlistNode, std::size(kKeys)> values;
@@ -95,53 +91,18 @@ ApplicationFields FieldsOf(const PlistNode& item) {
   return {TextOf(values[0]), TextOf(values[1]), TextOf(values[2]), TextOf(values[3])};
 }
 
-// The fields of every item, in order, as far as they can be read: what reading the next
-// item raised, if anything, comes back instead of being thrown, so that the items before it
-// are still recorded first.
-template <typename Node>
-std::exception_ptr ReadApplications(const Node& items, std::vector<ApplicationFields>& read) {
-  try {
-    for (std::size_t i = 0; i < Count(items); ++i) {
-      // A dictionary answers every key, so "info" cannot raise where "_name" did not.
-      read.push_back(FieldsOf(ObjectAtIndex(items, i)));
-    }
-  } catch (const PlatformException&) {
-    return std::current_exception();
-  }
-  return nullptr;
-}
-
 }  // namespace
 
-void ProplistXMLParser::RecordInstalledSoftware(const PlistPtr& items) {
-  std::vector<ApplicationFields> applications;
-  const std::exception_ptr failure = ReadApplications(items, applications);
-  RecordApplications(applications, failure);
-}
-
-void ProplistXMLParser::RecordInstalledSoftwareReport(const std::string& path) {
-  // The report is the one large document of a run: it is read in place, and released before
-  // the applications are recorded.
-  std::vector<ApplicationFields> applications;
-  std::exception_ptr failure;
-  {
-    const std::unique_ptr<PlistDocument> report = ReadPlistDocument(path);
-    const PlistNode items =
-        report ? ValueForKey(ObjectAtIndex(report->Root(), 0), "_items") : PlistNode();
-    failure = ReadApplications(items, applications);
-  }
-  RecordApplications(applications, failure);
-}
-
-void ProplistXMLParser::RecordApplications(const std::vector<ApplicationFields>& applications,
-                                           const std::exception_ptr& failure) {
+void ParseInstalledSoftware(const PlistNode& items, const OptText& agentBasePath,
+                            SoftwareSet& swSet, CollectorFacts& facts, Rows& rows) {
   std::int32_t recorded = 0;
-  for (const ApplicationFields& application : applications) {
+  for (std::size_t i = 0; i < Count(items); ++i) {
+    const ApplicationFields application = FieldsOf(ObjectAtIndex(items, i));
     const OptText& name = application.name;
     const OptText& version = application.version;
     const OptText& path = application.path;
     if (name == kAgentHelperName) continue;
-    if (name == kAgentName && !IsInstalledAgentCopy(path)) continue;
+    if (name == kAgentName && !IsInstalledAgentCopy(path, agentBasePath)) continue;
     if (!name) {
       throw PlatformException(kInvalidArgumentException,
                               "*** setObjectForKey: key cannot be nil (an application without "
@@ -150,19 +111,18 @@ void ProplistXMLParser::RecordApplications(const std::vector<ApplicationFields>&
     // Same name and version: one application, however often it is installed.
     if (!swSet.emplace(*name, version.value_or(kFiller)).second) continue;
     ++recorded;
-    RecordValue(1801, kSoftwareClass, recorded, name);
-    RecordValue(1802, kSoftwareClass, recorded, version ? *version : kFiller);
-    RecordValue(1803, kSoftwareClass, recorded, application.info.value_or(kFiller));
-    RecordValue(1812, kSoftwareClass, recorded, path ? *path : kFiller);
-    RecordFillers(kSoftwareClass, recorded, {1804, 1805, 1806});
-    RecordValue(1807, kSoftwareClass, recorded, kNotAvailable);
-    RecordFillers(kSoftwareClass, recorded, {1808, 1809});
-    RecordValue(1810, kSoftwareClass, recorded, kNotAvailable);
-    RecordFillers(kSoftwareClass, recorded, {1811, 1813, 1814, 1815});
+    AddRow(rows, 1801, kSoftwareClass, recorded, name);
+    AddRow(rows, 1802, kSoftwareClass, recorded, version ? *version : kFiller);
+    AddRow(rows, 1803, kSoftwareClass, recorded, application.info.value_or(kFiller));
+    AddRow(rows, 1812, kSoftwareClass, recorded, path ? *path : kFiller);
+    AddFillers(rows, kSoftwareClass, recorded, {1804, 1805, 1806});
+    AddRow(rows, 1807, kSoftwareClass, recorded, kNotAvailable);
+    AddFillers(rows, kSoftwareClass, recorded, {1808, 1809});
+    AddRow(rows, 1810, kSoftwareClass, recorded, kNotAvailable);
+    AddFillers(rows, kSoftwareClass, recorded, {1811, 1813, 1814, 1815});
   }
-  if (failure) std::rethrow_exception(failure);
   UserLogMessage("FetchInstalledSoftwareInfo : %d Softwares found \n", recorded);
-  CurrentScanRun().osIndex = static_cast<std::uint32_t>(recorded) + 1;
+  facts.osIndex = static_cast<std::uint32_t>(recorded) + 1;
 }
 
 }  // namespace tarn

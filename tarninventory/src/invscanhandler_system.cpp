@@ -8,7 +8,6 @@
 #include "platform/exception/platform_exception.h"
 #include "platform/platform.h"
 #include "tarninventory/src/invscanhandler.h"
-#include "tarninventory/src/scanrun.h"
 #include "tarninventory/src/tarninventoryutil.h"
 #include "tarnutils/src/TarnDiagnostics.h"
 #include "tarnutils/src/TarnGlobalvars.h"
@@ -29,11 +28,8 @@ constexpr std::int32_t kMemoryArrayClass = 28;
 constexpr const char* kOsSignature = "-[ProplistXMLParser FetchOSandProcessorInfo]";
 constexpr const char* kSendOsSignature = "-[ProplistXMLParser SendOSINFO]";
 constexpr const char* kComputerSignature = "-[ProplistXMLParser FetchComputerInfo]";
-constexpr const char* kEnclosureSignature = "-[ProplistXMLParser FetchSystemEnclosure]";
 constexpr const char* kMemorySignature = "-[ProplistXMLParser FetchPhysicalMemoryInfo]";
 constexpr const char* kVirtualMemorySignature = "void GetVirtualMemInfo(uint64_t*, uint64_t*)";
-
-using OptText = std::optional<std::string>;
 
 const char* Shown(const OptText& text) { return Describe(text); }
 
@@ -132,162 +128,206 @@ void GetVirtualMemInfo(std::uint64_t& total, std::uint64_t& free) {
   UserLogMessage("@@@@@@@ End of GetVirtualMemInfo method @@@@@\n");
 }
 
-void ProplistXMLParser::FetchOSandProcessorInfo() {
-  std::uint64_t total = 0;
-  std::uint64_t free = 0;
-  GetVirtualMemInfo(total, free);
-  RecordValue(105, kOsClass, 1, std::to_string(total));
-  RecordValue(106, kOsClass, 1, std::to_string(free));
-  RecordValue(107, kOsClass, 1, kFiller);
+// ---- Operating system and processor.
 
-  if (const OptText memsize = GetOutputForExecution(kSysctl, {"hw.memsize"})) {
-    const std::string physical = TextAfterColon(*memsize);
+void ParseMemorySize(std::uint64_t totalKiB, std::uint64_t freeKiB, const OptText& sysctlOutput,
+                     CollectorFacts& facts, Rows& rows) {
+  AddRow(rows, 105, kOsClass, 1, std::to_string(totalKiB));
+  AddRow(rows, 106, kOsClass, 1, std::to_string(freeKiB));
+  AddRow(rows, 107, kOsClass, 1, kFiller);
+  if (sysctlOutput) {
+    const std::string physical = TextAfterColon(*sysctlOutput);
     ConsoleLog("Physical mem: %s\n", physical.c_str());
-    RecordValue(108, kOsClass, 1, physical);
-    SetBufferText("hw.memsize", physical);
+    AddRow(rows, 108, kOsClass, 1, physical);
+    facts.hw_memsize = physical;
   } else {
-    RecordValue(108, kOsClass, 1, kFiller);
+    AddRow(rows, 108, kOsClass, 1, kFiller);
   }
+}
 
-  if (const OptText name = GetOutputForExecution(kSwVers, {"-productName"})) {
-    ConsoleLog("Product name: %s\n", name->c_str());
-    SetBufferText("productName", name);
+void ParseProductName(const OptText& output, CollectorFacts& facts) {
+  if (output) {
+    ConsoleLog("Product name: %s\n", output->c_str());
+    facts.productName = output;
   }
-  if (const OptText version = GetOutputForExecution(kSwVers, {"-productVersion"})) {
-    ConsoleLog("Product version: %s\n", version->c_str());
-    RecordValue(102, kOsClass, 1, version);
-    SetBufferText("productVersion", version);
+}
+
+void ParseProductVersion(const OptText& output, CollectorFacts& facts, Rows& rows) {
+  if (output) {
+    ConsoleLog("Product version: %s\n", output->c_str());
+    AddRow(rows, 102, kOsClass, 1, output);
+    facts.productVersion = output;
   } else {
     ConsoleLog("Can't get productVersion");
-    RecordValue(102, kOsClass, 1, kZero);
+    AddRow(rows, 102, kOsClass, 1, kZero);
   }
-  if (const OptText build = GetOutputForExecution(kSwVers, {"-buildVersion"})) {
-    ConsoleLog("Build number: %s\n", build->c_str());
-    RecordValue(113, kOsClass, 1, build);
+}
+
+void ParseBuildVersion(const OptText& output, Rows& rows) {
+  if (output) {
+    ConsoleLog("Build number: %s\n", output->c_str());
+    AddRow(rows, 113, kOsClass, 1, output);
   } else {
     // The version property is written again here, not the build number.
     ConsoleLog("Can't get BuildNumber");
-    RecordValue(102, kOsClass, 1, kZero);
+    AddRow(rows, 102, kOsClass, 1, kZero);
   }
+}
 
-  RecordValue(101, kOsClass, 1, GetOSNameString());
-  RecordValue(103, kOsClass, 1, GetOS_SPName());
-  RecordValue(104, kOsClass, 1, kAppleInc);
-  RecordFillers(kOsClass, 1, {110, 111, 112});
-  RecordValue(114, kOsClass, 1, kZero);
-  RecordValue(115, kOsClass, 1, kZero);
-  RecordValue(116, kOsClass, 1, "Mac OS X");
-  const std::uint32_t osIndex = CurrentScanRun().osIndex;
-  RecordValue(117, kOsClass, static_cast<std::int32_t>(osIndex + 1), std::to_string(osIndex));
-  RecordValue(118, kOsClass, 1, kFiller);
+void ParseOsNames(const std::string& osName, const std::string& servicePackName,
+                  std::uint32_t osIndex, Rows& rows) {
+  AddRow(rows, 101, kOsClass, 1, osName);
+  AddRow(rows, 103, kOsClass, 1, servicePackName);
+  AddRow(rows, 104, kOsClass, 1, kAppleInc);
+  AddFillers(rows, kOsClass, 1, {110, 111, 112});
+  AddRow(rows, 114, kOsClass, 1, kZero);
+  AddRow(rows, 115, kOsClass, 1, kZero);
+  AddRow(rows, 116, kOsClass, 1, "Mac OS X");
+  AddRow(rows, 117, kOsClass, static_cast<std::int32_t>(osIndex + 1), std::to_string(osIndex));
+  AddRow(rows, 118, kOsClass, 1, kFiller);
+}
 
-  const PlistPtr items = GetItemsArrayfromPropertylist({"-xml", "SPHardwareDataType"});
+void ParseHardwareReport(const PlistPtr& items, CollectorFacts& facts, Rows& rows) {
   if (!items) {
     ConsoleLog("Command execution output: %s\n", "(null)");
   } else {
-    RecordHardwareReport(ObjectAtIndex(items, 0));
+    const PlistPtr hardware = ObjectAtIndex(items, 0);
+    const OptText serial = TextAt(hardware, "serial_number");
+    ConsoleWhere(kOsSignature, __LINE__, "Serial number: %s\n", Shown(serial));
+    facts.serial_number = serial;
+    AddRow(rows, 109, kOsClass, 1, serial);
+
+    const OptText cpuType = TextAt(hardware, "cpu_type");
+    ConsoleWhere(kOsSignature, __LINE__, "Processor Name(cpu-type): %s\n", Shown(cpuType));
+    AddRow(rows, 301, kProcessorClass, 1, cpuType);
+    AddRow(rows, 306, kProcessorClass, 1, ProcessorFamily(cpuType));
+    AddRow(rows, 302, kProcessorClass, 1, "3");
+
+    const std::string speed = ProcessorSpeed(TextAt(hardware, "current_processor_speed"));
+    if (speed == kFiller) {
+      ConsoleWhere(kOsSignature, __LINE__, "Cpu speed: -\n");
+    } else {
+      ConsoleWhere(kOsSignature, __LINE__, "Cpu speed: %s\n", speed.c_str());
+    }
+    AddRow(rows, 303, kProcessorClass, 1, speed);
+    AddRow(rows, 313, kProcessorClass, 1, TextAt(hardware, "number_processors"));
+
+    const OptText model = TextAt(hardware, "machine_name");
+    facts.Model = model;
+    ConsoleLog("Machine model name added in buffer: %s\n", Shown(model));
   }
-  RecordFillers(kProcessorClass, 1, {304, 305, 307, 308, 309, 310, 311, 312});
-  SendOSINFO();
+  AddFillers(rows, kProcessorClass, 1, {304, 305, 307, 308, 309, 310, 311, 312});
 }
 
-void ProplistXMLParser::RecordHardwareReport(const PlistPtr& hardware) {
-  const OptText serial = TextAt(hardware, "serial_number");
-  ConsoleWhere(kOsSignature, __LINE__, "Serial number: %s\n", Shown(serial));
-  SetBufferText("serial_number", serial);
-  RecordValue(109, kOsClass, 1, serial);
+void ParseOsSoftwareRow(const std::string& osName, const CollectorFacts& facts, Rows& rows) {
+  const auto instance = static_cast<std::int32_t>(facts.osIndex);
+  ConsoleWhere(kSendOsSignature, __LINE__, "OsName : %s", osName.c_str());
+  ConsoleWhere(kSendOsSignature, __LINE__, "Osversion : %s", Shown(facts.productVersion));
+  ConsoleWhere(kSendOsSignature, __LINE__, "serialnum : %s", Shown(facts.serial_number));
+  AddRow(rows, 1801, kSoftwareClass, instance, osName);
+  AddRow(rows, 1802, kSoftwareClass, instance, facts.productVersion);
+  AddRow(rows, 1803, kSoftwareClass, instance, kAppleInc);
+  AddFillers(rows, kSoftwareClass, instance, {1804, 1805, 1806});
+  AddRow(rows, 1807, kSoftwareClass, instance, kNotAvailable);
+  AddFillers(rows, kSoftwareClass, instance, {1808, 1809});
+  AddRow(rows, 1810, kSoftwareClass, instance, facts.serial_number);
+  AddFillers(rows, kSoftwareClass, instance, {1811, 1812, 1813});
+  // Tells the server that this software row is the operating system.
+  AddRow(rows, 1814, kSoftwareClass, instance, "OS_EXT");
+  AddRow(rows, 1815, kSoftwareClass, instance, kFiller);
+  ConsoleLog("End of SendOSINFO method \n");
+}
 
-  const OptText cpuType = TextAt(hardware, "cpu_type");
-  ConsoleWhere(kOsSignature, __LINE__, "Processor Name(cpu-type): %s\n", Shown(cpuType));
-  RecordValue(301, kProcessorClass, 1, cpuType);
-  RecordValue(306, kProcessorClass, 1, ProcessorFamily(cpuType));
-  RecordValue(302, kProcessorClass, 1, "3");
-
-  const std::string speed = ProcessorSpeed(TextAt(hardware, "current_processor_speed"));
-  if (speed == kFiller) {
-    ConsoleWhere(kOsSignature, __LINE__, "Cpu speed: -\n");
-  } else {
-    ConsoleWhere(kOsSignature, __LINE__, "Cpu speed: %s\n", speed.c_str());
-  }
-  RecordValue(303, kProcessorClass, 1, speed);
-  RecordValue(313, kProcessorClass, 1, TextAt(hardware, "number_processors"));
-
-  const OptText model = TextAt(hardware, "machine_name");
-  SetBufferText("Model", model);
-  ConsoleLog("Machine model name added in buffer: %s\n", Shown(model));
+void ProplistXMLParser::FetchOSandProcessorInfo() {
+  // Each tool runs just before its output is parsed: the log keeps the tools' own lines
+  // where they have always been.
+  RecordRowsOf([&](Rows& rows) {
+    std::uint64_t total = 0;
+    std::uint64_t free = 0;
+    GetVirtualMemInfo(total, free);
+    ParseMemorySize(total, free, GetOutputForExecution(kSysctl, {"hw.memsize"}), bufferDict, rows);
+    ParseProductName(GetOutputForExecution(kSwVers, {"-productName"}), bufferDict);
+    ParseProductVersion(GetOutputForExecution(kSwVers, {"-productVersion"}), bufferDict, rows);
+    ParseBuildVersion(GetOutputForExecution(kSwVers, {"-buildVersion"}), rows);
+    const std::string osName = GetOSNameString();
+    ParseOsNames(osName, GetOS_SPName(), bufferDict.osIndex, rows);
+    ParseHardwareReport(GetItemsArrayfromPropertylist({"-xml", "SPHardwareDataType"}), bufferDict,
+                        rows);
+  });
+  SendOSINFO();
 }
 
 void ProplistXMLParser::SendOSINFO() {
   ConsoleLog("Inside SendOSINFO method \n");
-  const auto instance = static_cast<std::int32_t>(CurrentScanRun().osIndex);
-  const std::string osName = GetOSNameString();
-  const OptText version = BufferText("productVersion");
-  const OptText serial = BufferText("serial_number");
-  ConsoleWhere(kSendOsSignature, __LINE__, "OsName : %s", osName.c_str());
-  ConsoleWhere(kSendOsSignature, __LINE__, "Osversion : %s", Shown(version));
-  ConsoleWhere(kSendOsSignature, __LINE__, "serialnum : %s", Shown(serial));
-  RecordValue(1801, kSoftwareClass, instance, osName);
-  RecordValue(1802, kSoftwareClass, instance, version);
-  RecordValue(1803, kSoftwareClass, instance, kAppleInc);
-  RecordFillers(kSoftwareClass, instance, {1804, 1805, 1806});
-  RecordValue(1807, kSoftwareClass, instance, kNotAvailable);
-  RecordFillers(kSoftwareClass, instance, {1808, 1809});
-  RecordValue(1810, kSoftwareClass, instance, serial);
-  RecordFillers(kSoftwareClass, instance, {1811, 1812, 1813});
-  // Tells the server that this software row is the operating system.
-  RecordValue(1814, kSoftwareClass, instance, "OS_EXT");
-  RecordValue(1815, kSoftwareClass, instance, kFiller);
-  ConsoleLog("End of SendOSINFO method \n");
+  RecordRowsOf([&](Rows& rows) { ParseOsSoftwareRow(GetOSNameString(), bufferDict, rows); });
+}
+
+// ---- Computer system and enclosure.
+
+void ParseComputerNames(const OptText& computerName, const OptText& nameSpace,
+                        const CollectorFacts& facts, Rows& rows) {
+  AddRow(rows, 2002, kComputerClass, 1, computerName);
+  AddRow(rows, 2004, kComputerClass, 1, nameSpace);
+  AddRow(rows, 2007, kComputerClass, 1, kAppleInc);
+  ConsoleLog("Machine model name: %s\n", Shown(facts.Model));
+  AddRow(rows, 2008, kComputerClass, 1, facts.Model);
+  AddRow(rows, 2009, kComputerClass, 1, computerName);
+}
+
+void ParseProcessorCount(const OptText& sysctlOutput, const CollectorFacts& facts, Rows& rows) {
+  if (sysctlOutput) {
+    const std::string count = TextAfterColon(*sysctlOutput);
+    ConsoleLog("Physical mem: %s\n", count.c_str());  // the label is an old mislabel, kept
+    AddRow(rows, 2010, kComputerClass, 1, count);
+  }
+  ConsoleLog("Computer total memory size: %s\n", Shown(facts.hw_memsize));
+  AddRow(rows, 2012, kComputerClass, 1, facts.hw_memsize);
+}
+
+void ParseLoggedOnUsers(const OptText& users, Rows& rows) {
+  ConsoleLog("Logged on user name: %s\n", Shown(users));
+  AddRow(rows, 2014, kComputerClass, 1, users ? *users : kFiller);
 }
 
 void ProplistXMLParser::FetchComputerInfo() {
-  try {
-    const TarnGlobvars& vars = gv_globvars();
-    RecordValue(2002, kComputerClass, 1, vars.localComputerName());
-    RecordValue(2004, kComputerClass, 1, vars.localNameSpace());
-    RecordValue(2007, kComputerClass, 1, kAppleInc);
-    const OptText model = BufferText("Model");
-    ConsoleLog("Machine model name: %s\n", Shown(model));
-    RecordValue(2008, kComputerClass, 1, model);
-    RecordValue(2009, kComputerClass, 1, vars.localComputerName());
-    if (const OptText processors = GetOutputForExecution(kSysctl, {"hw.ncpu"})) {
-      const std::string count = TextAfterColon(*processors);
-      ConsoleLog("Physical mem: %s\n", count.c_str());  // the label is an old mislabel, kept
-      RecordValue(2010, kComputerClass, 1, count);
+  RecordRowsOf([&](Rows& rows) {
+    try {
+      const TarnGlobvars& vars = gv_globvars();
+      ParseComputerNames(vars.localComputerName(), vars.localNameSpace(), bufferDict, rows);
+      ParseProcessorCount(GetOutputForExecution(kSysctl, {"hw.ncpu"}), bufferDict, rows);
+      ParseLoggedOnUsers(GetLoggedOnUsers(), rows);
+    } catch (const PlatformException& failure) {
+      ConsoleWhere(kComputerSignature, __LINE__, "FetchComputerInfo : Caught exception: %s",
+                   failure.description().c_str());
     }
-    const OptText memsize = BufferText("hw.memsize");
-    ConsoleLog("Computer total memory size: %s\n", Shown(memsize));
-    RecordValue(2012, kComputerClass, 1, memsize);
-    const OptText users = GetLoggedOnUsers();
-    ConsoleLog("Logged on user name: %s\n", Shown(users));
-    RecordValue(2014, kComputerClass, 1, users ? *users : kFiller);
-  } catch (const PlatformException& failure) {
-    ConsoleWhere(kComputerSignature, __LINE__, "FetchComputerInfo : Caught exception: %s",
-                 failure.description().c_str());
-  }
-  RecordFillers(kComputerClass, 1, {2001, 2003, 2005, 2006, 2011, 2013, 2015, 2016, 2017});
+    AddFillers(rows, kComputerClass, 1, {2001, 2003, 2005, 2006, 2011, 2013, 2015, 2016, 2017});
+  });
+}
+
+void ParseSystemEnclosure(const CollectorFacts& facts, Rows& rows) {
+  AddRow(rows, 2401, kEnclosureClass, 1, ChassisType(facts.Model));
+  AddRow(rows, 2402, kEnclosureClass, 1, kFiller);
 }
 
 void ProplistXMLParser::FetchSystemEnclosure() {
-  try {
-    RecordValue(2401, kEnclosureClass, 1, ChassisType(BufferText("Model")));
-    RecordValue(2402, kEnclosureClass, 1, kFiller);
-  } catch (const PlatformException& failure) {
-    ConsoleWhere(kEnclosureSignature, __LINE__, "Caught exception -----:%s",
-                 failure.description().c_str());
-  }
+  RecordRowsOf([&](Rows& rows) { ParseSystemEnclosure(bufferDict, rows); });
 }
+
+// ---- Physical memory.
 
 void ProplistXMLParser::FetchPhysicalMemoryInfo() {
-  try {
-    RecordPhysicalMemory(GetItemsArrayfromPropertylist({"-xml", "SPMemoryDataType"}));
-  } catch (const PlatformException& failure) {
-    ConsoleWhere(kMemorySignature, __LINE__, "Caught exception**************:%s",
-                 failure.description().c_str());
-  }
+  RecordRowsOf([&](Rows& rows) {
+    try {
+      ParsePhysicalMemory(GetItemsArrayfromPropertylist({"-xml", "SPMemoryDataType"}), bufferDict,
+                          rows);
+    } catch (const PlatformException& failure) {
+      ConsoleWhere(kMemorySignature, __LINE__, "Caught exception**************:%s",
+                   failure.description().c_str());
+    }
+  });
 }
 
-void ProplistXMLParser::RecordPhysicalMemory(const PlistPtr& items) {
+void ParsePhysicalMemory(const PlistPtr& items, const CollectorFacts& facts, Rows& rows) {
   const PlistPtr slots = ValueForKey(ObjectAtIndex(items, 0), "_items");
   std::int32_t populated = 0;
   for (std::size_t i = 0; i < Count(slots); ++i) {
@@ -295,27 +335,27 @@ void ProplistXMLParser::RecordPhysicalMemory(const PlistPtr& items) {
     if (TextAt(slot, "dimm_status") == "empty") continue;
     ++populated;
     ConsoleWhere(kMemorySignature, __LINE__, "Device Name : Physical Memory\n");
-    RecordValue(2701, kMemoryDeviceClass, populated, "Physical Memory");
+    AddRow(rows, 2701, kMemoryDeviceClass, populated, "Physical Memory");
     if (const std::optional<OptText> bytes = MemorySizeInBytes(TextAt(slot, "dimm_size"))) {
       ConsoleWhere(kMemorySignature, __LINE__, "Memory size in bytes: %s\n", Shown(*bytes));
-      RecordValue(2702, kMemoryDeviceClass, populated, *bytes);
+      AddRow(rows, 2702, kMemoryDeviceClass, populated, *bytes);
     }
     ConsoleWhere(kMemorySignature, __LINE__, "Memory type: 0\n");
-    RecordValue(2703, kMemoryDeviceClass, populated, kZero);
-    RecordValue(2705, kMemoryDeviceClass, populated, PieceOf(TextAt(slot, "dimm_speed"), " ", 0));
+    AddRow(rows, 2703, kMemoryDeviceClass, populated, kZero);
+    AddRow(rows, 2705, kMemoryDeviceClass, populated, PieceOf(TextAt(slot, "dimm_speed"), " ", 0));
     const OptText bank = TextAt(slot, "_name");
     ConsoleWhere(kMemorySignature, __LINE__, "Memory bank lable name: %s\n", Shown(bank));
-    RecordValue(2704, kMemoryDeviceClass, populated, bank);
+    AddRow(rows, 2704, kMemoryDeviceClass, populated, bank);
     // Tagged by the slot's position among all slots, empty ones included.
-    RecordValue(2708, kMemoryDeviceClass, populated, "Physical Memory " + std::to_string(i));
-    RecordFillers(kMemoryDeviceClass, populated, {2706, 2707, 2709, 2710});
+    AddRow(rows, 2708, kMemoryDeviceClass, populated, "Physical Memory " + std::to_string(i));
+    AddFillers(rows, kMemoryDeviceClass, populated, {2706, 2707, 2709, 2710});
   }
-  RecordValue(2801, kMemoryArrayClass, populated, "Physical Memory Array");
-  RecordValue(2802, kMemoryArrayClass, populated, "3");
-  RecordValue(2803, kMemoryArrayClass, populated, BufferText("hw.memsize"));
-  RecordValue(2804, kMemoryArrayClass, populated, std::to_string(populated));
-  RecordFillers(kMemoryArrayClass, populated, {2805, 2806, 2807});
-  RecordValue(2808, kMemoryArrayClass, populated, "3");
+  AddRow(rows, 2801, kMemoryArrayClass, populated, "Physical Memory Array");
+  AddRow(rows, 2802, kMemoryArrayClass, populated, "3");
+  AddRow(rows, 2803, kMemoryArrayClass, populated, facts.hw_memsize);
+  AddRow(rows, 2804, kMemoryArrayClass, populated, std::to_string(populated));
+  AddFillers(rows, kMemoryArrayClass, populated, {2805, 2806, 2807});
+  AddRow(rows, 2808, kMemoryArrayClass, populated, "3");
 }
 
 }  // namespace tarn

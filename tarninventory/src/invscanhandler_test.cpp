@@ -69,8 +69,9 @@ class SystemCollectorTest : public CollectorTest {
   }
 };
 
+// The whole collector through the tools and the recorder, once.
 TEST_F(SystemCollectorTest, OperatingSystemProcessorAndTheOsSoftwareRow) {
-  CurrentScanRun().osIndex = 121;
+  parser_.bufferDict.osIndex = 121;
   parser_.FetchOSandProcessorInfo();
   EXPECT_EQ(RowsOfClass(1),
             "105|1|40000;106|1|4000;107|1|-;108|1|17179869184;102|1|10.11.6;113|1|15G31;"
@@ -83,29 +84,50 @@ TEST_F(SystemCollectorTest, OperatingSystemProcessorAndTheOsSoftwareRow) {
             "1801|121|Mac OS X - El Capitan;1802|121|10.11.6;1803|121|Apple Inc.;1804|121|-;"
             "1805|121|-;1806|121|-;1807|121|Not available;1808|121|-;1809|121|-;"
             "1810|121|C02X1234ABCD;1811|121|-;1812|121|-;1813|121|-;1814|121|OS_EXT;1815|121|-;");
-  // What later collectors read, with the tools' line ends.
-  EXPECT_EQ(*parser_.bufferDict->ValueForKey("hw.memsize")->AsString(), "17179869184\n");
-  EXPECT_EQ(*parser_.bufferDict->ValueForKey("Model")->AsString(), "iMac");
+  // What later collectors read, with the tools' line ends (the recorder ends a value there).
+  EXPECT_EQ(parser_.bufferDict.hw_memsize, "17179869184\n");
+  EXPECT_EQ(parser_.bufferDict.Model, "iMac");
+  EXPECT_EQ(parser_.bufferDict.productName, "Mac OS X\n");
+
+  // A damaged memory line ends the run's collection, after the rows found before it.
+  ResetScanRun();
+  UnLoadTable("WMIFetchedValue");
+  CreateTable("WMIFetchedValue");
+  Answer(kSysctl, {"hw.memsize"}, "hw.memsize=17179869184\n");
+  EXPECT_THROW(parser_.FetchOSandProcessorInfo(), PlatformException);
+  EXPECT_EQ(RowsOfClass(1), "105|1|40000;106|1|4000;107|1|-;");
 }
 
-TEST_F(SystemCollectorTest, MissingToolsGiveFillersAndTheVersionRowTwice) {
-  platform_.host().statistics.reset();
-  Answer(kSysctl, {"hw.memsize"}, std::nullopt);
-  Answer(kSwVers, {"-productVersion"}, std::nullopt);
-  Answer(kSwVers, {"-buildVersion"}, std::nullopt);
-  Answer(kSystemProfiler, kHardware, std::nullopt);
-  parser_.FetchOSandProcessorInfo();
-  const std::string os = RowsOfClass(1);
-  EXPECT_EQ(os.substr(0, os.find("101|")), "105|1|0;106|1|0;107|1|-;108|1|-;102|1|0;102|1|0;");
-  EXPECT_EQ(os.find("109|"), std::string::npos);
-  EXPECT_EQ(RowsOfClass(3), "304|1|-;305|1|-;307|1|-;308|1|-;309|1|-;310|1|-;311|1|-;312|1|-;");
-  parser_.FetchSystemEnclosure();
-  parser_.FetchComputerInfo();
-  EXPECT_EQ(RowsOfClass(24), "2401|1|2;2402|1|-;");
-  EXPECT_NE(RowsOfClass(20).find("2008|1|-;"), std::string::npos);
+TEST(OsParse, MissingToolsGiveFillersAndTheVersionRowTwice) {
+  CollectorFacts facts;
+  Rows rows;
+  ParseMemorySize(0, 0, std::nullopt, facts, rows);
+  ParseProductName(std::nullopt, facts);
+  ParseProductVersion(std::nullopt, facts, rows);
+  ParseBuildVersion(std::nullopt, rows);
+  ParseHardwareReport(nullptr, facts, rows);
+  EXPECT_EQ(RowsText(rows, 1), "105|1|0;106|1|0;107|1|-;108|1|-;102|1|0;102|1|0;");
+  EXPECT_EQ(RowsText(rows, 3), "304|1|-;305|1|-;307|1|-;308|1|-;309|1|-;310|1|-;311|1|-;312|1|-;");
+  EXPECT_EQ(facts.hw_memsize, std::nullopt);
+  EXPECT_EQ(facts.productVersion, std::nullopt);
+  EXPECT_EQ(facts.Model, std::nullopt);
+
+  // The OS row of the software class sits at the index the software collector left.
+  rows.clear();
+  ParseOsNames("macOS - Sonoma", "macOS - Sonoma 14.4", 7, rows);
+  EXPECT_EQ(RowsText(rows, 1),
+            "101|1|macOS - Sonoma;103|1|macOS - Sonoma 14.4;104|1|Apple Inc.;110|1|-;111|1|-;"
+            "112|1|-;114|1|0;115|1|0;116|1|Mac OS X;117|8|7;118|1|-;");
+  rows.clear();
+  facts.osIndex = 7;
+  ParseOsSoftwareRow("macOS - Sonoma", facts, rows);
+  const std::string software = RowsText(rows, 18);
+  EXPECT_EQ(software.substr(0, software.find("1804|")),
+            "1801|7|macOS - Sonoma;1802|7|(none);1803|7|Apple Inc.;");
+  EXPECT_EQ(rows.size(), 15u);
 }
 
-TEST_F(SystemCollectorTest, ProcessorFamilySpeedAndCountFromTheHardwareReport) {
+TEST(OsParse, ProcessorFamilySpeedAndCountFromTheHardwareReport) {
   const struct {
     const char* cpuType;
     const char* speed;
@@ -119,69 +141,96 @@ TEST_F(SystemCollectorTest, ProcessorFamilySpeedAndCountFromTheHardwareReport) {
       {"Intel Core 2 Duo", "0.1234 GHz", "<string>proc 8:6:2</string>",
        "301|1|Intel Core 2 Duo;306|1|2;302|1|3;303|1|123.39999999999999;313|1|proc 8:6:2;"},
   };
+  const std::string fillers = "304|1|-;305|1|-;307|1|-;308|1|-;309|1|-;310|1|-;311|1|-;312|1|-;";
   for (const auto& c : cases) {
-    UnLoadTable("WMIFetchedValue");
-    CreateTable("WMIFetchedValue");
-    parser_.RecordHardwareReport(
-        ParsePlist(Dict(Key("cpu_type", c.cpuType) + Key("current_processor_speed", c.speed) +
-                        "<key>number_processors</key>" + c.processors)));
-    EXPECT_EQ(RowsOfClass(3), c.expected);
+    CollectorFacts facts;
+    Rows rows;
+    ParseHardwareReport(
+        ParsePlist("<array>" +
+                   Dict(Key("cpu_type", c.cpuType) + Key("current_processor_speed", c.speed) +
+                        "<key>number_processors</key>" + c.processors +
+                        Key("serial_number", "C02") + Key("machine_name", "iMac")) +
+                   "</array>"),
+        facts, rows);
+    EXPECT_EQ(RowsText(rows, 3), c.expected + fillers);
+    EXPECT_EQ(RowsText(rows, 1), "109|1|C02;");
+    EXPECT_EQ(facts.serial_number, "C02");
+    EXPECT_EQ(facts.Model, "iMac");
   }
   // Apple silicon reports neither a cpu type nor a speed.
-  UnLoadTable("WMIFetchedValue");
-  CreateTable("WMIFetchedValue");
-  parser_.RecordHardwareReport(ParsePlist(Dict(Key("chip_type", "Apple M1 Pro"))));
-  EXPECT_EQ(RowsOfClass(3), "301|1|-;306|1|2;302|1|3;303|1|-;313|1|-;");
+  CollectorFacts facts;
+  Rows rows;
+  ParseHardwareReport(ParsePlist("<array>" + Dict(Key("chip_type", "Apple M1 Pro")) + "</array>"),
+                      facts, rows);
+  EXPECT_EQ(RowsText(rows, 3), "301|1|(none);306|1|2;302|1|3;303|1|-;313|1|(none);" + fillers);
 }
 
-TEST_F(SystemCollectorTest, InputsThatEndTheRunsCollectionRaise) {
-  Answer(kSysctl, {"hw.memsize"}, "hw.memsize=17179869184\n");
-  EXPECT_THROW(parser_.FetchOSandProcessorInfo(), PlatformException);
-  Answer(kSysctl, {"hw.memsize"}, "hw.memsize: 1\n");
-  Answer(kSystemProfiler, kHardware,
-         Report("SPHardwareDataType", Dict(Key("current_processor_speed", "2.3GHz"))));
-  EXPECT_THROW(parser_.FetchOSandProcessorInfo(), PlatformException);
-  // An empty root array has no element 0.
-  Answer(kSystemProfiler, kHardware, "<plist version=\"1.0\"><array/></plist>");
-  EXPECT_THROW(parser_.FetchOSandProcessorInfo(), PlatformException);
+TEST(OsParse, InputsThatEndTheRunsCollectionRaiseAfterTheirRows) {
+  CollectorFacts facts;
+  Rows rows;
+  EXPECT_THROW(ParseMemorySize(1, 2, "hw.memsize=17179869184\n", facts, rows), PlatformException);
+  EXPECT_EQ(RowsText(rows, 1), "105|1|1;106|1|2;107|1|-;");
+  rows.clear();
+  EXPECT_THROW(ParseHardwareReport(ParsePlist("<array>" +
+                                              Dict(Key("serial_number", "S") +
+                                                   Key("current_processor_speed", "2.3GHz")) +
+                                              "</array>"),
+                                   facts, rows),
+               PlatformException);
+  EXPECT_EQ(RowsText(rows, 1) + RowsText(rows, 3), "109|1|S;301|1|(none);306|1|2;302|1|3;");
+  // An empty items array has no element 0: not even the processor fillers.
+  rows.clear();
+  EXPECT_THROW(ParseHardwareReport(PlistValue::MakeArray(), facts, rows), PlatformException);
+  EXPECT_TRUE(rows.empty());
 }
 
-TEST_F(SystemCollectorTest, ComputerSystemAndEnclosure) {
+TEST(ComputerParse, ComputerSystemAndEnclosure) {
+  CollectorFacts facts;
+  facts.Model = "MacBook Pro";
+  facts.hw_memsize = "17179869184\n";
+  Rows rows;
+  ParseComputerNames("studio-imac", "corp.example", facts, rows);
+  ParseProcessorCount("hw.ncpu: 8\n", facts, rows);
+  ParseLoggedOnUsers("alice,bob", rows);
+  ParseSystemEnclosure(facts, rows);
+  EXPECT_EQ(RowsText(rows, 20),
+            "2002|1|studio-imac;2004|1|corp.example;2007|1|Apple Inc.;2008|1|MacBook Pro;"
+            "2009|1|studio-imac;2010|1|8\n;2012|1|17179869184\n;2014|1|alice,bob;");
+  EXPECT_EQ(RowsText(rows, 24), "2401|1|1004;2402|1|-;");
+
+  // No tool output: no processor count; no users: the filler.
+  rows.clear();
+  ParseProcessorCount(std::nullopt, CollectorFacts{}, rows);
+  ParseLoggedOnUsers(std::nullopt, rows);
+  EXPECT_EQ(RowsText(rows, 20), "2012|1|(none);2014|1|-;");
+  // A damaged hw.ncpu line raises before its rows.
+  rows.clear();
+  EXPECT_THROW(ParseProcessorCount("8\n", facts, rows), PlatformException);
+  EXPECT_TRUE(rows.empty());
+
+  const std::pair<const char*, const char*> chassis[] = {
+      {"iMac", "1001"},     {"Mac Pro", "1002"}, {"MacBook Air", "1003"},
+      {"Mac Mini", "1005"}, {"Mac mini", "2"},   {"imac", "2"}};
+  for (const auto& [model, type] : chassis) {
+    facts.Model = model;
+    rows.clear();
+    ParseSystemEnclosure(facts, rows);
+    EXPECT_EQ(RowsText(rows, 24), std::string("2401|1|") + type + ";2402|1|-;") << model;
+  }
+}
+
+// The collector's guard: a damaged hw.ncpu line ends the named rows; the fillers follow.
+TEST_F(SystemCollectorTest, ComputerSystemFillersFollowTheGuard) {
   TarnGlobvars& vars = gv_globvars();
   vars.Set_localComputerName("studio-imac");
   vars.Set_localNameSpace("corp.example");
-  Answer(kSysctl, {"hw.ncpu"}, "hw.ncpu: 8\n");
-  Answer("/usr/bin/users", {" "}, "alice bob\n");
-  parser_.bufferDict->SetValueForKey("Model", PlistValue::MakeString("MacBook Pro"));
-  parser_.bufferDict->SetValueForKey("hw.memsize", PlistValue::MakeString("17179869184\n"));
-  parser_.FetchComputerInfo();
-  parser_.FetchSystemEnclosure();
-  EXPECT_EQ(RowsOfClass(20),
-            "2002|1|studio-imac;2004|1|corp.example;2007|1|Apple Inc.;2008|1|MacBook Pro;"
-            "2009|1|studio-imac;2010|1|8;2012|1|17179869184;2014|1|alice,bob;2001|1|-;2003|1|-;"
-            "2005|1|-;2006|1|-;2011|1|-;2013|1|-;2015|1|-;2016|1|-;2017|1|-;");
-  EXPECT_EQ(RowsOfClass(24), "2401|1|1004;2402|1|-;");
-
-  // A damaged hw.ncpu line ends the named rows; the fillers still follow.
-  UnLoadTable("WMIFetchedValue");
-  CreateTable("WMIFetchedValue");
+  parser_.bufferDict.Model = "MacBook Pro";
   Answer(kSysctl, {"hw.ncpu"}, "8\n");
   parser_.FetchComputerInfo();
   EXPECT_EQ(RowsOfClass(20),
             "2002|1|studio-imac;2004|1|corp.example;2007|1|Apple Inc.;2008|1|MacBook Pro;"
             "2009|1|studio-imac;2001|1|-;2003|1|-;2005|1|-;2006|1|-;2011|1|-;2013|1|-;2015|1|-;"
             "2016|1|-;2017|1|-;");
-
-  const std::pair<const char*, const char*> chassis[] = {
-      {"iMac", "1001"},     {"Mac Pro", "1002"}, {"MacBook Air", "1003"},
-      {"Mac Mini", "1005"}, {"Mac mini", "2"},   {"imac", "2"}};
-  for (const auto& [model, type] : chassis) {
-    UnLoadTable("WMIFetchedValue");
-    CreateTable("WMIFetchedValue");
-    parser_.bufferDict->SetValueForKey("Model", PlistValue::MakeString(model));
-    parser_.FetchSystemEnclosure();
-    EXPECT_EQ(RowsOfClass(24), std::string("2401|1|") + type + ";2402|1|-;") << model;
-  }
 }
 
 TEST(VirtualMemory, UsedBytesCountOnlyInTheirLow32Bits) {
@@ -204,44 +253,41 @@ std::string Slot(const char* name, const char* size, const char* status) {
               Key("dimm_status", status));
 }
 
-TEST_F(SystemCollectorTest, MemorySlotsAndTheArray) {
-  parser_.bufferDict->SetValueForKey("hw.memsize", PlistValue::MakeString("8589934592"));
-  Answer(kSystemProfiler, kMemory,
-         Report("SPMemoryDataType",
-                Dict("<key>_items</key><array>" + Slot("BANK 0", "empty", "empty") +
-                     Slot("BANK 1", "4 GB", "ok") + Slot("BANK 2", "empty", "empty") +
-                     Slot("BANK 3", "512 MB", "ok") + Slot("BANK 4", "8GB", "ok") +
-                     Slot("BANK 5", "1 TB", "ok") + "</array>")));
-  parser_.FetchPhysicalMemoryInfo();
+TEST(MemoryParse, MemorySlotsAndTheArray) {
+  CollectorFacts facts;
+  facts.hw_memsize = "8589934592";
+  Rows rows;
+  ParsePhysicalMemory(
+      ParsePlist("<array>" +
+                 Dict("<key>_items</key><array>" + Slot("BANK 0", "empty", "empty") +
+                      Slot("BANK 1", "4 GB", "ok") + Slot("BANK 2", "empty", "empty") +
+                      Slot("BANK 3", "512 MB", "ok") + Slot("BANK 4", "8GB", "ok") +
+                      Slot("BANK 5", "1 TB", "ok") + "</array>") +
+                 "</array>"),
+      facts, rows);
   const std::string fillers = "2706|%|-;2707|%|-;2709|%|-;2710|%|-;";
   auto slot = [&](int n, const std::string& size, const char* bank, int index) {
-    std::string rows = "2701|" + std::to_string(n) + "|Physical Memory;" + size + "2703|" +
-                       std::to_string(n) + "|0;2705|" + std::to_string(n) + "|1867;2704|" +
-                       std::to_string(n) + "|" + bank + ";2708|" + std::to_string(n) +
-                       "|Physical Memory " + std::to_string(index) + ";" + fillers;
-    for (auto at = rows.find('%'); at != std::string::npos; at = rows.find('%')) {
-      rows.replace(at, 1, std::to_string(n));
+    std::string text = "2701|%|Physical Memory;" + size + "2703|%|0;2705|%|1867;2704|%|" + bank +
+                       ";2708|%|Physical Memory " + std::to_string(index) + ";" + fillers;
+    for (auto at = text.find('%'); at != std::string::npos; at = text.find('%')) {
+      text.replace(at, 1, std::to_string(n));
     }
-    return rows;
+    return text;
   };
-  EXPECT_EQ(RowsOfClass(27), slot(1, "2702|1|4294967296;", "BANK 1", 1) +
-                                 slot(2, "2702|2|536870912;", "BANK 3", 3) +
-                                 slot(3, "", "BANK 4", 4) + slot(4, "2702|4|-;", "BANK 5", 5));
-  EXPECT_EQ(RowsOfClass(28),
+  EXPECT_EQ(RowsText(rows, 27),
+            slot(1, "2702|1|4294967296;", "BANK 1", 1) + slot(2, "2702|2|536870912;", "BANK 3", 3) +
+                slot(3, "", "BANK 4", 4) + slot(4, "2702|4|(none);", "BANK 5", 5));
+  EXPECT_EQ(RowsText(rows, 28),
             "2801|4|Physical Memory Array;2802|4|3;2803|4|8589934592;2804|4|4;2805|4|-;"
             "2806|4|-;2807|4|-;2808|4|3;");
 
   // No memory report: an array without devices. An empty report: the collector ends.
-  UnLoadTable("WMIFetchedValue");
-  CreateTable("WMIFetchedValue");
-  Answer(kSystemProfiler, kMemory, std::nullopt);
-  parser_.FetchPhysicalMemoryInfo();
-  EXPECT_EQ(RowsOfClass(28).substr(0, 35), "2801|0|Physical Memory Array;2802|0");
-  UnLoadTable("WMIFetchedValue");
-  CreateTable("WMIFetchedValue");
-  Answer(kSystemProfiler, kMemory, "<plist version=\"1.0\"><array/></plist>");
-  parser_.FetchPhysicalMemoryInfo();
-  EXPECT_EQ(RowCount(), 0u);
+  rows.clear();
+  ParsePhysicalMemory(nullptr, facts, rows);
+  EXPECT_EQ(RowsText(rows, 28).substr(0, 35), "2801|0|Physical Memory Array;2802|0");
+  rows.clear();
+  EXPECT_THROW(ParsePhysicalMemory(PlistValue::MakeArray(), facts, rows), PlatformException);
+  EXPECT_TRUE(rows.empty());
 }
 
 std::string Service(const std::string& name, const std::string& ipv4, const std::string& extra) {
@@ -249,8 +295,13 @@ std::string Service(const std::string& name, const std::string& ipv4, const std:
               Dict(Key("MAC Address", "a4:83:e7:00:00:01")) + extra);
 }
 
-TEST_F(SystemCollectorTest, NetworkServicesWithAddresses) {
-  Answer(kSysctl, {"kern.hostname"}, "kern.hostname: studio-imac.local\n");
+TEST(DeviceParse, NetworkServicesWithAddresses) {
+  int hostNameAsked = 0;
+  OptText hostName = "kern.hostname: studio-imac.local\n";
+  const auto host = [&] {
+    ++hostNameAsked;
+    return hostName;
+  };
   const std::string dhcp =
       "<key>Addresses</key><array><string>10.0.0.5</string><string>10.0.0.6</string></array>" +
       Key("ConfigMethod", "DHCP") + Key("Router", "10.0.0.1") +
@@ -265,75 +316,74 @@ TEST_F(SystemCollectorTest, NetworkServicesWithAddresses) {
                   Dict(Key("dhcp_server_identifier", "10.0.0.1"))) +
       Service("Wi-Fi", "", "") +  // inactive: no addresses, no instance
       Service("Thunderbolt Bridge", manual, "<key>dhcp</key>" + Dict(Key("x", "y")));
-  Answer(kSystemProfiler, kNetwork, Report("SPNetworkDataType", items));
-  parser_.FetchNetworkAdapterinfo();
+  Rows rows;
+  ParseNetworkAdapters(ParsePlist("<array>" + items + "</array>"), host, rows);
+  EXPECT_EQ(hostNameAsked, 2);  // once per adapter, as the tool has always been run
   const std::string fillers =
       "2206|%|-;2207|%|-;2211|%|-;2213|%|-;2214|%|-;2215|%|-;2216|%|-;2217|%|-;2218|%|-;";
-  auto with = [&](const std::string& rows, char n) {
-    std::string text = rows + fillers;
+  auto with = [&](const std::string& named, char n) {
+    std::string text = named + fillers;
     for (auto& c : text) c = c == '%' ? n : c;
     return text;
   };
-  EXPECT_EQ(RowsOfClass(22),
+  EXPECT_EQ(RowsText(rows, 22),
             with("2201|1|Ethernet;2202|1|a4:83:e7:00:00:01;2203|1|corp.example;"
-                 "2204|1|studio-imac.local;2209|1|10.0.0.5,10.0.0.6;2205|1|TRUE;2210|1|10.0.0.1;"
+                 "2204|1|studio-imac.local\n;2209|1|10.0.0.5,10.0.0.6;2205|1|TRUE;2210|1|10.0.0.1;"
                  "2212|1|255.255.255.0;2208|1|10.0.0.1;",
                  '1') +
                 with("2201|2|Thunderbolt Bridge;2202|2|a4:83:e7:00:00:01;2203|2|-;"
-                     "2204|2|studio-imac.local;2209|2|a192.168.7.2;2205|2|FALSE;2210|2|-;"
+                     "2204|2|studio-imac.local\n;2209|2|a192.168.7.2;2205|2|FALSE;2210|2|-;"
                      "2212|2|-;2208|2|-;",
                      '2'));
 
   // A host-name line without ": " ends the collector in the first adapter.
-  UnLoadTable("WMIFetchedValue");
-  CreateTable("WMIFetchedValue");
-  Answer(kSysctl, {"kern.hostname"}, "studio-imac\n");
-  parser_.FetchNetworkAdapterinfo();
-  EXPECT_EQ(RowsOfClass(22), "2201|1|Ethernet;2202|1|a4:83:e7:00:00:01;2203|1|corp.example;");
+  rows.clear();
+  hostName = "studio-imac\n";
+  EXPECT_THROW(ParseNetworkAdapters(ParsePlist("<array>" + items + "</array>"), host, rows),
+               PlatformException);
+  EXPECT_EQ(RowsText(rows, 22), "2201|1|Ethernet;2202|1|a4:83:e7:00:00:01;2203|1|corp.example;");
 }
 
-TEST_F(SystemCollectorTest, PrintersWithThreeKeysOrMore) {
+TEST(DeviceParse, PrintersWithThreeKeysOrMore) {
   const std::string items =
       Dict(Key("_name", "Office Printer") + Key("status", "idle") +
            Key("uri", "dnssd://Office%20Printer%C3%A9._ipp._tcp.local./")) +
       Dict(Key("_name", "no_info_found") + Key("status", "x")) +
       Dict(Key("_name", "Label") + Key("status", "stopped") + Key("ppd", "Generic")) +
       Dict(Key("_name", "Broken") + Key("status", "idle") + Key("uri", "ipp://a%zz/"));
-  Answer(kSystemProfiler, kPrinters, Report("SPPrintersDataType", items));
-  parser_.FetchPrinterInfo();
+  Rows rows;
+  ParsePrinters(ParsePlist("<array>" + items + "</array>"), rows);
   const std::string fillers =
       "2502|%|-;2503|%|-;2504|%|-;2505|%|-;2506|%|-;2507|%|-;2508|%|-;"
       "2509|%|-;2512|%|-;2513|%|-;2514|%|-;2515|%|-;2516|%|-;";
-  auto with = [&](const std::string& rows, char n) {
-    std::string text = rows + fillers;
+  auto with = [&](const std::string& named, char n) {
+    std::string text = named + fillers;
     for (auto& c : text) c = c == '%' ? n : c;
     return text;
   };
-  EXPECT_EQ(RowsOfClass(25), with("2501|1|Office Printer;2511|1|idle;"
-                                  "2510|1|dnssd://Office Printer\xC3\xA9._ipp._tcp.local./;",
-                                  '1') +
-                                 with("2501|2|Label;2511|2|stopped;2510|2|-;", '2') +
-                                 with("2501|3|Broken;2511|3|idle;2510|3|-;", '3'));
+  EXPECT_EQ(RowsText(rows, 25), with("2501|1|Office Printer;2511|1|idle;"
+                                     "2510|1|dnssd://Office Printer\xC3\xA9._ipp._tcp.local./;",
+                                     '1') +
+                                    with("2501|2|Label;2511|2|stopped;2510|2|-;", '2') +
+                                    with("2501|3|Broken;2511|3|idle;2510|3|(none);", '3'));
 }
 
-TEST_F(SystemCollectorTest, OpticalDriveFirstItemOnly) {
-  Answer(kSystemProfiler, kDisc,
-         Report("SPDiscBurningDataType",
-                Dict(Key("_name", "HL-DT-ST DVDRW  GX40N")) + Dict(Key("_name", "Second"))));
-  parser_.FetchCDDriveInfo();
-  EXPECT_EQ(RowsOfClass(12),
+TEST(DeviceParse, OpticalDriveFirstItemOnly) {
+  Rows rows;
+  ParseCDDrive(
+      ParsePlist(Report("SPDiscBurningDataType", Dict(Key("_name", "HL-DT-ST DVDRW  GX40N")) +
+                                                     Dict(Key("_name", "Second")))),
+      rows);
+  EXPECT_EQ(RowsText(rows, 12),
             "1201|1|HL-DT-ST DVDRW  GX40N;1202|1|-;1203|1|-;1204|1|-;1205|1|-;1206|1|-;");
-  for (const std::optional<std::string>& report :
-       {std::optional<std::string>(),
-        std::optional<std::string>(Report("SPDiscBurningDataType", "")),
-        std::optional<std::string>("<plist version=\"1.0\"><array/></plist>"),
-        std::optional<std::string>("not a property list")}) {
-    UnLoadTable("WMIFetchedValue");
-    CreateTable("WMIFetchedValue");
-    Answer(kSystemProfiler, kDisc, report);
-    parser_.FetchCDDriveInfo();
-    EXPECT_EQ(RowCount(), 0u);
+  for (const std::string& report : {Report("SPDiscBurningDataType", ""),
+                                    std::string("<plist version=\"1.0\"><array/></plist>")}) {
+    rows.clear();
+    ParseCDDrive(ParsePlist(report), rows);
+    EXPECT_TRUE(rows.empty());
   }
+  ParseCDDrive(nullptr, rows);
+  EXPECT_TRUE(rows.empty());
 }
 
 std::string Card(const std::string& model, const std::string& vram, const std::string& displays) {
@@ -346,7 +396,7 @@ std::string Displays(const std::string& resolution) {
          Dict(Key("_name", "iMac") + Key("spdisplays_resolution", resolution)) + "</array>";
 }
 
-TEST_F(SystemCollectorTest, VideoControllerMemoryAndResolution) {
+TEST(DeviceParse, VideoControllerMemoryAndResolution) {
   const std::string fillers = "702|1|-;706|1|-;707|1|-;708|1|-;709|1|-;710|1|-;";
   const struct {
     std::string items;
@@ -363,22 +413,19 @@ TEST_F(SystemCollectorTest, VideoControllerMemoryAndResolution) {
        "701|1|Intel HD;703|1|1610612736;704|1|2560;705|1|1600;"},
   };
   for (const auto& c : cases) {
-    UnLoadTable("WMIFetchedValue");
-    CreateTable("WMIFetchedValue");
-    Answer(kSystemProfiler, kDisplays, Report("SPDisplaysDataType", c.items));
-    parser_.FetchVideoControllerInfo();
-    EXPECT_EQ(RowsOfClass(7), c.expected + fillers) << c.items;
+    Rows rows;
+    ParseVideoController(ParsePlist("<array>" + c.items + "</array>"), rows);
+    EXPECT_EQ(RowsText(rows, 7), c.expected + fillers) << c.items;
   }
   // A vram text without a blank, or an empty display list of the only card, ends the collector.
   const std::pair<std::string, std::string> ending[] = {
       {Card("GPU", "1024MB", Displays("1 x 2")), "701|1|GPU;"},
       {Card("GPU", "8 MB", "<key>spdisplays_ndrvs</key><array/>"), "701|1|GPU;703|1|8388608;"}};
   for (const auto& [items, expected] : ending) {
-    UnLoadTable("WMIFetchedValue");
-    CreateTable("WMIFetchedValue");
-    Answer(kSystemProfiler, kDisplays, Report("SPDisplaysDataType", items));
-    parser_.FetchVideoControllerInfo();
-    EXPECT_EQ(RowsOfClass(7), expected);
+    Rows rows;
+    EXPECT_THROW(ParseVideoController(ParsePlist("<array>" + items + "</array>"), rows),
+                 PlatformException);
+    EXPECT_EQ(RowsText(rows, 7), expected);
   }
 }
 
@@ -387,9 +434,16 @@ std::string App(const std::string& name, const std::string& version, const std::
               Key("path", path) + Key("info", "Copyright " + name));
 }
 
-TEST_F(SystemCollectorTest, ApplicationsDeduplicatedWithTheAgentsOwnCopyOnly) {
-  gv_globvars().Set_tarnagentBasePath("/Library/Orvane/TarnwellAgent");
-  const std::string items =
+// The items of an applications report, read in place as the collector reads its file.
+struct AppsReport {
+  explicit AppsReport(const std::string& items)
+      : document(PlistDocument::Parse(Report("SPApplicationsDataType", items))) {}
+  PlistNode Items() const { return ValueForKey(ObjectAtIndex(document->Root(), 0), "_items"); }
+  std::unique_ptr<PlistDocument> document;
+};
+
+TEST(SoftwareParse, ApplicationsDeduplicatedWithTheAgentsOwnCopyOnly) {
+  const AppsReport report(
       App("Safari", "17.4", "/Applications/Safari.app") +
       App("Safari", "17.4", "/Users/alice/Applications/Safari.app") +  // duplicate
       App("Safari", "16.0", "/Volumes/Old/Safari.app") +               // other version
@@ -399,31 +453,47 @@ TEST_F(SystemCollectorTest, ApplicationsDeduplicatedWithTheAgentsOwnCopyOnly) {
       App("Orvane Tarnwell - Agent", "3.1",
           "/Library/Orvane/TarnwellAgent/Orvane Tarnwell - Agent.app") +
       App("Orvane Tarnwell - Agent", "3.0",
-          "/Library/Orvane/TarnwellAgent//Orvane Tarnwell - Agent.app");
-  Answer(kSystemProfiler, kApplications, Report("SPApplicationsDataType", items));
-  parser_.FetchInstalledSoftwareInfo();
+          "/Library/Orvane/TarnwellAgent//Orvane Tarnwell - Agent.app"));
+  SoftwareSet seen;
+  CollectorFacts facts;
+  Rows rows;
+  ParseInstalledSoftware(report.Items(), "/Library/Orvane/TarnwellAgent", seen, facts, rows);
   std::string names;
-  const TableData* table = GetTableDataByName("WMIFetchedValue");
-  for (const auto& row : table->rows) {
-    if (row->values[1]->Read<std::int32_t>() == 1801 ||
-        row->values[1]->Read<std::int32_t>() == 1802) {
-      names += std::to_string(row->values[3]->Read<std::int32_t>()) + ":" +
-               row->values[4]->c_str() + ";";
+  for (const CollectedRow& row : rows) {
+    if (row.propertyId == 1801 || row.propertyId == 1802) {
+      names += std::to_string(row.instance) + ":" + *row.value + ";";
     }
   }
   EXPECT_EQ(names, "1:Safari;1:17.4;2:Safari;2:16.0;3:Notes;3:-;4:Orvane Tarnwell - Agent;4:3.1;");
-  EXPECT_EQ(CurrentScanRun().osIndex, 5u);
-  const std::string first = RowsOfClass(18).substr(0, RowsOfClass(18).find("1801|2|"));
-  EXPECT_EQ(first,
+  EXPECT_EQ(facts.osIndex, 5u);
+  EXPECT_EQ(rows.size(), 4u * 15u);
+  const std::string all = RowsText(rows, 18);
+  EXPECT_EQ(all.substr(0, all.find("1801|2|")),
             "1801|1|Safari;1802|1|17.4;1803|1|Copyright Safari;1812|1|/Applications/Safari.app;"
             "1804|1|-;1805|1|-;1806|1|-;1807|1|Not available;1808|1|-;1809|1|-;"
             "1810|1|Not available;1811|1|-;1813|1|-;1814|1|-;1815|1|-;");
-  // The report went to a private folder that is gone again.
-  const auto& call = platform_.tools().calls().front();
-  ASSERT_TRUE(call.outputPath);
-  EXPECT_FALSE(std::filesystem::exists(std::filesystem::path(*call.outputPath).parent_path()));
+
+  // Without an agent folder no copy of the agent is reported.
+  seen.clear();
+  rows.clear();
+  ParseInstalledSoftware(report.Items(), std::nullopt, seen, facts, rows);
+  EXPECT_EQ(facts.osIndex, 4u);
+
+  // An application without a name, or an item that is no dictionary, raises after the rows
+  // of the applications before it; the OS row index is left as it was.
+  for (const std::string& odd : {Dict(Key("version", "1")), std::string("<string>x</string>")}) {
+    const AppsReport damaged(App("Mail", "16.0", "/Applications/Mail.app") + odd);
+    CollectorFacts untouched;
+    seen.clear();
+    rows.clear();
+    EXPECT_THROW(ParseInstalledSoftware(damaged.Items(), std::nullopt, seen, untouched, rows),
+                 PlatformException);
+    EXPECT_EQ(rows.size(), 15u);
+    EXPECT_EQ(untouched.osIndex, 0u);
+  }
 }
 
+// The collector through the tool and the recorder.
 TEST_F(SystemCollectorTest, ApplicationsReportFailures) {
   // No report written: nothing recorded, the OS row index stays 0.
   ::testing::internal::CaptureStderr();
@@ -432,7 +502,7 @@ TEST_F(SystemCollectorTest, ApplicationsReportFailures) {
       ::testing::internal::GetCapturedStderr().find("Could n't fetch installed applications 32512\n"),
       std::string::npos);
   EXPECT_EQ(RowCount(), 0u);
-  EXPECT_EQ(CurrentScanRun().osIndex, 0u);
+  EXPECT_EQ(parser_.bufferDict.osIndex, 0u);
 
   // An application without a name ends the collector after the rows before it; the OS row
   // index is not set and the temporary folder is still removed.
@@ -441,14 +511,14 @@ TEST_F(SystemCollectorTest, ApplicationsReportFailures) {
                 App("Mail", "16.0", "/Applications/Mail.app") + Dict(Key("version", "1"))));
   parser_.FetchInstalledSoftwareInfo();
   EXPECT_EQ(RowCount(), 15u);
-  EXPECT_EQ(CurrentScanRun().osIndex, 0u);
+  EXPECT_EQ(parser_.bufferDict.osIndex, 0u);
   const auto& call = platform_.tools().calls().back();
   EXPECT_FALSE(std::filesystem::exists(std::filesystem::path(*call.outputPath).parent_path()));
 
   // A report that does not parse reads as no applications at all.
   Answer(kSystemProfiler, kApplications, "<plist><array><dict>");
   parser_.FetchInstalledSoftwareInfo();
-  EXPECT_EQ(CurrentScanRun().osIndex, 1u);
+  EXPECT_EQ(parser_.bufferDict.osIndex, 1u);
 }
 
 }  // namespace
