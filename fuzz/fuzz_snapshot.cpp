@@ -48,28 +48,31 @@ void ExpectWriterAgrees(const PlistPtr& scanData) {
   if (expected != written) std::abort();
 }
 
-// A difference scan against the snapshot: every previous instance is looked up by its own
-// key and matched away, what is left is reported as deleted.
-void RunDifferenceScan(const std::string& path) {
+// A difference scan against the snapshot: the first instance of some classes is recorded
+// again (so it is looked up by its own key and matched away), what is left is reported as
+// deleted.
+void RunDifferenceScan(const std::string& path, const PlistPtr& scanDict) {
   tarn::fuzzing::StartRecording();
   tarn::CurrentScanRun().scanType = tarn::kDiffScanType;
   tarn::CurrentScanRun().fullScanobj = tarn::FullScanHandler::InitWithScanDataFile(path);
-  if (auto& snapshot = tarn::CurrentScanRun().fullScanobj) {
-    snapshot->Print();
-    for (std::int32_t classId : {1, 4, 13, 18, 22}) {
-      const PlistPtr previous = snapshot->GetClassData(classId);
-      if (!previous || !previous->IsArray() || previous->Count() == 0) continue;
-      const PlistPtr first = previous->ObjectAtIndex(0);
-      if (!first->IsDictionary()) continue;
-      for (const auto& [key, value] : first->Entries()) {
-        if (key != "KEY" && value->IsString()) {
-          tarn::SaveScanData(std::atoi(key.c_str()), classId, 1, 0, value->String());
-        }
+  auto& snapshot = tarn::CurrentScanRun().fullScanobj;
+  if (!snapshot) return;
+  snapshot->Print();
+  const std::optional<tarn::ScanData> previous =
+      scanDict ? tarn::ScanData::FromPlist(*scanDict) : std::nullopt;
+  for (std::size_t c = 0; previous && c < previous->ClassCount(); ++c) {
+    if (previous->InstanceCount(c) == 0) continue;
+    const tarn::ScanData::Instance first = previous->InstanceAt(c, 0);
+    const std::int32_t classId = tarn::IdOf(previous->ClassKey(c));
+    for (std::size_t e = 0; e < first.size(); ++e) {
+      if (first[e].key != tarn::kInstanceKey) {
+        tarn::SaveScanData(tarn::IdOf(std::string(first[e].key)), classId, 1, 0,
+                           std::string(first[e].value));
       }
     }
-    tarn::SaveScanData(2808, 28, 1, 0, "end");
-    snapshot->WritetoDiffData();
   }
+  tarn::SaveScanData(2808, 28, 1, 0, "end");
+  snapshot->WritetoDiffData();
 }
 
 }  // namespace
@@ -79,10 +82,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string bytes(reinterpret_cast<const char*>(data), size);
   ExpectPlainReadingAgrees(bytes);
   const PlistPtr root = tarn::ParsePlist(bytes);
-  if (root && root->IsDictionary()) ExpectWriterAgrees(root->ValueForKey("INVDatadict"));
+  const PlistPtr scanDict =
+      root && root->IsDictionary() ? root->ValueForKey("INVDatadict") : nullptr;
+  ExpectWriterAgrees(scanDict);
   const tarn::fuzzing::TemporaryFile file(bytes);
-  RunDifferenceScan(file.path());
+  RunDifferenceScan(file.path(), scanDict);
   // Saving over the same file keeps its other top-level entries.
-  tarn::FullScanHandler::SaveCurrentScanData(tarn::CurrentScanRun().invScanData, file.path());
+  tarn::FullScanHandler::SaveCurrentScanData(tarn::CurrentScanRun().invScanData, file.path(),
+                                             tarn::CurrentScanRun().fullScanobj.get());
   return 0;
 }

@@ -14,8 +14,8 @@
 #include "tarninventory/src/fileattributes.h"
 #include "tarninventory/src/scanrun.h"
 #include "tarninventory/src/scansettings.h"
-#include "tarninventory/src/tarninventory.h"
-#include "tarninventory/src/tarninventoryutil.h"
+#include "tarninventory/src/diffdocument.h"
+#include "tarninventory/src/uploadrows.h"
 #include "tarnutils/src/HttpHandler_mac.h"
 #include "tarnutils/src/JsonEncoder.h"
 #include "tarnutils/src/TarnDiagnostics.h"
@@ -111,11 +111,61 @@ std::string DiffScanBody(const std::string& auditId, const std::string& currentT
   return std::move(*json);
 }
 
-// After an accepted upload: the new snapshot, the scan times and the latch.
+}  // namespace
+
+std::uint32_t AuditNumber(const std::optional<std::string>& auditId) {
+  if (!auditId) return 12345;
+  // atol: leading blanks, an optional sign, then digits up to the first other character.
+  const std::string& text = *auditId;
+  std::size_t at = 0;
+  while (at < text.size() && std::isspace(static_cast<unsigned char>(text[at]))) ++at;
+  bool negative = false;
+  if (at < text.size() && (text[at] == '+' || text[at] == '-')) negative = text[at++] == '-';
+  std::uint64_t value = 0;
+  for (; at < text.size() && std::isdigit(static_cast<unsigned char>(text[at])); ++at) {
+    value = value * 10 + static_cast<std::uint64_t>(text[at] - '0');  // wraps like the C type
+  }
+  return static_cast<std::uint32_t>(negative ? 0 - value : value);
+}
+
+bool EnsureResourceId(const std::string& accessLogPath) {
+  if (HaveResourceId()) return true;
+  StderrWhere(kSendSignature, 173,
+              "ResourceID is not present, hence inventory data will be posted in next refresh "
+              "cycle\n");
+  PrintAccessLogFailure(accessLogPath, kResIDNotfound);
+  return false;
+}
+
+PreparedUpload PrepareUpload(const std::string& auditId, const std::string& accessLogPath) {
+  PreparedUpload upload{AddressStart(auditId), "", GetLocalTimeInLongStr()};
+  const OptText previousTime = StoredText(kInvDiffScanTime);
+  if (!IsDiffScan()) {
+    upload.address += "&scanType=1&jsonFormat=0&currScanTime=" + upload.currentTime;
+    PrintAccessLogColumn(accessLogPath, kFullData);
+    upload.body = FullScanBody(auditId, upload.currentTime, previousTime);
+  } else {
+    const std::string previous = PreviousTimeOrZero(previousTime);
+    upload.address += "&scanType=0&prevScanTime=" + previous +
+                      "&jsonFormat=1&currScanTime=" + upload.currentTime;
+    PrintAccessLogColumn(accessLogPath, kDiffData);
+    upload.body = DiffScanBody(auditId, upload.currentTime, previous);
+  }
+  return upload;
+}
+
+DWORD SendUpload(PreparedUpload upload, const std::string& accessLogPath) {
+  UserLogMessage("SendInventoryData:urltosend: %s\n", upload.address.c_str());
+  HttpHandlermac client = HttpHandlermac::initWithTarnServerInfo();
+  const DWORD result = client.TarnSendData(upload.address, std::move(upload.body));
+  PrintAccessLogColumn(accessLogPath, result == 0 ? kSuccess : kFailure);
+  return result;
+}
+
 void RecordAcceptedScan(const std::string& currentTime) {
   ScanRun& run = CurrentScanRun();
   const std::string snapshot = SnapshotPath();
-  FullScanHandler::SaveCurrentScanData(run.invScanData, snapshot);
+  FullScanHandler::SaveCurrentScanData(run.invScanData, snapshot, run.fullScanobj.get());
   StoreText(kInvScanTime, currentTime);
   if (IsDiffScan()) {
     StoreText(kInvDiffScanTime, currentTime);
@@ -143,60 +193,5 @@ void RecordAcceptedScan(const std::string& currentTime) {
   StateStore().WriteToProplist();
 }
 
-}  // namespace
-
-std::uint32_t AuditNumber(const std::optional<std::string>& auditId) {
-  if (!auditId) return 12345;
-  // atol: leading blanks, an optional sign, then digits up to the first other character.
-  const std::string& text = *auditId;
-  std::size_t at = 0;
-  while (at < text.size() && std::isspace(static_cast<unsigned char>(text[at]))) ++at;
-  bool negative = false;
-  if (at < text.size() && (text[at] == '+' || text[at] == '-')) negative = text[at++] == '-';
-  std::uint64_t value = 0;
-  for (; at < text.size() && std::isdigit(static_cast<unsigned char>(text[at])); ++at) {
-    value = value * 10 + static_cast<std::uint64_t>(text[at] - '0');  // wraps like the C type
-  }
-  return static_cast<std::uint32_t>(negative ? 0 - value : value);
-}
-
-DWORD SendInventoryData(const std::string& auditId, const std::string& accessLogPath) {
-  if (!HaveResourceId()) {
-    StderrWhere(kSendSignature, 173,
-                "ResourceID is not present, hence inventory data will be posted in next refresh "
-                "cycle\n");
-    PrintAccessLogFailure(accessLogPath, kResIDNotfound);
-    return 1;
-  }
-  std::string address = AddressStart(auditId);
-  CollectInventoryData(auditId);
-
-  const std::string currentTime = GetLocalTimeInLongStr();
-  const OptText previousTime = StoredText(kInvDiffScanTime);
-  std::string body;
-  if (!IsDiffScan()) {
-    address += "&scanType=1&jsonFormat=0&currScanTime=" + currentTime;
-    PrintAccessLogColumn(accessLogPath, kFullData);
-    body = FullScanBody(auditId, currentTime, previousTime);
-  } else {
-    const std::string previous = PreviousTimeOrZero(previousTime);
-    address += "&scanType=0&prevScanTime=" + previous + "&jsonFormat=1&currScanTime=" + currentTime;
-    PrintAccessLogColumn(accessLogPath, kDiffData);
-    body = DiffScanBody(auditId, currentTime, previous);
-  }
-
-  UserLogMessage("SendInventoryData:urltosend: %s\n", address.c_str());
-  HttpHandlermac client = HttpHandlermac::initWithTarnServerInfo();
-  const DWORD result = client.TarnSendData(address, std::move(body));
-  if (result != 0) {
-    // The state store and the snapshot stay as they were: the next difference scan compares
-    // against the same snapshot and sends these changes again.
-    PrintAccessLogColumn(accessLogPath, kFailure);
-    return result;
-  }
-  PrintAccessLogColumn(accessLogPath, kSuccess);
-  RecordAcceptedScan(currentTime);
-  return 0;
-}
 
 }  // namespace tarn

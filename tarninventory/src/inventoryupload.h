@@ -10,15 +10,35 @@
 
 namespace tarn {
 
-// Makes sure the computer has a resource id, runs the collectors and sends
-// the result. 0 when the server accepted the upload; 1 when no resource id
-// could be had or nothing was accepted. Writes the MODE and STATUS columns of
-// the access log (or "ResIDNotfound").
-// After an accepted upload it saves the snapshot "invFullData" and stores the scan times,
-// the snapshot's modification time ("0" when it did not move) and clears the one-time
-// full-scan latch; after a failed one nothing of the state store or snapshot changes. The
-// result is the HTTP client's when the upload was tried.
-DWORD SendInventoryData(const std::string& auditId, const std::string& accessLogPath);
+// The upload of a run, in the steps the driver calls in turn: EnsureResourceId before the
+// collectors, then PrepareUpload, SendUpload and, after an accepted upload,
+// RecordAcceptedScan.
+
+// True when the computer has a resource id (asking the server when the settings have none);
+// false after a console line and "ResIDNotfound" in the access log: nothing is collected or
+// sent then.
+bool EnsureResourceId(const std::string& accessLogPath);
+
+// What is sent: the address's path and query, the body, and the scan time it carries.
+struct PreparedUpload {
+  std::string address;
+  std::string body;
+  std::string currentTime;
+};
+
+// Builds the address and the body of what the collectors recorded (the XML document of the
+// tables for a full scan, the JSON difference document for a difference scan) and writes the
+// access log's MODE column.
+PreparedUpload PrepareUpload(const std::string& auditId, const std::string& accessLogPath);
+
+// Posts the upload and writes the STATUS column. 0 when the server accepted it, otherwise
+// the HTTP client's result.
+DWORD SendUpload(PreparedUpload upload, const std::string& accessLogPath);
+
+// After an accepted upload: saves the snapshot "invFullData", stores the scan times and the
+// snapshot's modification time ("0" when it did not move) and clears the one-time full-scan
+// latch. Nothing calls it after a failed upload, so the state store and the snapshot stay.
+void RecordAcceptedScan(const std::string& currentTime);
 
 // The audit number of the full document: the audit id read as the C library's atol reads
 // it (leading blanks and a sign, digits up to the first other character, no digits 0), kept

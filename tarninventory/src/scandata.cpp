@@ -1,10 +1,19 @@
 #include "tarninventory/src/scandata.h"
 
+#include <algorithm>
 #include <charconv>
+#include <cstdlib>
 #include <limits>
 #include <stdexcept>
 
 namespace tarn {
+
+std::string ClassKey(std::int32_t classId) { return std::to_string(classId); }
+
+std::int32_t IdOf(const std::string& text) {
+  const long value = std::strtol(text.c_str(), nullptr, 10);
+  return static_cast<std::int32_t>(std::clamp<long>(value, INT32_MIN, INT32_MAX));
+}
 
 TextBuffer::Ref TextBuffer::Add(std::string_view text) {
   constexpr std::size_t kLimit = std::numeric_limits<std::uint32_t>::max();

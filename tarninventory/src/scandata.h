@@ -17,6 +17,19 @@
 
 namespace tarn {
 
+// The entry of a filed instance that holds its difference key.
+inline constexpr std::string_view kInstanceKey = "KEY";
+
+// The installed-software class, whose difference entries are grouped.
+inline constexpr std::int32_t kSoftwareClassId = 18;
+
+// A class id as the scan data names it: decimal text.
+std::string ClassKey(std::int32_t classId);
+
+// An id text (class or property) read as an integer: leading digits after an optional sign,
+// 0 without any, clamped to the 32-bit range.
+std::int32_t IdOf(const std::string& text);
+
 // One dictionary entry of an instance: key text and value text.
 struct InstanceEntry {
   std::string_view key;

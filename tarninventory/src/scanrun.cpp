@@ -1,6 +1,7 @@
 #include "tarninventory/src/scanrun.h"
 
 #include "tarninventory/src/FullScanHandler.h"
+#include "tarnutils/src/TarnGlobalvars.h"
 #include "tarnutils/src/proplisthandler.h"
 
 namespace tarn {
@@ -31,5 +32,10 @@ void ReleaseScanRun() {
 }
 
 bool IsDiffScan() { return CurrentScanRun().scanType == kDiffScanType; }
+
+const TarnGlobvars& RunSettings() {
+  static const TarnGlobvars none;
+  return HasGlobvars() ? gv_globvars() : none;
+}
 
 }  // namespace tarn

@@ -19,6 +19,7 @@ namespace tarn {
 
 class FullScanHandler;
 class Proplisthandler;
+class TarnGlobvars;
 
 // Run types. Every value other than kDiffScanType is treated as a full scan.
 inline constexpr std::int32_t kFullScanType = 5;
@@ -63,5 +64,8 @@ void ReleaseScanRun();
 
 // True when the run is a difference scan.
 bool IsDiffScan();
+
+// The agent settings of the run; before the driver made them, every setting reads as absent.
+const TarnGlobvars& RunSettings();
 
 }  // namespace tarn

@@ -249,8 +249,7 @@ std::int32_t DecideRunType(std::int32_t requested) {
                  snapshotPath.c_str());
   ScanRun& run = CurrentScanRun();
   run.fullScanobj = FullScanHandler::InitWithScanDataFile(snapshotPath);
-  // A file without a snapshot gives no handler (and sets the run's type to full): the result
-  // says full too, so the caller's assignment of it cannot bring the run back to difference.
+  // A file without a usable snapshot gives no handler: the run is full.
   std::int32_t decided = run.fullScanobj ? kDiffScanType : kFullScanType;
   if (checkOSCompatibility(kFullScanOnlyFromOS)) {
     UserLogMessage("In macOS Sierra 10.12 json encoder crashes , so proceeding to full scan \n");

@@ -42,9 +42,8 @@ std::int32_t ReadSettingsXml(std::int32_t requested);
 
 // The driver's decision: ReadSettingsXml, then the previous snapshot's state
 // and the operating-system rule. Loads the snapshot into the run's
-// fullScanobj when the snapshot can be trusted. When that file holds no
-// snapshot (no handler), the result is 5, matching the run type the loader
-// set, so the caller's scanType = DecideRunType(scanType) stays full.
+// fullScanobj when the snapshot can be trusted; a file that holds no usable
+// snapshot (no handler) makes the result 5.
 std::int32_t DecideRunType(std::int32_t requested);
 
 }  // namespace tarn

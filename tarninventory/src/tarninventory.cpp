@@ -317,7 +317,12 @@ int RunInventoryScan(int argc, const char* const* argv) {
   invClassObj().CreateInvTable();
 
   const std::string auditId = argc >= 4 ? argv[3] : kDefaultAuditId;
-  SendInventoryData(auditId, accessLogPath);
+  if (EnsureResourceId(accessLogPath)) {
+    CollectInventoryData(auditId);
+    PreparedUpload upload = PrepareUpload(auditId, accessLogPath);
+    const std::string currentTime = upload.currentTime;
+    if (SendUpload(std::move(upload), accessLogPath) == 0) RecordAcceptedScan(currentTime);
+  }
   FinishInventoryScan(accessLogPath);
   return 0;
 }
