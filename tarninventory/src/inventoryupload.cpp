@@ -2,9 +2,12 @@
 
 #include <cctype>
 #include <cstdint>
+#include <cstdio>
+#include <ctime>
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "framework/imds/dotoxml.h"
 #include "framework/logging/logger.h"
@@ -12,6 +15,7 @@
 #include "tarninventory/src/FullScanHandler.h"
 #include "tarninventory/src/accesslog.h"
 #include "tarninventory/src/fileattributes.h"
+#include "tarninventory/src/localinventory.h"
 #include "tarninventory/src/scanrun.h"
 #include "tarninventory/src/scansettings.h"
 #include "tarninventory/src/tarninventory.h"
@@ -143,6 +147,35 @@ void RecordAcceptedScan(const std::string& currentTime) {
   StateStore().WriteToProplist();
 }
 
+// --local: the documents of this run into its folder instead of to the server, each path on
+// standard output. A difference scan writes the difference and, beside it, the whole
+// inventory as a full upload would carry it. 0 when every document was written.
+DWORD SaveLocalDocuments(const std::string& body, const std::string& auditId,
+                         const std::string& currentTime, const OptText& previousTime) {
+  const std::string& folder = *CurrentScanRun().localFolder;
+  const std::string computer = gv_globvars().localComputerName().value_or("");
+  const std::time_t now = std::time(nullptr);
+  std::vector<std::pair<std::string, std::string>> documents;
+  if (IsDiffScan()) {
+    documents.emplace_back("full.xml", FullScanBody(auditId, currentTime, previousTime));
+    documents.emplace_back("diff.json", body);
+  } else {
+    documents.emplace_back("full.xml", body);
+  }
+  for (const auto& [suffix, text] : documents) {
+    const auto path = WriteLocalDocument(folder, LocalDocumentName(computer, now, suffix), text);
+    if (!path) {
+      ErrorLogMessage("SendInventoryData : could not write %s into %s\n", suffix.c_str(),
+                      folder.c_str());
+      return 1;
+    }
+    UserLogMessage("SendInventoryData : written to %s\n", path->c_str());
+    std::printf("%s\n", path->c_str());
+  }
+  std::fflush(stdout);
+  return 0;
+}
+
 }  // namespace
 
 std::uint32_t AuditNumber(const std::optional<std::string>& auditId) {
@@ -161,7 +194,8 @@ std::uint32_t AuditNumber(const std::optional<std::string>& auditId) {
 }
 
 DWORD SendInventoryData(const std::string& auditId, const std::string& accessLogPath) {
-  if (!HaveResourceId()) {
+  const bool local = CurrentScanRun().localFolder.has_value();
+  if (!local && !HaveResourceId()) {
     StderrWhere(kSendSignature, 173,
                 "ResourceID is not present, hence inventory data will be posted in next refresh "
                 "cycle\n");
@@ -186,6 +220,11 @@ DWORD SendInventoryData(const std::string& auditId, const std::string& accessLog
   }
 
   UserLogMessage("SendInventoryData:urltosend: %s\n", address.c_str());
+  if (local) {
+    const DWORD saved = SaveLocalDocuments(body, auditId, currentTime, previousTime);
+    PrintAccessLogColumn(accessLogPath, saved == 0 ? kSuccess : kFailure);
+    return saved;
+  }
   HttpHandlermac client = HttpHandlermac::initWithTarnServerInfo();
   const DWORD result = client.TarnSendData(address, std::move(body));
   if (result != 0) {

@@ -18,6 +18,9 @@ namespace tarn {
 // the snapshot's modification time ("0" when it did not move) and clears the one-time
 // full-scan latch; after a failed one nothing of the state store or snapshot changes. The
 // result is the HTTP client's when the upload was tried.
+// With the run's localFolder set (--local) no resource id is needed and nothing is sent: the
+// documents are written into that folder (their paths printed on standard output), the
+// status column says whether they were, and the state store and snapshot are not touched.
 DWORD SendInventoryData(const std::string& auditId, const std::string& accessLogPath);
 
 // The audit number of the full document: the audit id read as the C library's atol reads
