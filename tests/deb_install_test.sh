@@ -24,7 +24,7 @@ mirror=${TARN_DEBIAN_MIRROR:-http://deb.debian.org/debian}
 
 if [ -z "${TARN_IN_NAMESPACE:-}" ]; then
   if [ "$(id -u)" -ne 0 ]; then
-    echo "skipped: needs root (debootstrap, dpkg --root, chroot)"
+    echo "skipped: needs root (debootstrap, dpkg and chroot in a Debian root)"
     exit 77
   fi
   if ! command -v debootstrap >/dev/null; then
@@ -110,7 +110,7 @@ unit=$root/lib/systemd/system/tarn-refserver.service
 [ -f "$unit" ] || fail "no /lib/systemd/system/tarn-refserver.service"
 user=$(sed -n 's/^User=//p' "$unit")
 chroot "$root" getent passwd "$user" >/dev/null || fail "postinst made no user $user"
-owner=$(stat -c %U "$root/var/lib/tarn-refserver")
+owner=$(chroot "$root" stat -c %U /var/lib/tarn-refserver)
 [ "$owner" = "$user" ] || fail "/var/lib/tarn-refserver belongs to $owner, not $user"
 
 echo "== starting the server as its unit does"
@@ -156,7 +156,7 @@ echo "== the server's JSON (/api/computers)"
 json=$(curl -sS --max-time 10 "$address/api/computers")
 echo "   $json"
 case "$json" in
-  *'"Studio-iMac"'*'"FullData"'* | *'"FullData"'*'"Studio-iMac"'*) ;;
+  *'"name":"studio-imac"'*'"uploadCount":1,'*'"lastKind":"full"'*) ;;
   *) fail "the computer and its full upload are not in /api/computers" ;;
 esac
 [ -s "$root/var/lib/tarn-refserver/inventory.sqlite" ] || fail "no database in /var/lib/tarn-refserver"
