@@ -130,7 +130,9 @@ PLIST
 # Runs one scan and checks that the server accepted it as the expected kind.
 scan() {
   local word=$1 kind=$2 status=0 line
-  (cd "$work/bin" && ./tarninventory "$word" >/dev/null 2>&1) || status=$?
+  # The scanner's last line on standard error says what happened.
+  (cd "$work/bin" && ./tarninventory "$word" >/dev/null 2>"$work/scanner-stderr.txt") || status=$?
+  echo "   $(tail -n 1 "$work/scanner-stderr.txt")"
   line=$(tail -n 1 "$work/logs/tarndevicescanaccess.log" 2>/dev/null || true)
   echo "   scanner exit code $status; access-log line:"
   echo "   $line"
