@@ -29,7 +29,7 @@ seeds() {
   esac
 }
 
-build=build-fuzz
+build="build-fuzz"
 jobs=$(nproc 2>/dev/null || echo 2)
 cmake -S . -B "$build" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARN_FUZZ=ON -DTARN_TESTS=OFF >/dev/null

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The scanner and the reference management server, end to end on this computer:
-#  1. installs the Debian packages (scripts/deps.sh) and builds the scanner and the
-#     server (Release, in build-demo/);
+#  1. installs the Debian packages the demo needs (scripts/deps.sh --demo) and builds the
+#     scanner and the server (Release, in build-demo/), showing the build's progress;
 #  2. lays out an agent folder (build-demo/agent) from data/ and starts the reference
 #     server on a free loopback port with a new database;
 #  3. runs a full scan ("assetscan") of the recorded iMac testdata/machines/imac-fusion;
@@ -31,7 +31,7 @@ done
 
 machine=imac-fusion
 changed=imac-fusion-changed
-build=build-demo
+build="build-demo"
 work=$root/$build/agent
 server_pid=
 
@@ -44,14 +44,16 @@ stop_server() {
 }
 trap 'stop_server' EXIT
 
-echo "== Installing dependencies (scripts/deps.sh)"
-bash scripts/deps.sh
+echo "== Installing what the demo needs (scripts/deps.sh --demo)"
+bash scripts/deps.sh --demo
 
 echo "== Building the scanner and the reference server (Release, $build/; output in $build/build.log)"
 mkdir -p "$build"
+# The build's progress lines are shown as they come; everything is in build.log.
 if ! { cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DTARN_TESTS=OFF &&
        cmake --build "$build" -j "$(nproc 2>/dev/null || echo 2)" \
-         --target tarninventory tarn-refserver; } >"$build/build.log" 2>&1; then
+         --target tarninventory tarn-refserver; } 2>&1 | tee "$build/build.log" |
+     awk '/^\[ *[0-9]+%\]/ { print "   " $0; fflush() }'; then
   tail -n 40 "$build/build.log" >&2
   echo "the build failed (whole output in $build/build.log)" >&2
   exit 1
@@ -128,7 +130,9 @@ PLIST
 # Runs one scan and checks that the server accepted it as the expected kind.
 scan() {
   local word=$1 kind=$2 status=0 line
-  (cd "$work/bin" && ./tarninventory "$word" >/dev/null 2>&1) || status=$?
+  # The scanner's last line on standard error says what happened.
+  (cd "$work/bin" && ./tarninventory "$word" >/dev/null 2>"$work/scanner-stderr.txt") || status=$?
+  echo "   $(tail -n 1 "$work/scanner-stderr.txt")"
   line=$(tail -n 1 "$work/logs/tarndevicescanaccess.log" 2>/dev/null || true)
   echo "   scanner exit code $status; access-log line:"
   echo "   $line"

@@ -1,19 +1,32 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project builds and tests with.
+#   scripts/deps.sh          everything: building, the tests, the fuzz targets, packaging
+#   scripts/deps.sh --demo   only what the demo needs (building the scanner and the server)
 # As root, missing packages are installed (one `apt-get update`, then one install).
 # Otherwise the missing ones are listed and the script fails.
 set -euo pipefail
 
-packages=(
+demo_packages=(
   cmake g++ make pkg-config
-  libgtest-dev libgmock-dev
   libxml2-dev libplist-dev libcurl4-openssl-dev libcpp-httplib-dev libssl-dev
-  openssl
   libsqlite3-dev  # the reference server's database (tools/refserver)
+)
+test_packages=(
+  libgtest-dev libgmock-dev
+  openssl         # certificates made by the HTTPS tests
   chromium        # headless browser of the reference server's page test
   clang libclang-rt-14-dev  # the fuzz targets (fuzz/run.sh): clang with libFuzzer
-  shellcheck      # the shell-script test of tools/record-mac.sh
+  dpkg-dev        # dpkg-shlibdeps: the Debian packages' dependencies (cpack)
+  debootstrap curl iproute2  # the package test: a Debian 12 root, its server asked over loopback
+  shellcheck      # every shell script is checked
 )
+
+packages=("${demo_packages[@]}")
+case "${1:-}" in
+  --demo) ;;
+  "") packages+=("${test_packages[@]}") ;;
+  *) echo "usage: scripts/deps.sh [--demo]" >&2; exit 2 ;;
+esac
 
 missing=()
 for pkg in "${packages[@]}"; do

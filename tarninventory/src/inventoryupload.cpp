@@ -2,9 +2,12 @@
 
 #include <cctype>
 #include <cstdint>
+#include <cstdio>
+#include <ctime>
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "framework/imds/dotoxml.h"
 #include "framework/logging/logger.h"
@@ -12,6 +15,7 @@
 #include "tarninventory/src/FullScanHandler.h"
 #include "tarninventory/src/accesslog.h"
 #include "tarninventory/src/fileattributes.h"
+#include "tarninventory/src/localinventory.h"
 #include "tarninventory/src/scanrun.h"
 #include "tarninventory/src/scansettings.h"
 #include "tarninventory/src/diffdocument.h"
@@ -158,6 +162,36 @@ DWORD SendUpload(PreparedUpload upload, const std::string& accessLogPath) {
   UserLogMessage("SendInventoryData:urltosend: %s\n", upload.address.c_str());
   HttpHandlermac client = HttpHandlermac::initWithTarnServerInfo();
   const DWORD result = client.TarnSendData(upload.address, std::move(upload.body));
+  PrintAccessLogColumn(accessLogPath, result == 0 ? kSuccess : kFailure);
+  return result;
+}
+
+DWORD SaveLocalUpload(const PreparedUpload& upload, const std::string& auditId,
+                      const std::string& accessLogPath) {
+  const std::string& folder = *CurrentScanRun().localFolder;
+  const std::string computer = gv_globvars().localComputerName().value_or("");
+  const std::time_t now = std::time(nullptr);
+  std::vector<std::pair<std::string, std::string>> documents;
+  if (IsDiffScan()) {
+    documents.emplace_back("full.xml",
+                           FullScanBody(auditId, upload.currentTime, StoredText(kInvDiffScanTime)));
+    documents.emplace_back("diff.json", upload.body);
+  } else {
+    documents.emplace_back("full.xml", upload.body);
+  }
+  DWORD result = 0;
+  for (const auto& [suffix, text] : documents) {
+    const auto path = WriteLocalDocument(folder, LocalDocumentName(computer, now, suffix), text);
+    if (!path) {
+      ErrorLogMessage("SendInventoryData : could not write %s into %s\n", suffix.c_str(),
+                      folder.c_str());
+      result = 1;
+      break;
+    }
+    UserLogMessage("SendInventoryData : written to %s\n", path->c_str());
+    std::printf("%s\n", path->c_str());
+  }
+  std::fflush(stdout);
   PrintAccessLogColumn(accessLogPath, result == 0 ? kSuccess : kFailure);
   return result;
 }

@@ -35,6 +35,13 @@ PreparedUpload PrepareUpload(const std::string& auditId, const std::string& acce
 // the HTTP client's result.
 DWORD SendUpload(PreparedUpload upload, const std::string& accessLogPath);
 
+// A local run (--local): the documents of the upload are written into the run's local folder
+// instead of being sent, each path on standard output; a difference scan writes the
+// difference and, beside it, the whole inventory as a full upload would carry it. Writes the
+// STATUS column; 0 when every document was written.
+DWORD SaveLocalUpload(const PreparedUpload& upload, const std::string& auditId,
+                      const std::string& accessLogPath);
+
 // After an accepted upload: saves the snapshot "invFullData", stores the scan times and the
 // snapshot's modification time ("0" when it did not move) and clears the one-time full-scan
 // latch. Nothing calls it after a failed upload, so the state store and the snapshot stay.

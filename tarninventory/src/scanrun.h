@@ -11,6 +11,8 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "platform/plist/plist_value.h"
 #include "tarninventory/src/scandata.h"
@@ -44,6 +46,8 @@ struct ScanRun {
   std::unique_ptr<FullScanHandler> fullScanobj;
   // The scan state store "tarninventory_data.plist"; null until the driver opens it.
   std::unique_ptr<Proplisthandler> tarninventory_datalist;
+  // "--local DIR": the documents go into this folder instead of to the server.
+  std::optional<std::string> localFolder;
 
   // The recorder's gathering state: the instance being gathered, its class
   // (0 = none yet) and instance number (-1 = none), and the value-id counter

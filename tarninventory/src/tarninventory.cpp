@@ -1,8 +1,11 @@
 #include "tarninventory/src/tarninventory.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <strings.h>
@@ -19,8 +22,11 @@
 #include "platform/text/utf8.h"
 #include "tarninventory/src/InvClassHandler.h"
 #include "tarninventory/src/accesslog.h"
+#include "tarninventory/src/commandline.h"
 #include "tarninventory/src/invscanhandler.h"
 #include "tarninventory/src/inventoryupload.h"
+#include "tarninventory/src/localinventory.h"
+#include "tarninventory/src/runsummary.h"
 #include "tarninventory/src/scanrun.h"
 #include "tarninventory/src/scansettings.h"
 #include "tarnutils/src/TarnDiagnostics.h"
@@ -128,9 +134,16 @@ bool AgentFoldersArePrivate() {
   return true;
 }
 
-void OpenScanStateStore() {
-  CurrentScanRun().tarninventory_datalist =
-      Proplisthandler::InitwithFile(DataDictPath() + "/" + kScanStateStoreFileName);
+// Opens the scan state store. With a throwaway folder (a local run) the store is a copy made
+// there: the run reads what the real one holds, and what it writes goes with the folder.
+void OpenScanStateStore(const std::string& throwaway) {
+  std::string path = DataDictPath() + "/" + kScanStateStoreFileName;
+  if (!throwaway.empty()) {
+    const std::string copy = throwaway + "/" + kScanStateStoreFileName;
+    CopyRegularFile(path, copy);  // a missing store stays missing in the copy
+    path = copy;
+  }
+  CurrentScanRun().tarninventory_datalist = Proplisthandler::InitwithFile(path);
 }
 
 void FinishInventoryScan(const std::string& accessLogPath) {
@@ -139,6 +152,127 @@ void FinishInventoryScan(const std::string& accessLogPath) {
   StopLoggingEngine();
   PrintAccessLogEndTime(accessLogPath);
   DeinitTarnGlobalvars();
+}
+
+// The run's last line, on the standard error the run was started with.
+void TellOutcome(const UniqueFd& console, const RunOutcome& outcome,
+                 const std::optional<std::string>& scanLog) {
+  if (console.valid()) WriteAll(console.get(), SummaryLine(outcome, scanLog));
+}
+
+// What this run wrote into its access-log line: the file from where it stood before the run.
+std::optional<AccessLogRun> ThisRunsAccessLogLine(const std::string& path, std::size_t start) {
+  const std::string text = ReadWholeFile(path).value_or("");
+  return ReadAccessLogRun(start < text.size() ? std::string_view(text).substr(start) : "");
+}
+
+std::size_t SizeOf(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 ? static_cast<std::size_t>(status.st_size) : 0;
+}
+
+// The scan: the command line from its scan word on, and --local.
+int RunScan(const CommandLine& command) {
+  const int argc = static_cast<int>(command.arguments.size());
+  const char* const* argv = command.arguments.data();
+  // The logs, the state store and the snapshot hold the whole inventory:
+  // everything this run creates is for its owner only.
+  ::umask(077);
+  if (CheckIfCurrentProcessAlreadyRunning()) {
+    return 1;
+  }
+  const int argumentCode = ProcessInputArgs(argc, argv);
+  InitTarnGlobalvars();
+  GetAgentInstallPath();
+  // Standard error goes into the scan log once logging starts; the run's last line goes to
+  // the standard error it was started with.
+  const UniqueFd console(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
+  if (!AgentFoldersArePrivate()) {
+    StopInventoryScan(std::nullopt);
+    TellOutcome(console,
+                {"", "stopped", "the data or log folder is open to others; nothing was written"},
+                std::nullopt);
+    return 1;
+  }
+  // The second guard: its lock file is made only in a data folder that passed the checks.
+  if (!TakeInstanceLock(DataDictPath())) {
+    DeinitTarnGlobalvars();
+    return 1;
+  }
+  // A local run writes its access-log line and its state store into a private folder of its
+  // own that goes with it: the real ones stay as they are for the next run.
+  std::optional<ScratchDirectory> throwaway;
+  RunFacts facts;
+  if (command.localFolder) {
+    throwaway.emplace("");
+    if (!throwaway->valid()) {
+      StopInventoryScan(std::nullopt);
+      TellOutcome(console, {"", "stopped", "no temporary folder for a local run"}, std::nullopt);
+      return 1;
+    }
+    facts.localFolder =
+        std::filesystem::absolute(*command.localFolder).lexically_normal().string();
+  }
+  const int level = GetLogLevel();
+  RotateLog(kScanLogBaseName);
+  StartLoggingEngine(kScanLogFileName, level);
+  RemoveStaleScratchFolders(WorkingDirectory());  // where the collectors make theirs
+  InstallConfiguredPlatform();
+  if (command.localFolder) {
+    InstallPlatform(WithoutNetwork(InstallPlatform(nullptr)));
+  }
+  ReadTlsSettings();
+  const std::string scanLog = LogPath() + "/" + kScanLogFileName;
+  facts.dataFolder = DataDictPath();
+
+  const std::string accessLogPath = throwaway ? throwaway->FilePath(kAccessLogFileName)
+                                              : AccessLogPath(LogPath());
+  if (!throwaway) {
+    RotateLog(kAccessLogBaseName);
+  }
+  CreateDeviceScanAccessLog(accessLogPath);
+  const std::size_t accessLogStart = SizeOf(accessLogPath);
+
+  ResetScanRun();
+  OpenScanStateStore(throwaway ? throwaway->path() : std::string());
+  ScanRun& run = CurrentScanRun();
+  run.localFolder = facts.localFolder;
+  run.scanType = GetScanType(argumentCode, argc, argv, accessLogPath);
+  if (argumentCode == kArgInvalid || LoadDataDicts(accessLogPath) == 1 ||
+      CreateDoFromInvClasses(accessLogPath) != 0) {
+    facts.diffScan = IsDiffScan();
+    StopInventoryScan(accessLogPath);
+    TellOutcome(console, OutcomeOf(ThisRunsAccessLogLine(accessLogPath, accessLogStart), facts),
+                scanLog);
+    return 1;
+  }
+  run.scanType = DecideRunType(run.scanType);
+
+  InitializeAgentParams();
+  invClassObj().Initialize();
+  invClassObj().CreateInvTable();
+
+  const std::string auditId = argc >= 4 ? argv[3] : kDefaultAuditId;
+  // The driver goes on whatever the upload's result; the last line reports it. A local run
+  // needs no resource id, writes its documents instead of sending them and records nothing.
+  if (run.localFolder || EnsureResourceId(accessLogPath)) {
+    CollectInventoryData(auditId);
+    PreparedUpload upload = PrepareUpload(auditId, accessLogPath);
+    const std::string currentTime = upload.currentTime;
+    if (run.localFolder) {
+      facts.uploadResult = SaveLocalUpload(upload, auditId, accessLogPath);
+    } else {
+      facts.uploadResult = SendUpload(std::move(upload), accessLogPath);
+      if (facts.uploadResult == 0) RecordAcceptedScan(currentTime);
+    }
+  } else {
+    facts.uploadResult = 1;
+  }
+  facts.diffScan = IsDiffScan();
+  FinishInventoryScan(accessLogPath);
+  TellOutcome(console, OutcomeOf(ThisRunsAccessLogLine(accessLogPath, accessLogStart), facts),
+              scanLog);
+  return 0;
 }
 
 }  // namespace
@@ -274,57 +408,21 @@ int CollectInventoryData(const std::string& auditId) {
 }
 
 int RunInventoryScan(int argc, const char* const* argv) {
-  // The logs, the state store and the snapshot hold the whole inventory:
-  // everything this run creates is for its owner only.
-  ::umask(077);
-  if (CheckIfCurrentProcessAlreadyRunning()) {
-    return 1;
+  const CommandLine command = ReadCommandLine(argc, argv);
+  switch (command.action) {
+    case CommandLine::Action::kVersion:
+      std::fputs(VersionText().c_str(), stdout);
+      return 0;
+    case CommandLine::Action::kHelp:
+      std::fputs(UsageText().c_str(), stdout);
+      return 0;
+    case CommandLine::Action::kUsageError:
+      std::fputs((command.error + UsageText()).c_str(), stderr);
+      return 1;
+    case CommandLine::Action::kScan:
+      break;
   }
-  const int argumentCode = ProcessInputArgs(argc, argv);
-  InitTarnGlobalvars();
-  GetAgentInstallPath();
-  if (!AgentFoldersArePrivate()) {
-    return StopInventoryScan(std::nullopt);
-  }
-  // The second guard: its lock file is made only in a data folder that passed the checks.
-  if (!TakeInstanceLock(DataDictPath())) {
-    DeinitTarnGlobalvars();
-    return 1;
-  }
-  const int level = GetLogLevel();
-  RotateLog(kScanLogBaseName);
-  StartLoggingEngine(kScanLogFileName, level);
-  RemoveStaleScratchFolders(WorkingDirectory());  // where the collectors make theirs
-  InstallConfiguredPlatform();
-  ReadTlsSettings();
-
-  const std::string accessLogPath = AccessLogPath(LogPath());
-  RotateLog(kAccessLogBaseName);
-  CreateDeviceScanAccessLog(accessLogPath);
-
-  ResetScanRun();
-  OpenScanStateStore();
-  ScanRun& run = CurrentScanRun();
-  run.scanType = GetScanType(argumentCode, argc, argv, accessLogPath);
-  if (argumentCode == kArgInvalid || LoadDataDicts(accessLogPath) == 1 ||
-      CreateDoFromInvClasses(accessLogPath) != 0) {
-    return StopInventoryScan(accessLogPath);
-  }
-  run.scanType = DecideRunType(run.scanType);
-
-  InitializeAgentParams();
-  invClassObj().Initialize();
-  invClassObj().CreateInvTable();
-
-  const std::string auditId = argc >= 4 ? argv[3] : kDefaultAuditId;
-  if (EnsureResourceId(accessLogPath)) {
-    CollectInventoryData(auditId);
-    PreparedUpload upload = PrepareUpload(auditId, accessLogPath);
-    const std::string currentTime = upload.currentTime;
-    if (SendUpload(std::move(upload), accessLogPath) == 0) RecordAcceptedScan(currentTime);
-  }
-  FinishInventoryScan(accessLogPath);
-  return 0;
+  return RunScan(command);
 }
 
 }  // namespace tarn

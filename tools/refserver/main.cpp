@@ -19,6 +19,7 @@
 #include <thread>
 
 #include "tools/refserver/catalogue.h"
+#include "tools/refserver/catalogue_path.h"
 #include "tools/refserver/pages.h"
 #include "tools/refserver/server.h"
 #include "tools/refserver/store.h"
@@ -37,7 +38,8 @@ constexpr const char* kUsage =
     "  --port       port to listen on; 0 takes a free one\n"
     "  --bind       address to listen on (default 127.0.0.1)\n"
     "  --cert/--key PEM certificate and key: serve HTTPS\n"
-    "  --catalogue  the agent's class catalogue (default " TARN_REFSERVER_CATALOGUE ")\n"
+    "  --catalogue  the agent's class catalogue (default: ../share/tarninventory/ beside the\n"
+    "               program, else " TARN_REFSERVER_CATALOGUE ")\n"
     "  --report     print each computer's classes and changes, then end\n";
 
 struct Options {
@@ -46,7 +48,7 @@ struct Options {
   std::string bind = "127.0.0.1";
   std::string certificate;
   std::string key;
-  std::string catalogue = TARN_REFSERVER_CATALOGUE;
+  std::string catalogue = tarn::refserver::DefaultCataloguePath(TARN_REFSERVER_CATALOGUE);
   bool report = false;
 };
 
