@@ -21,8 +21,8 @@ class SharedTools : public ToolRunner {
                                  WaitPolicy wait) override {
     return inner_->Tools().Run(launchPath, arguments, wait);
   }
-  bool RunToFile(const std::string& launchPath, const std::vector<std::string>& arguments,
-                 const std::string& outputPath) override {
+  int RunToFile(const std::string& launchPath, const std::vector<std::string>& arguments,
+                const std::string& outputPath) override {
     return inner_->Tools().RunToFile(launchPath, arguments, outputPath);
   }
 
