@@ -79,10 +79,11 @@ bool EndedWith(const AgentFolder& agent, const std::string& mode, const std::str
 // at once); the scanner's process id, or nothing when no upload came within a minute.
 std::optional<pid_t> StartUntilUploaded(const AgentFolder& agent, const InventoryServer& server,
                                         const std::string& scanType) {
-  const std::size_t before = server.Uploads().size();
+  const std::size_t before = server.UploadCount();
   const pid_t child = agent.Start({scanType});
   const auto deadline = Clock::now() + std::chrono::minutes(1);
-  while (server.Uploads().size() == before) {
+  // Counted, not copied: copying every upload body so far would take longer than the save.
+  while (server.UploadCount() == before) {
     if (Clock::now() > deadline) {
       agent.Wait(child, std::chrono::seconds(0));
       return std::nullopt;

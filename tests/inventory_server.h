@@ -89,6 +89,13 @@ class InventoryServer {
     std::lock_guard lock(mutex_);
     return requests_;
   }
+  // How many uploads came, without copying them: cheap enough to poll for the next one.
+  std::size_t UploadCount() const {
+    std::lock_guard lock(mutex_);
+    std::size_t count = 0;
+    for (const auto& request : requests_) count += request.method == "POST" ? 1 : 0;
+    return count;
+  }
   std::vector<ReceivedRequest> Uploads() const {
     std::vector<ReceivedRequest> uploads;
     for (auto& request : Requests()) {
