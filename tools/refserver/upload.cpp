@@ -17,6 +17,19 @@ bool AllDigits(std::string_view text) {
          std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
+// A value of a difference as a full inventory carries it. The scanner cleans every value
+// it writes into the full document (markup characters escaped, the text ended at its
+// first control character), but sends a difference's values raw: "14.4.1" with the line
+// end of the tool's output. The escaping is undone by reading the XML; the cut is made
+// here, so that both kinds of upload store one value.
+std::string AsFullInventoryValue(const std::string& raw) {
+  const auto control = std::find_if(raw.begin(), raw.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte < 0x20 || byte == 0x7F;
+  });
+  return std::string(raw.begin(), control);
+}
+
 // ---- query ---------------------------------------------------------------------------------
 
 class QueryReader {
@@ -226,7 +239,7 @@ class DifferenceReader {
           BadRequest("difference: " + at + "." + property.key + " is " +
                      property.value.KindName() + ", expected a string");
         }
-        entry.instance[static_cast<int>(*id)] = property.value.AsString();
+        entry.instance[static_cast<int>(*id)] = AsFullInventoryValue(property.value.AsString());
       }
       // The scanner blanks the OS marker before sending; the stored row keeps it.
       if (osGroup) entry.instance[kSoftwareGroupProperty] = kOsGroup;
