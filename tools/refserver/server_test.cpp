@@ -114,13 +114,13 @@ TEST(RefServer, AFullUploadIsStoredWithExactCountsPerClass) {
   EXPECT_EQ(single->status, 200) << single->body;
 
   const JsonValue list = GetJson(*client, "/api/computers");
-  ASSERT_EQ(list.AsArray().size(), 2u);
-  const long long id = NumberAt(list.AsArray()[0], "id");
-  EXPECT_EQ(NumberAt(list.AsArray()[0], "instanceCount"), 6);
+  ASSERT_EQ(list.size(), 2u);
+  const long long id = NumberAt(list[0], "id");
+  EXPECT_EQ(NumberAt(list[0], "instanceCount"), 6);
   const JsonValue computer = GetJson(*client, "/computers/" + std::to_string(id) + ".json");
-  EXPECT_EQ(computer.Find("name")->AsString(), "mac");
+  EXPECT_EQ(StringAt(computer, "name"), "mac");
   std::map<long long, long long> counts;
-  for (const JsonValue& entry : computer.Find("classes")->AsArray()) {
+  for (const JsonValue& entry : computer.at("classes")) {
     counts[NumberAt(entry, "id")] = NumberAt(entry, "instanceCount");
   }
   EXPECT_EQ(counts, (std::map<long long, long long>{{1, 1}, {4, 1}, {18, 3}, {20, 1}}));
@@ -170,12 +170,12 @@ TEST(RefServer, DifferenceUploadsAreAppliedAndKeptInTheHistory) {
   EXPECT_EQ(inventory.at(20), (InstanceSet{{{"2002", "iMac, renamed"}}}));
   EXPECT_EQ(inventory.at(1).begin()->at("102"), "10.11.6");  // untouched class
 
-  const JsonValue::Array& uploads = computer.Find("uploads")->AsArray();
+  const JsonValue& uploads = computer.at("uploads");
   ASSERT_EQ(uploads.size(), 2u);
-  EXPECT_EQ(uploads[0].Find("kind")->AsString(), "difference");  // newest first
-  EXPECT_EQ(uploads[1].Find("kind")->AsString(), "full");
+  EXPECT_EQ(StringAt(uploads[0], "kind"), "difference");  // newest first
+  EXPECT_EQ(StringAt(uploads[1], "kind"), "full");
   std::map<long long, std::vector<long long>> counts;
-  for (const JsonValue& entry : uploads[0].Find("classes")->AsArray()) {
+  for (const JsonValue& entry : uploads[0].at("classes")) {
     counts[NumberAt(entry, "id")] = {NumberAt(entry, "added"), NumberAt(entry, "deleted"),
                                      NumberAt(entry, "modified"), NumberAt(entry, "instances")};
   }
@@ -291,8 +291,8 @@ TEST(RefServer, ComputersUploadingAtOnceAreAllStoredWithoutMixing) {
     SCOPED_TRACE(c);
     const std::string name = "mac" + std::to_string(c);
     const JsonValue computer = GetJson(*client, "/computers/" + std::to_string(ids[c]) + ".json");
-    EXPECT_EQ(computer.Find("name")->AsString(), name);
-    EXPECT_EQ(computer.Find("uploads")->AsArray().size(), std::size_t{1 + kDifferences});
+    EXPECT_EQ(StringAt(computer, "name"), name);
+    EXPECT_EQ(computer.at("uploads").size(), std::size_t{1 + kDifferences});
     const InventorySets inventory = InventoryOf(computer);
     EXPECT_EQ(inventory.at(20).begin()->at("2003"), name);
     ASSERT_EQ(inventory.at(18).size(), std::size_t{3 + kDifferences});
@@ -387,7 +387,7 @@ TEST(RefServer, ADifferenceSentAgainIsAcceptedButNotAppliedTwice) {
   JsonValue computer = GetJson(*client, "/computers/1.json");
   EXPECT_EQ(InventoryOf(computer).at(25),
             (InstanceSet{{{"2501", "Office Laser"}, {"2502", "PCL 6"}}}));
-  EXPECT_EQ(computer.Find("uploads")->AsArray().size(), 2u);
+  EXPECT_EQ(computer.at("uploads").size(), 2u);
 
   // Another difference from the same scan (the machine changed meanwhile) is applied,
   // and its addition of the held printer replaces it.
@@ -402,7 +402,7 @@ TEST(RefServer, ADifferenceSentAgainIsAcceptedButNotAppliedTwice) {
   EXPECT_EQ(InventoryOf(computer).at(25),
             (InstanceSet{{{"2501", "Office Laser"}, {"2502", "PCL 6e"}}}));
   EXPECT_EQ(InventoryOf(computer).count(4), 0u);
-  EXPECT_EQ(computer.Find("uploads")->AsArray().size(), 3u);
+  EXPECT_EQ(computer.at("uploads").size(), 3u);
 
   // After a new full inventory, the old difference is one to apply again.
   ASSERT_EQ(client->Post(UploadPath("mac", true).c_str(), FullDocument(SmallMachine()), kXml)->status,
