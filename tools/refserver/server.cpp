@@ -157,8 +157,7 @@ void RefServer::Routes() {
   // Other requests have their body read whole before any handler runs: one that is
   // chunked or compressed, whose decoded size is unknown until read, is refused unread.
   server_->set_pre_routing_handler([](const Request& rq, Response& rs) {
-    const bool unbounded = rq.has_header("Content-Encoding") ||
-                           rq.get_header_value("Transfer-Encoding") != "";
+    const bool unbounded = rq.has_header("Content-Encoding") || rq.has_header("Transfer-Encoding");
     if (!unbounded || (rq.method == "POST" && IsUploadPath(rq.path))) {
       return httplib::Server::HandlerResponse::Unhandled;
     }
