@@ -10,10 +10,12 @@ demo_packages=(
   cmake g++ make pkg-config
   libxml2-dev libplist-dev libcurl4-openssl-dev libcpp-httplib-dev libssl-dev
   libsqlite3-dev  # the reference server's database (tools/refserver)
+  nlohmann-json3-dev libcli11-dev  # the reference server's JSON reader and command line
 )
 test_packages=(
   libgtest-dev libgmock-dev
   openssl         # certificates made by the HTTPS tests
+  zlib1g-dev      # the reference server's test of compressed uploads
   chromium        # headless browser of the reference server's page test
   clang libclang-rt-14-dev  # the fuzz targets (fuzz/run.sh): clang with libFuzzer
   dpkg-dev        # dpkg-shlibdeps: the Debian packages' dependencies (cpack)

@@ -34,7 +34,18 @@ class ClassApplier {
     ++counts_.modified;
   }
 
+  // An instance whose key is already held (not yet touched by this upload) is replaced
+  // rather than added again: a difference re-sent after its answer was lost adds what
+  // the first sending added. Without a key only an equal instance counts as held.
   void Add(const Instance& now) {
+    const auto held = FindUntouched(now, true);
+    if (held != instances_.end() &&
+        (!catalogue_.InstanceKey(classId_, now).empty() || held->second == now)) {
+      held->second = now;
+      touched_.insert(held->first);
+      ++counts_.added;
+      return;
+    }
     const int number = instances_.empty() ? 1 : instances_.rbegin()->first + 1;
     instances_.emplace(number, now);
     touched_.insert(number);

@@ -4,7 +4,9 @@
 // matches its own snapshot with. Per class, deletions go first (among instances of
 // the same key, the one whose values equal the deleted instance's is preferred), then
 // modifications (each replaces one instance of its key not yet touched by this
-// upload), then additions (new instance numbers after the highest in use). An empty
+// upload), then additions (new instance numbers after the highest in use; an addition
+// whose key is already held replaces that instance, so applying one difference twice
+// leaves what applying it once left). An empty
 // instance carries nothing a full inventory could hold and is skipped.
 //
 // A deleted instance that is not in the inventory is counted as unmatched; a

@@ -84,9 +84,9 @@ inline JsonValue OnlyComputer(const RunningServer& server) {
   const auto list = client->Get("/api/computers");
   if (!list) throw std::runtime_error("no answer from the server");
   const JsonValue computers = ParseJson(list->body);
-  if (computers.AsArray().size() != 1) throw std::runtime_error("not one computer: " + list->body);
+  if (computers.size() != 1) throw std::runtime_error("not one computer: " + list->body);
   const auto page =
-      client->Get(("/computers/" + std::to_string(NumberAt(computers.AsArray()[0], "id")) + ".json")
+      client->Get(("/computers/" + std::to_string(NumberAt(computers[0], "id")) + ".json")
                       .c_str());
   return ParseJson(page->body);
 }

@@ -7,78 +7,64 @@
 namespace tarn::refserver {
 namespace {
 
-TEST(Json, ReadsTheGrammarAndDecodesEveryEscape) {
+TEST(Json, ReadsTheGrammarInDocumentOrderAndDecodesEveryEscape) {
   const JsonValue document = ParseJson(
-      " {\"a\" : [1, -2.5e+3, 0, true, false, null, {}, []],\n"
+      " {\"z\" : [1, -2.5e+3, 0, true, false, null, {}, []],\n"
       "  \"text\": \"q\\\" b\\\\ s\\/ \\b\\f\\n\\r\\t \\u00e9 \\u20AC \\ud83d\\ude00\",\n"
       "  \"raw\": \"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80\"} ");
-  ASSERT_TRUE(document.IsObject());
-  ASSERT_EQ(document.AsObject().size(), 3u);
-  EXPECT_EQ(document.AsObject()[0].key, "a");
-
-  const JsonValue::Array& array = document.Find("a")->AsArray();
+  ASSERT_TRUE(document.is_object());
+  ASSERT_EQ(document.size(), 3u);
+  EXPECT_EQ(document.begin().key(), "z");  // not sorted: as written
+  const JsonValue& array = document.at("z");
   ASSERT_EQ(array.size(), 8u);
-  EXPECT_EQ(std::get<JsonValue::Number>(array[1].value).text, "-2.5e+3");
-  EXPECT_EQ(std::get<bool>(array[3].value), true);
-  EXPECT_STREQ(array[5].KindName(), "null");
-  EXPECT_TRUE(array[6].IsObject() && array[6].AsObject().empty());
-  EXPECT_TRUE(array[7].IsArray() && array[7].AsArray().empty());
-
+  EXPECT_EQ(array[1].get<double>(), -2500.0);
+  EXPECT_TRUE(array[5].is_null());
   // A surrogate pair becomes one four-byte character; escapes and raw UTF-8 agree.
-  EXPECT_EQ(document.Find("text")->AsString(),
+  EXPECT_EQ(document.at("text").get<std::string>(),
             "q\" b\\ s/ \b\f\n\r\t \xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80");
-  EXPECT_EQ(document.Find("raw")->AsString(), "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80");
-  EXPECT_EQ(document.Find("missing"), nullptr);
+  EXPECT_EQ(document.at("raw").get<std::string>(), "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80");
 }
 
 TEST(Json, RefusesWhatIsNotStrictJsonWithItsPlace) {
-  struct Case {
-    const char* text;
-    const char* reason;
+  const char* const texts[] = {
+      "", "{\"a\": 1,}", "[1, 2,]", "{\"a\" 1}", "{\"a\": 1} x", "{'a': 1}", "[01]", "[1.]",
+      "[tru]", "[\"a\tb\"]", "[\"\\x\"]", "[\"\\u12g4\"]", "[\"\\ud83d\"]", "[\"\\ude00\"]",
+      "[\"\xc3\"]", "[\"\xc0\xaf\"]", "[\"\xed\xa0\x80\"]", "[\"\xf4\x90\x80\x80\"]", "[\"abc",
   };
-  const Case cases[] = {
-      {"", "unexpected end"},
-      {"{\"a\": 1,}", "expected a string key"},
-      {"[1, 2,]", "unexpected character ']'"},
-      {"{\"a\" 1}", "expected ':'"},
-      {"{\"a\": 1} x", "unexpected data after the document"},
-      {"{'a': 1}", "expected a string key"},
-      {"[01]", "leading zero"},
-      {"[1.]", "expected a digit"},
-      {"[-]", "expected a digit"},
-      {"[tru]", "unknown literal"},
-      {"[\"a\tb\"]", "control character"},
-      {"[\"\\x\"]", "unknown escape"},
-      {"[\"\\u12g4\"]", "bad hex digit"},
-      {"[\"\\ud83d\"]", "high surrogate without its low half"},
-      {"[\"\\ud83d\\u0041\"]", "high surrogate without its low half"},
-      {"[\"\\ude00\"]", "lone low surrogate"},
-      {"[\"\xc3\"]", "invalid UTF-8"},
-      {"[\"\xc0\xaf\"]", "invalid UTF-8"},          // overlong "/"
-      {"[\"\xed\xa0\x80\"]", "invalid UTF-8"},      // an encoded surrogate
-      {"[\"\xf4\x90\x80\x80\"]", "invalid UTF-8"},  // above U+10FFFF
-      {"[\"abc", "unterminated string"},
-      {"{\"k\": 1, \"k\": 2}", "duplicate key \"k\""},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text);
+  for (const char* text : texts) {
+    SCOPED_TRACE(text);
     try {
-      ParseJson(c.text);
+      ParseJson(text);
       ADD_FAILURE() << "accepted";
     } catch (const JsonError& error) {
-      EXPECT_NE(std::string(error.what()).find(c.reason), std::string::npos) << error.what();
-      EXPECT_NE(std::string(error.what()).find("at byte "), std::string::npos);
+      EXPECT_EQ(std::string(error.what()).rfind("invalid JSON at byte ", 0), 0u) << error.what();
+      EXPECT_EQ(std::string(error.what()).find('\n'), std::string::npos) << error.what();
     }
   }
 }
 
-TEST(Json, NestingIsBoundedSoDeepInputCannotExhaustTheStack) {
+TEST(Json, DuplicateKeysAndDeepNestingAreRefusedWhereTheParserMeetsThem) {
+  auto reason = [](const std::string& text) {
+    try {
+      ParseJson(text);
+    } catch (const JsonError& error) {
+      return std::string(error.what());
+    }
+    return std::string("accepted");
+  };
+  EXPECT_EQ(reason("{\"k\": 1, \"k\": 2}"), "invalid JSON: duplicate key \"k\"");
+  EXPECT_EQ(reason("{\"a\": {\"k\": 1}, \"b\": [{\"k\": 1}, {\"k\": 2, \"k\": 3}]}"),
+            "invalid JSON: duplicate key \"k\"");
+  EXPECT_EQ(reason("{\"a\": {\"k\": 1}, \"k\": [{\"k\": 1}, {\"k\": 2}]}"), "accepted");
+
   auto nested = [](std::size_t depth) {
     return std::string(depth, '[') + std::string(depth, ']');
   };
-  EXPECT_NO_THROW(ParseJson(nested(kMaxJsonDepth)));
-  EXPECT_THROW(ParseJson(nested(kMaxJsonDepth + 1)), JsonError);
-  EXPECT_THROW(ParseJson(nested(100000)), JsonError);
+  EXPECT_EQ(reason(nested(kMaxJsonDepth)), "accepted");
+  EXPECT_EQ(reason(nested(kMaxJsonDepth + 1)), "invalid JSON: nesting deeper than 64 levels");
+  EXPECT_EQ(reason(std::string(kMaxJsonDepth, '[') + "{\"a\": 1}" + std::string(kMaxJsonDepth, ']')),
+            "invalid JSON: nesting deeper than 64 levels");
+  EXPECT_EQ(reason(nested(100000)), "invalid JSON: nesting deeper than 64 levels");
 }
 
 TEST(Json, WrittenStringsReadBackUnchanged) {
@@ -88,8 +74,12 @@ TEST(Json, WrittenStringsReadBackUnchanged) {
   for (const std::string& text : texts) {
     std::string written;
     AppendJsonString(written, text);
-    EXPECT_EQ(ParseJson("[" + written + "]").AsArray().at(0).AsString(), text) << written;
+    EXPECT_EQ(ParseJson("[" + written + "]").at(0).get<std::string>(), text) << written;
   }
+  // Bytes that are not UTF-8 cannot break the answer.
+  std::string written;
+  AppendJsonString(written, "a\xff" "b");
+  EXPECT_EQ(ParseJson("[" + written + "]").at(0).get<std::string>(), "a\xef\xbf\xbd" "b");
 }
 
 }  // namespace

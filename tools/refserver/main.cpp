@@ -3,6 +3,7 @@
 //   tarn-refserver --db FILE --port N [--bind ADDRESS] [--cert FILE --key FILE]
 //                  [--catalogue Mac_InvClasses.xml]
 //   tarn-refserver --db FILE --report [--catalogue Mac_InvClasses.xml]
+//   tarn-refserver --help | --version
 //
 // Serving, it prints "listening on http(s)://ADDRESS:PORT" once it accepts connections
 // (with --port 0 the port is a free one), then one access-log line per request on
@@ -10,6 +11,8 @@
 // database holds for each computer and ends (a server may be running on it meanwhile).
 #include <signal.h>
 #include <unistd.h>
+
+#include <CLI/CLI.hpp>
 
 #include <cstdio>
 #include <filesystem>
@@ -23,24 +26,14 @@
 #include "tools/refserver/pages.h"
 #include "tools/refserver/server.h"
 #include "tools/refserver/store.h"
+#include "tools/refserver/terminal.h"
+#include "tarn_version.h"
 
 #ifndef TARN_REFSERVER_CATALOGUE
 #define TARN_REFSERVER_CATALOGUE "data/Mac_InvClasses.xml"
 #endif
 
 namespace {
-
-constexpr const char* kUsage =
-    "usage: tarn-refserver --db FILE --port N [--bind ADDRESS] [--cert FILE --key FILE]\n"
-    "                      [--catalogue Mac_InvClasses.xml]\n"
-    "       tarn-refserver --db FILE --report [--catalogue Mac_InvClasses.xml]\n"
-    "  --db         SQLite database file (created when missing)\n"
-    "  --port       port to listen on; 0 takes a free one\n"
-    "  --bind       address to listen on (default 127.0.0.1)\n"
-    "  --cert/--key PEM certificate and key: serve HTTPS\n"
-    "  --catalogue  the agent's class catalogue (default: ../share/tarninventory/ beside the\n"
-    "               program, else " TARN_REFSERVER_CATALOGUE ")\n"
-    "  --report     print each computer's classes and changes, then end\n";
 
 struct Options {
   std::string database;
@@ -52,55 +45,47 @@ struct Options {
   bool report = false;
 };
 
-// Reads the command line; a message and nothing for a bad one.
-std::optional<Options> ReadOptions(int argc, char** argv, std::string& error) {
+// Reads the command line. Nothing when the run ends here: --help and --version print on
+// standard output (exit code 0), a bad command line gets its reason on standard error
+// (exit code 2).
+std::optional<Options> ReadOptions(int argc, char** argv, int& exitCode) {
   Options options;
-  for (int i = 1; i < argc; ++i) {
-    const std::string name = argv[i];
-    if (name == "--help" || name == "-h") {
-      error.clear();
-      return std::nullopt;
+  CLI::App app("The reference management server: hands out resource ids, stores the "
+               "inventories agents upload and shows them.",
+               "tarn-refserver");
+  app.set_version_flag("--version", std::string("tarn-refserver ") + TARN_VERSION +
+                                        " (commit " + TARN_COMMIT + ")");
+  app.add_option("--db", options.database, "SQLite database file (created when missing)")
+      ->required();
+  int port = 0;
+  CLI::Option* portOption = app.add_option("--port", port, "port to listen on; 0 takes a free one")
+                                ->check(CLI::Range(0, 65535));
+  app.add_option("--bind", options.bind, "address to listen on")->capture_default_str();
+  CLI::Option* certificate =
+      app.add_option("--cert", options.certificate, "PEM certificate: serve HTTPS");
+  CLI::Option* key = app.add_option("--key", options.key, "PEM key of the certificate");
+  certificate->needs(key);
+  key->needs(certificate);
+  app.add_option("--catalogue", options.catalogue, "the agent's class catalogue")
+      ->capture_default_str();
+  CLI::Option* report =
+      app.add_flag("--report", options.report, "print each computer's classes and changes, then end");
+  portOption->excludes(report);
+  try {
+    app.parse(argc, argv);
+    if (!portOption->count() && !options.report) {
+      throw CLI::RequiredError("--port (or --report)");
     }
-    if (name == "--report") {
-      options.report = true;
-      continue;
-    }
-    if (i + 1 >= argc) {
-      error = "missing value after " + name;
-      return std::nullopt;
-    }
-    const std::string value = argv[++i];
-    if (name == "--db") {
-      options.database = value;
-    } else if (name == "--port") {
-      const bool digits = !value.empty() && value.size() <= 5 &&
-                          value.find_first_not_of("0123456789") == std::string::npos;
-      if (!digits || std::stoi(value) > 65535) {
-        error = "--port needs a number from 0 to 65535, not " + value;
-        return std::nullopt;
-      }
-      options.port = std::stoi(value);
-    } else if (name == "--bind") {
-      options.bind = value;
-    } else if (name == "--cert") {
-      options.certificate = value;
-    } else if (name == "--key") {
-      options.key = value;
-    } else if (name == "--catalogue") {
-      options.catalogue = value;
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0) {
+      exitCode = app.exit(error);
     } else {
-      error = "unknown option " + name;
-      return std::nullopt;
+      std::cerr << "tarn-refserver: " << error.what() << "\nRun with --help for more information.\n";
+      exitCode = 2;
     }
-  }
-  if (options.database.empty() || (!options.port && !options.report)) {
-    error = "--db and --port (or --report) are required";
     return std::nullopt;
   }
-  if (options.certificate.empty() != options.key.empty()) {
-    error = "--cert and --key go together";
-    return std::nullopt;
-  }
+  if (portOption->count()) options.port = port;
   return options;
 }
 
@@ -116,7 +101,9 @@ int Report(const Options& options) {
   if (computers.empty()) std::cout << "No computer yet.\n";
   for (const auto& summary : computers) {
     if (const auto details = store.Computer(summary.id)) {
-      std::cout << tarn::refserver::ComputerReport(*details, catalogue);
+      // Every text an agent sent is escaped: a computer's name cannot drive the terminal.
+      std::cout << tarn::refserver::ComputerReport(tarn::refserver::TerminalSafe(*details),
+                                                   catalogue);
     }
   }
   return 0;
@@ -159,17 +146,13 @@ int Run(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string error;
-  const auto options = ReadOptions(argc, argv, error);
-  if (!options) {
-    if (!error.empty()) std::cerr << "tarn-refserver: " << error << "\n";
-    std::cerr << kUsage;
-    return error.empty() ? 0 : 2;
-  }
+  int exitCode = 0;
+  const auto options = ReadOptions(argc, argv, exitCode);
+  if (!options) return exitCode;
   try {
     return options->report ? Report(*options) : Run(*options);
   } catch (const std::exception& failure) {
-    std::cerr << "tarn-refserver: " << failure.what() << "\n";
+    std::cerr << "tarn-refserver: " << tarn::refserver::TerminalSafe(failure.what()) << "\n";
     return 1;
   }
 }

@@ -75,15 +75,15 @@ TEST_F(PagesInChromium, TheComputerPageShowsItsClassesAndTheChangesOfTheDifferen
   const auto dom = dir.path() / "dom.html";
   ASSERT_EQ(RunChromium({"--user-data-dir=" + profile.string(), "--dump-dom", url}, dom), 0);
   const std::string html = ReadFileText(dom);
-  EXPECT_NE(html.find("<h1 id=\"computer\">" + computer.Find("name")->AsString() + "</h1>"),
+  EXPECT_NE(html.find("<h1 id=\"computer\">" + StringAt(computer, "name") + "</h1>"),
             std::string::npos)
       << html.substr(0, 2000);
   // Every class with its name and instance count, as the server holds them.
-  for (const JsonValue& entry : computer.Find("classes")->AsArray()) {
+  for (const JsonValue& entry : computer.at("classes")) {
     const std::string row = "<tr id=\"count-" + std::to_string(NumberAt(entry, "id")) +
                             "\"><td class=\"number\">" + std::to_string(NumberAt(entry, "id")) +
                             "</td><td><a href=\"#class-" + std::to_string(NumberAt(entry, "id")) +
-                            "\">" + entry.Find("name")->AsString() +
+                            "\">" + StringAt(entry, "name") +
                             "</a></td><td class=\"number\">" +
                             std::to_string(NumberAt(entry, "instanceCount")) + "</td></tr>";
     EXPECT_NE(html.find(row), std::string::npos) << row;

@@ -16,32 +16,66 @@ using tarn::testing::AgentFolder;
 
 std::set<std::string> ChangesOf(const JsonValue& upload) {
   std::set<std::string> changes;
-  for (const JsonValue& item : upload.Find("changes")->AsArray()) {
+  for (const JsonValue& item : upload.at("changes")) {
     changes.insert(std::to_string(NumberAt(item, "classId")) + " " +
-                   item.Find("change")->AsString() + " " + item.Find("label")->AsString());
+                   StringAt(item, "change") + " " + StringAt(item, "label"));
   }
   return changes;
 }
 
-TEST(ScannerWithRefServer, FullThenDifferenceEqualsAFreshFullScanOfTheFinalMachine) {
-  TempDir dir;
+// A full scan of the machine then a difference scan of the changed one, on one server;
+// then a full scan of the changed one on a fresh server. Both must hold the same
+// inventory, value for value. The first server's computer is returned.
+JsonValue ExpectIncrementalEqualsFresh(const TempDir& dir, const std::string& machine,
+                                       const std::string& changed) {
   JsonValue incremental;
   {
-    RunningServer server(dir.path() / "incremental.sqlite");
+    RunningServer server(dir.path() / (machine + "-incremental.sqlite"));
     AgentFolder agent("refserver-incremental");
     agent.ServeAt(server.port());
-    Scan(agent, "assetscan", kMachine, "FullData");
-    Scan(agent, "scheduled", kChangedMachine, "DiffData");
+    Scan(agent, "assetscan", machine, "FullData");
+    Scan(agent, "scheduled", changed, "DiffData");
     incremental = OnlyComputer(server);
     // No resource id was stored: the scanner asked the server for one and sent it back.
     EXPECT_NE(tarn::testing::ReadFileText(agent.data() / "resource.plist")
                   .find("<string>" + std::to_string(NumberAt(incremental, "id")) + "</string>"),
               std::string::npos);
   }
-  const JsonValue::Array& uploads = incremental.Find("uploads")->AsArray();
+  JsonValue fresh;
+  {
+    RunningServer server(dir.path() / (machine + "-fresh.sqlite"));
+    AgentFolder agent("refserver-fresh");
+    agent.ServeAt(server.port());
+    Scan(agent, "assetscan", changed, "FullData");
+    fresh = OnlyComputer(server);
+  }
+  const InventorySets expected = InventoryOf(fresh);
+  const InventorySets actual = InventoryOf(incremental);
+  EXPECT_GT(expected.size(), 5u);
+  for (const auto& [classId, instances] : expected) {
+    SCOPED_TRACE("class " + std::to_string(classId));
+    if (actual.count(classId) != 1) {
+      ADD_FAILURE() << "class missing after the difference";
+      continue;
+    }
+    EXPECT_EQ(actual.at(classId).size(), instances.size());
+    for (const auto& instance : instances) {
+      EXPECT_EQ(actual.at(classId).count(instance), instances.count(instance))
+          << ::testing::PrintToString(instance);
+    }
+  }
+  EXPECT_EQ(actual.size(), expected.size());
+  return incremental;
+}
+
+TEST(ScannerWithRefServer, FullThenDifferenceEqualsAFreshFullScanOfTheFinalMachine) {
+  TempDir dir;
+  const JsonValue incremental = ExpectIncrementalEqualsFresh(dir, kMachine, kChangedMachine);
+  EXPECT_GT(InventoryOf(incremental).at(kSoftwareClass).size(), 100u);
+  const JsonValue& uploads = incremental.at("uploads");
   ASSERT_EQ(uploads.size(), 2u);
-  ASSERT_EQ(uploads[0].Find("kind")->AsString(), "difference");
-  EXPECT_EQ(uploads[0].Find("resourceId")->AsString(), std::to_string(NumberAt(incremental, "id")));
+  ASSERT_EQ(StringAt(uploads[0], "kind"), "difference");
+  EXPECT_EQ(StringAt(uploads[0], "resourceId"), std::to_string(NumberAt(incremental, "id")));
   // The changes the second recording describes, by name, and nothing it does not.
   const std::set<std::string> changes = ChangesOf(uploads[0]);
   for (const char* expected : {"18 added zoom.us 4.0.20340.1024", "18 deleted Skype 7.38",
@@ -51,32 +85,23 @@ TEST(ScannerWithRefServer, FullThenDifferenceEqualsAFreshFullScanOfTheFinalMachi
   EXPECT_TRUE(std::any_of(changes.begin(), changes.end(), [](const std::string& change) {
     return change.rfind("4 deleted /Volumes/BOOTCAMP", 0) == 0;
   })) << ::testing::PrintToString(changes);
-  for (const JsonValue& entry : uploads[0].Find("classes")->AsArray()) {
-    EXPECT_EQ(NumberAt(entry, "unmatched"), 0) << entry.Find("name")->AsString();
+  for (const JsonValue& entry : uploads[0].at("classes")) {
+    EXPECT_EQ(NumberAt(entry, "unmatched"), 0) << StringAt(entry, "name");
   }
+}
 
-  JsonValue fresh;
-  {
-    RunningServer server(dir.path() / "fresh.sqlite");
-    AgentFolder agent("refserver-fresh");
-    agent.ServeAt(server.port());
-    Scan(agent, "assetscan", kChangedMachine, "FullData");
-    fresh = OnlyComputer(server);
-  }
-  const InventorySets expected = InventoryOf(fresh);
-  const InventorySets actual = InventoryOf(incremental);
-  ASSERT_GT(expected.size(), 5u);
-  EXPECT_GT(expected.at(kSoftwareClass).size(), 100u);
-  for (const auto& [classId, instances] : expected) {
-    SCOPED_TRACE("class " + std::to_string(classId));
-    ASSERT_EQ(actual.count(classId), 1u);
-    EXPECT_EQ(actual.at(classId).size(), instances.size());
-    for (const auto& instance : instances) {
-      EXPECT_EQ(actual.at(classId).count(instance), instances.count(instance))
-          << ::testing::PrintToString(instance);
-    }
-  }
-  EXPECT_EQ(actual.size(), expected.size());
+// On macOS 14 a difference that changes the application count also sends the operating
+// system instance as modified, with values read raw from the tools.
+TEST(ScannerWithRefServer, ADifferenceChangingTheApplicationCountEqualsAFreshFullScan) {
+  TempDir dir;
+  const JsonValue incremental =
+      ExpectIncrementalEqualsFresh(dir, "macbook-m1", "macbook-m1-changed");
+  const JsonValue& uploads = incremental.at("uploads");
+  ASSERT_EQ(uploads.size(), 2u);
+  const std::set<std::string> changes = ChangesOf(uploads[0]);
+  EXPECT_EQ(changes.count("18 deleted Rectangle 0.77"), 1u) << ::testing::PrintToString(changes);
+  EXPECT_EQ(changes.count("25 added Office Laser"), 1u) << ::testing::PrintToString(changes);
+  EXPECT_EQ(InventoryOf(incremental).at(kOsClass).begin()->at("102"), "14.4.1");
 }
 
 TEST(ScannerWithRefServer, ScansLandOverHttpsWithACertificateMadeNow) {
@@ -94,9 +119,9 @@ TEST(ScannerWithRefServer, ScansLandOverHttpsWithACertificateMadeNow) {
   Scan(agent, "assetscan", kMachine, "FullData");
   Scan(agent, "scheduled", kChangedMachine, "DiffData");
   const JsonValue computer = OnlyComputer(server);
-  const JsonValue::Array& uploads = computer.Find("uploads")->AsArray();
+  const JsonValue& uploads = computer.at("uploads");
   ASSERT_EQ(uploads.size(), 2u);
-  EXPECT_EQ(uploads[0].Find("kind")->AsString(), "difference");
+  EXPECT_EQ(StringAt(uploads[0], "kind"), "difference");
   EXPECT_EQ(ChangesOf(uploads[0]).count("18 added zoom.us 4.0.20340.1024"), 1u);
   EXPECT_GT(InventoryOf(computer).at(kSoftwareClass).size(), 100u);
 }

@@ -13,14 +13,23 @@
 //
 // Every answer carries "X-Tarn-Header". Upload answers are one line of plain text:
 // what was stored, or why the upload was refused (4xx; nothing is changed then).
-// Request bodies above kMaxBodyBytes are refused with 413.
+// Request bodies above kMaxBodyBytes once decoded (whatever their transfer and content
+// encoding) are refused with 413; only uploads may send a chunked or compressed body.
+//
+// Up to kMaxWorkers connections are served at once, each by its own worker, so a slow
+// client holds one worker and never the others; a connection that sends nothing for
+// kReadTimeoutSeconds (or takes as long to accept a write) is closed. The listening
+// socket is not shared: a port in use by another server cannot be bound.
 #pragma once
 
 #include <httplib.h>
 
 #include <cstddef>
 #include <functional>
+#include <map>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 
 #include "tools/refserver/catalogue.h"
@@ -30,6 +39,10 @@ namespace tarn::refserver {
 
 inline constexpr std::size_t kMaxBodyBytes = 64u << 20;
 inline constexpr const char* kServerHeader = "X-Tarn-Header";
+inline constexpr std::size_t kMaxWorkers = 256;
+inline constexpr int kReadTimeoutSeconds = 5;
+inline constexpr int kWriteTimeoutSeconds = 5;
+inline constexpr int kKeepAliveTimeoutSeconds = 2;
 
 // Receives one access-log line per request (no line feed).
 using LogSink = std::function<void(const std::string&)>;
@@ -45,7 +58,8 @@ class RefServer {
   RefServer& operator=(const RefServer&) = delete;
 
   // Binds the listening socket; port 0 takes a free port. Returns the port, raises
-  // std::runtime_error when the address cannot be bound.
+  // std::runtime_error when the address cannot be bound (saying so when the port is in
+  // use).
   int Bind(const std::string& host, int port);
   // Serves on the bound socket until Stop(); false when serving failed.
   bool Serve();
@@ -56,15 +70,25 @@ class RefServer {
  private:
   void Routes();
   void ResourceDocument(const httplib::Request& request, httplib::Response& response);
-  void Upload(const httplib::Request& request, httplib::Response& response);
+  void Upload(const httplib::Request& request, httplib::Response& response,
+              const httplib::ContentReader& reader);
+  std::optional<std::string> ReadBody(const httplib::Request& request,
+                                      httplib::Response& response,
+                                      const httplib::ContentReader& reader);
   void ComputerPage(const httplib::Request& request, httplib::Response& response, bool json);
   void Log(const httplib::Request& request, const httplib::Response& response) const;
+  void WidenBacklog();
 
   Store& store_;
   const Catalogue& catalogue_;
   LogSink log_;
   bool secure_ = false;
   std::unique_ptr<httplib::Server> server_;
+  int listenSocket_ = -1;  // owned by server_
+  // Bytes of each upload body being read, for its access-log line (uploads are read by
+  // their handler, so the request itself holds no body).
+  mutable std::mutex bodySizesMutex_;
+  mutable std::map<const httplib::Request*, std::size_t> bodySizes_;
 };
 
 }  // namespace tarn::refserver

@@ -1,9 +1,16 @@
 // The server over loopback HTTP: resource ids, uploads stored and applied, refusals
-// that change nothing, and several computers uploading at once.
+// that change nothing, several computers uploading at once, differences sent twice,
+// bounded bodies, slow clients, a port in use and what reaches the access log.
 #include "tools/refserver/server.h"
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <zlib.h>
 
+#include <atomic>
+#include <chrono>
 #include <regex>
 #include <string>
 #include <thread>
@@ -107,13 +114,13 @@ TEST(RefServer, AFullUploadIsStoredWithExactCountsPerClass) {
   EXPECT_EQ(single->status, 200) << single->body;
 
   const JsonValue list = GetJson(*client, "/api/computers");
-  ASSERT_EQ(list.AsArray().size(), 2u);
-  const long long id = NumberAt(list.AsArray()[0], "id");
-  EXPECT_EQ(NumberAt(list.AsArray()[0], "instanceCount"), 6);
+  ASSERT_EQ(list.size(), 2u);
+  const long long id = NumberAt(list[0], "id");
+  EXPECT_EQ(NumberAt(list[0], "instanceCount"), 6);
   const JsonValue computer = GetJson(*client, "/computers/" + std::to_string(id) + ".json");
-  EXPECT_EQ(computer.Find("name")->AsString(), "mac");
+  EXPECT_EQ(StringAt(computer, "name"), "mac");
   std::map<long long, long long> counts;
-  for (const JsonValue& entry : computer.Find("classes")->AsArray()) {
+  for (const JsonValue& entry : computer.at("classes")) {
     counts[NumberAt(entry, "id")] = NumberAt(entry, "instanceCount");
   }
   EXPECT_EQ(counts, (std::map<long long, long long>{{1, 1}, {4, 1}, {18, 3}, {20, 1}}));
@@ -163,12 +170,12 @@ TEST(RefServer, DifferenceUploadsAreAppliedAndKeptInTheHistory) {
   EXPECT_EQ(inventory.at(20), (InstanceSet{{{"2002", "iMac, renamed"}}}));
   EXPECT_EQ(inventory.at(1).begin()->at("102"), "10.11.6");  // untouched class
 
-  const JsonValue::Array& uploads = computer.Find("uploads")->AsArray();
+  const JsonValue& uploads = computer.at("uploads");
   ASSERT_EQ(uploads.size(), 2u);
-  EXPECT_EQ(uploads[0].Find("kind")->AsString(), "difference");  // newest first
-  EXPECT_EQ(uploads[1].Find("kind")->AsString(), "full");
+  EXPECT_EQ(StringAt(uploads[0], "kind"), "difference");  // newest first
+  EXPECT_EQ(StringAt(uploads[1], "kind"), "full");
   std::map<long long, std::vector<long long>> counts;
-  for (const JsonValue& entry : uploads[0].Find("classes")->AsArray()) {
+  for (const JsonValue& entry : uploads[0].at("classes")) {
     counts[NumberAt(entry, "id")] = {NumberAt(entry, "added"), NumberAt(entry, "deleted"),
                                      NumberAt(entry, "modified"), NumberAt(entry, "instances")};
   }
@@ -284,8 +291,8 @@ TEST(RefServer, ComputersUploadingAtOnceAreAllStoredWithoutMixing) {
     SCOPED_TRACE(c);
     const std::string name = "mac" + std::to_string(c);
     const JsonValue computer = GetJson(*client, "/computers/" + std::to_string(ids[c]) + ".json");
-    EXPECT_EQ(computer.Find("name")->AsString(), name);
-    EXPECT_EQ(computer.Find("uploads")->AsArray().size(), std::size_t{1 + kDifferences});
+    EXPECT_EQ(StringAt(computer, "name"), name);
+    EXPECT_EQ(computer.at("uploads").size(), std::size_t{1 + kDifferences});
     const InventorySets inventory = InventoryOf(computer);
     EXPECT_EQ(inventory.at(20).begin()->at("2003"), name);
     ASSERT_EQ(inventory.at(18).size(), std::size_t{3 + kDifferences});
@@ -293,6 +300,237 @@ TEST(RefServer, ComputersUploadingAtOnceAreAllStoredWithoutMixing) {
       const std::string appName = app.at("1801");
       EXPECT_TRUE(appName.rfind("mac", 0) != 0 || appName.rfind(name + "-app", 0) == 0) << appName;
     }
+  }
+}
+
+
+// A loopback TCP connection made by hand, for requests no HTTP client would send.
+class RawConnection {
+ public:
+  explicit RawConnection(int port) : fd_(::socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    connected_ = fd_ >= 0 &&
+                 ::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  }
+  ~RawConnection() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  RawConnection(const RawConnection&) = delete;
+  RawConnection& operator=(const RawConnection&) = delete;
+
+  bool connected() const { return connected_; }
+  // False once the server no longer takes bytes.
+  bool Send(const std::string& text) {
+    return ::send(fd_, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
+  }
+  // Everything the server sends until it closes the connection.
+  std::string ReadAll() {
+    std::string text;
+    char buffer[4096];
+    ssize_t got = 0;
+    while ((got = ::recv(fd_, buffer, sizeof buffer, 0)) > 0) text.append(buffer, got);
+    return text;
+  }
+
+ private:
+  int fd_;
+  bool connected_ = false;
+};
+
+// size bytes of spaces, gzip-compressed.
+std::string GzipOfSpaces(std::size_t size) {
+  z_stream stream{};
+  EXPECT_EQ(deflateInit2(&stream, Z_BEST_SPEED, Z_DEFLATED, 15 + 16, 9, Z_RLE),
+            Z_OK);
+  std::string input(1 << 20, ' ');
+  std::string output;
+  char buffer[1 << 16];
+  for (std::size_t done = 0; done < size; done += input.size()) {
+    stream.next_in = reinterpret_cast<Bytef*>(input.data());
+    stream.avail_in = static_cast<uInt>(input.size());
+    const int flush = done + input.size() >= size ? Z_FINISH : Z_NO_FLUSH;
+    do {
+      stream.next_out = reinterpret_cast<Bytef*>(buffer);
+      stream.avail_out = sizeof buffer;
+      deflate(&stream, flush);
+      output.append(buffer, sizeof buffer - stream.avail_out);
+    } while (stream.avail_out == 0);
+  }
+  deflateEnd(&stream);
+  return output;
+}
+
+TEST(RefServer, ADifferenceSentAgainIsAcceptedButNotAppliedTwice) {
+  TempDir dir;
+  RunningServer server(dir.path() / "db.sqlite");
+  auto client = server.Client();
+  ASSERT_EQ(client->Post(UploadPath("mac", true).c_str(), FullDocument(SmallMachine()), kXml)->status,
+            200);
+  const std::string printer = R"("25": {"0": [{"2501": "Office Laser", "2502": "PCL 6"}]})";
+  const auto first = client->Post(UploadPath("mac", false).c_str(), DifferenceDocument(printer), kXml);
+  ASSERT_TRUE(first);
+  ASSERT_EQ(first->status, 200) << first->body;
+  // The answer was lost: the scanner sends the same difference again, later.
+  const std::string later =
+      std::regex_replace(UploadPath("mac", false), std::regex("currScanTime=\\d+"),
+                         "currScanTime=1700000200");
+  for (const std::string& path : {UploadPath("mac", false), later}) {
+    const auto again = client->Post(path.c_str(), DifferenceDocument(printer), kXml);
+    ASSERT_TRUE(again);
+    EXPECT_EQ(again->status, 200);
+    EXPECT_EQ(again->body, "difference for mac already applied as upload 2, not applied again "
+                           "(computer 1, upload 2)\n");
+  }
+  JsonValue computer = GetJson(*client, "/computers/1.json");
+  EXPECT_EQ(InventoryOf(computer).at(25),
+            (InstanceSet{{{"2501", "Office Laser"}, {"2502", "PCL 6"}}}));
+  EXPECT_EQ(computer.at("uploads").size(), 2u);
+
+  // Another difference from the same scan (the machine changed meanwhile) is applied,
+  // and its addition of the held printer replaces it.
+  const auto changed = client->Post(
+      UploadPath("mac", false).c_str(),
+      DifferenceDocument(R"("25": {"0": [{"2501": "Office Laser", "2502": "PCL 6e"}]},
+                            "4": {"1": [{"401": "/", "410": "disk1s1"}]})"),
+      kXml);
+  ASSERT_TRUE(changed);
+  EXPECT_EQ(changed->status, 200);
+  computer = GetJson(*client, "/computers/1.json");
+  EXPECT_EQ(InventoryOf(computer).at(25),
+            (InstanceSet{{{"2501", "Office Laser"}, {"2502", "PCL 6e"}}}));
+  EXPECT_EQ(InventoryOf(computer).count(4), 0u);
+  EXPECT_EQ(computer.at("uploads").size(), 3u);
+
+  // After a new full inventory, the old difference is one to apply again.
+  ASSERT_EQ(client->Post(UploadPath("mac", true).c_str(), FullDocument(SmallMachine()), kXml)->status,
+            200);
+  const auto afterFull =
+      client->Post(UploadPath("mac", false).c_str(), DifferenceDocument(printer), kXml);
+  ASSERT_TRUE(afterFull);
+  EXPECT_NE(afterFull->body.find("applied: 1 added"), std::string::npos) << afterFull->body;
+}
+
+TEST(RefServer, BodiesAreCappedOnceDecodedWhateverTheirEncoding) {
+  TempDir dir;
+  RunningServer server(dir.path() / "db.sqlite");
+  auto client = server.Client();
+  ASSERT_EQ(client->Post(UploadPath("mac", true).c_str(), FullDocument(SmallMachine()), kXml)->status,
+            200);
+  const std::string before = client->Get("/computers/1.json")->body;
+  constexpr std::size_t kSent = 200u << 20;
+
+  // Chunked: the server stops reading at the cap, so the client cannot send it all.
+  std::size_t provided = 0;
+  const std::string block(1 << 20, ' ');
+  const auto chunked = client->Post(
+      UploadPath("mac", true).c_str(),
+      [&](std::size_t, httplib::DataSink& sink) {
+        if (provided >= kSent) {
+          sink.done();
+          return true;
+        }
+        provided += block.size();
+        return sink.write(block.data(), block.size());
+      },
+      kXml);
+  if (chunked) {
+    EXPECT_EQ(chunked->status, 413) << chunked->body;
+  }
+  EXPECT_LT(provided, kSent / 2);
+
+  // Compressed: 200 MiB of spaces in a fraction of a megabyte.
+  const std::string gzip = GzipOfSpaces(kSent);
+  ASSERT_LT(gzip.size(), std::size_t{1} << 20);
+  auto fresh = server.Client();
+  const auto compressed = fresh->Post(UploadPath("mac", true).c_str(),
+                                      {{"Content-Encoding", "gzip"}}, gzip, kXml);
+  ASSERT_TRUE(compressed);
+  EXPECT_EQ(compressed->status, 413);
+  EXPECT_EQ(compressed->body, "request body larger than " + std::to_string(kMaxBodyBytes) +
+                                  " bytes\n");
+
+  // Pages take no body: a chunked one is refused before it is read.
+  RawConnection raw(server.port());
+  ASSERT_TRUE(raw.connected());
+  ASSERT_TRUE(raw.Send("GET /api/computers HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n"));
+  std::size_t sent = 0;
+  const std::string chunk = "100000\r\n" + block + "\r\n";
+  while (sent < kSent && raw.Send(chunk)) sent += block.size();
+  EXPECT_LT(sent, kSent / 2);
+  EXPECT_EQ(server.Client()->Get("/computers/1.json")->body, before);
+}
+
+TEST(RefServer, SlowClientsDoNotHoldUpANormalRequest) {
+  TempDir dir;
+  RunningServer server(dir.path() / "db.sqlite");
+  std::vector<std::unique_ptr<RawConnection>> slow;
+  for (int i = 0; i < 64; ++i) {
+    slow.push_back(std::make_unique<RawConnection>(server.port()));
+    ASSERT_TRUE(slow.back()->connected());
+    slow.back()->Send("GET / HTTP/1.1\r\nHost: x\r\n");
+  }
+  // Each sends a header line now and then, well within any read timeout.
+  std::atomic<bool> done{false};
+  std::thread trickle([&] {
+    for (int round = 0; !done; ++round) {
+      for (auto& connection : slow) connection->Send("X-Slow-" + std::to_string(round) + ": 1\r\n");
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    }
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  auto client = server.Client();
+  client->set_connection_timeout(10, 0);
+  client->set_read_timeout(10, 0);
+  const auto start = std::chrono::steady_clock::now();
+  const auto answer = client->Get("/api/computers");
+  const auto waited = std::chrono::steady_clock::now() - start;
+  done = true;
+  trickle.join();
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->status, 200);
+  EXPECT_LT(waited, std::chrono::seconds(2));
+}
+
+TEST(RefServer, APortInUseIsRefused) {
+  TempDir dir;
+  RunningServer first(dir.path() / "first.sqlite");
+  Store store((dir.path() / "second.sqlite").string());
+  RefServer second(store, ShippedCatalogue(), nullptr);
+  try {
+    second.Bind("127.0.0.1", first.port());
+    ADD_FAILURE() << "a second server bound port " << first.port();
+  } catch (const std::runtime_error& error) {
+    EXPECT_EQ(std::string(error.what()),
+              "cannot listen on 127.0.0.1:" + std::to_string(first.port()) + ": the port is in use");
+  }
+}
+
+TEST(RefServer, ControlCharactersFromClientsReachTheLogEscaped) {
+  TempDir dir;
+  RunningServer server(dir.path() / "db.sqlite");
+  auto client = server.Client();
+  // A computer name that would retitle and clear the terminal the log is shown in.
+  const auto answer = client->Post(UploadPath("evil%1B%5D0%3Bowned%07%1B%5B2J", false).c_str(),
+                                   DifferenceDocument(""), kXml);
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->status, 409);
+  // The line is written once the answer is sent.
+  std::vector<std::string> log;
+  for (int wait = 0; wait < 500 && log.empty(); ++wait) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    log = server.Log();
+  }
+  ASSERT_FALSE(log.empty());
+  EXPECT_NE(log.back().find("difference for evil\\x1b]0;owned\\x07\\x1b[2J (domain"),
+            std::string::npos)
+      << log.back();
+  for (const std::string& line : log) {
+    EXPECT_TRUE(std::none_of(line.begin(), line.end(),
+                             [](char c) { return static_cast<unsigned char>(c) < 0x20; }))
+        << line;
   }
 }
 

@@ -1,5 +1,7 @@
 #include "tools/refserver/store.h"
 
+#include <openssl/sha.h>
+
 #include <ctime>
 
 namespace tarn::refserver {
@@ -55,6 +57,14 @@ CREATE TABLE IF NOT EXISTS upload_classes (
   unmatched INTEGER NOT NULL,
   PRIMARY KEY (upload_id, class_id)
 );
+CREATE TABLE IF NOT EXISTS difference_digests (
+  upload_id INTEGER PRIMARY KEY REFERENCES uploads (id),
+  computer_id INTEGER NOT NULL REFERENCES computers (id),
+  prev_scan_time TEXT NOT NULL,
+  digest TEXT NOT NULL
+);
+CREATE INDEX IF NOT EXISTS difference_digests_by_computer
+  ON difference_digests (computer_id, prev_scan_time, digest);
 CREATE TABLE IF NOT EXISTS upload_items (
   upload_id INTEGER NOT NULL REFERENCES uploads (id),
   position INTEGER NOT NULL,
@@ -66,6 +76,35 @@ CREATE TABLE IF NOT EXISTS upload_items (
 )sql";
 
 std::int64_t Now() { return static_cast<std::int64_t>(std::time(nullptr)); }
+
+// SHA-256 (hex) of the changes a difference carries, written unambiguously (every
+// field with its length), so that two sendings of one difference give one digest.
+std::string ChangesDigest(const std::vector<InstanceChange>& changes) {
+  std::string content;
+  auto field = [&content](std::string_view text) {
+    content += std::to_string(text.size());
+    content += ':';
+    content += text;
+  };
+  for (const InstanceChange& change : changes) {
+    field(std::to_string(change.classId));
+    field(std::to_string(static_cast<int>(change.change)));
+    field(std::to_string(change.instance.size()));
+    for (const auto& [propertyId, value] : change.instance) {
+      field(std::to_string(propertyId));
+      field(value);
+    }
+  }
+  unsigned char digest[SHA256_DIGEST_LENGTH];
+  SHA256(reinterpret_cast<const unsigned char*>(content.data()), content.size(), digest);
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string hex;
+  for (const unsigned char byte : digest) {
+    hex += kHex[byte >> 4];
+    hex += kHex[byte & 0xF];
+  }
+  return hex;
+}
 
 std::size_t InstanceCount(const Inventory& inventory) {
   std::size_t count = 0;
@@ -140,12 +179,27 @@ UploadResult Store::StoreDifference(const UploadQuery& query, const DifferenceUp
                                ", customer " + query.customerId +
                                ") refused: the server holds no full inventory of it yet");
   }
+  const std::string digest = ChangesDigest(upload.changes);
+  if (const auto earlier = AppliedDifferenceUpload(*computerId, query.previousScanTime, digest)) {
+    return {*computerId, *earlier,
+            "difference for " + query.computer + " already applied as upload " +
+                std::to_string(*earlier) + ", not applied again",
+            true};
+  }
   Inventory inventory = LoadInventory(*computerId);
   const AppliedDifference applied = ApplyDifference(inventory, upload.changes, catalogue);
   SaveInventory(*computerId, inventory);
   SaveAgentParams(*computerId, upload.agentParams);
   const std::int64_t uploadId = AddUpload(*computerId, query, "difference", bodySize);
   AddUploadClasses(uploadId, inventory, applied.classes);
+  db_.Prepare(
+         "INSERT INTO difference_digests (upload_id, computer_id, prev_scan_time, digest) "
+         "VALUES (?, ?, ?, ?)")
+      .Bind(1, uploadId)
+      .Bind(2, *computerId)
+      .Bind(3, query.previousScanTime)
+      .Bind(4, digest)
+      .Run();
   Statement item = db_.Prepare(
       "INSERT INTO upload_items (upload_id, position, class_id, status, label) "
       "VALUES (?, ?, ?, ?, ?)");
@@ -174,6 +228,22 @@ UploadResult Store::StoreDifference(const UploadQuery& query, const DifferenceUp
     summary += ", " + std::to_string(total.unmatched) + " not matching the stored inventory";
   }
   return {*computerId, uploadId, summary};
+}
+
+std::optional<std::int64_t> Store::AppliedDifferenceUpload(std::int64_t computerId,
+                                                           const std::string& previousScanTime,
+                                                           const std::string& digest) {
+  // Only differences applied since the computer's last full inventory count: a full
+  // upload replaces everything they did.
+  Statement find = db_.Prepare(R"sql(
+    SELECT d.upload_id FROM difference_digests d
+    WHERE d.computer_id = ?1 AND d.prev_scan_time = ?2 AND d.digest = ?3
+      AND d.upload_id > (SELECT MAX(u.id) FROM uploads u
+                         WHERE u.computer_id = ?1 AND u.kind = 'full')
+    ORDER BY d.upload_id LIMIT 1)sql");
+  find.Bind(1, computerId).Bind(2, previousScanTime).Bind(3, digest);
+  if (!find.Step()) return std::nullopt;
+  return find.Int(0);
 }
 
 Inventory Store::LoadInventory(std::int64_t computerId) {

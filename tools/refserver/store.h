@@ -65,6 +65,9 @@ struct UploadResult {
   std::int64_t computerId = 0;
   std::int64_t uploadId = 0;
   std::string summary;  // one line
+  // A difference already applied (same previous scan time, same changes since the last
+  // full inventory): accepted without applying it again; uploadId is the earlier one.
+  bool alreadyApplied = false;
 };
 
 class Store {
@@ -82,7 +85,9 @@ class Store {
                          std::size_t bodySize);
 
   // Applies a difference. Raises UploadError(409) when the computer has no full
-  // inventory yet; nothing is changed then.
+  // inventory yet; nothing is changed then. A difference whose previous scan time and
+  // changes equal one applied since the last full inventory (the scanner sends it
+  // again when it did not see the answer) is accepted without being applied again.
   UploadResult StoreDifference(const UploadQuery& query, const DifferenceUpload& upload,
                                std::size_t bodySize, const Catalogue& catalogue);
 
@@ -93,6 +98,9 @@ class Store {
   std::optional<std::int64_t> FindComputer(const UploadQuery& query);
   std::int64_t FindOrCreateComputer(const std::string& customerId, const std::string& domain,
                                     const std::string& computer);
+  std::optional<std::int64_t> AppliedDifferenceUpload(std::int64_t computerId,
+                                                      const std::string& previousScanTime,
+                                                      const std::string& digest);
   Inventory LoadInventory(std::int64_t computerId);
   void SaveInventory(std::int64_t computerId, const Inventory& inventory);
   void SaveAgentParams(std::int64_t computerId, const NameValues& params);

@@ -152,14 +152,13 @@ using InventorySets = std::map<int, InstanceSet>;
 
 inline InventorySets InventoryOf(const JsonValue& computer) {
   InventorySets sets;
-  const JsonValue* classes = computer.Find("classes");
-  if (classes == nullptr || !classes->IsArray()) return sets;
-  for (const JsonValue& entry : classes->AsArray()) {
-    const int classId = std::stoi(std::get<JsonValue::Number>(entry.Find("id")->value).text);
-    for (const JsonValue& instance : entry.Find("instances")->AsArray()) {
+  if (!computer.contains("classes") || !computer.at("classes").is_array()) return sets;
+  for (const JsonValue& entry : computer.at("classes")) {
+    const int classId = entry.at("id").get<int>();
+    for (const JsonValue& instance : entry.at("instances")) {
       std::map<std::string, std::string> values;
-      for (const JsonMember& value : instance.Find("values")->AsObject()) {
-        values[value.key] = value.value.AsString();
+      for (const auto& value : instance.at("values").items()) {
+        values[value.key()] = value.value().get<std::string>();
       }
       sets[classId].insert(values);
     }
@@ -167,11 +166,14 @@ inline InventorySets InventoryOf(const JsonValue& computer) {
   return sets;
 }
 
-// The number at member key of a JSON object (which must have it).
+// The number or text at member key of a JSON object (which must have it).
 inline long long NumberAt(const JsonValue& object, const std::string& key) {
-  const JsonValue* value = object.Find(key);
-  if (value == nullptr) throw std::runtime_error("no member " + key);
-  return std::stoll(std::get<JsonValue::Number>(value->value).text);
+  if (!object.contains(key)) throw std::runtime_error("no member " + key);
+  return object.at(key).get<long long>();
+}
+inline std::string StringAt(const JsonValue& object, const std::string& key) {
+  if (!object.contains(key)) throw std::runtime_error("no member " + key);
+  return object.at(key).get<std::string>();
 }
 
 }  // namespace tarn::refserver::testing

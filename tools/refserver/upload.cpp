@@ -17,6 +17,19 @@ bool AllDigits(std::string_view text) {
          std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
+// A value of a difference as a full inventory carries it. The scanner cleans every value
+// it writes into the full document (markup characters escaped, the text ended at its
+// first control character), but sends a difference's values raw: "14.4.1" with the line
+// end of the tool's output. The escaping is undone by reading the XML; the cut is made
+// here, so that both kinds of upload store one value.
+std::string AsFullInventoryValue(const std::string& raw) {
+  const auto control = std::find_if(raw.begin(), raw.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte < 0x20 || byte == 0x7F;
+  });
+  return std::string(raw.begin(), control);
+}
+
 // ---- query ---------------------------------------------------------------------------------
 
 class QueryReader {
@@ -133,26 +146,27 @@ class FullReader {
 
 // ---- difference ------------------------------------------------------------------------------
 
-const JsonValue::Object& ObjectAt(const JsonValue& value, const std::string& where) {
-  if (!value.IsObject()) BadRequest("difference: " + where + " is " + value.KindName() +
-                                    ", expected an object");
-  return value.AsObject();
+// The members of an object, in document order (key() and value() of each).
+auto ObjectAt(const JsonValue& value, const std::string& where) {
+  if (!value.is_object()) BadRequest("difference: " + where + " is " + value.type_name() +
+                                     ", expected an object");
+  return value.items();
 }
 
-const JsonValue::Array& ArrayAt(const JsonValue& value, const std::string& where) {
-  if (!value.IsArray()) BadRequest("difference: " + where + " is " + value.KindName() +
-                                   ", expected an array");
-  return value.AsArray();
+const JsonValue& ArrayAt(const JsonValue& value, const std::string& where) {
+  if (!value.is_array()) BadRequest("difference: " + where + " is " + value.type_name() +
+                                    ", expected an array");
+  return value;
 }
 
 NameValues StringDictionary(const JsonValue& value, const std::string& where) {
   NameValues entries;
-  for (const JsonMember& member : ObjectAt(value, where)) {
-    if (!member.value.IsString()) {
-      BadRequest("difference: " + where + "." + member.key + " is " + member.value.KindName() +
-                 ", expected a string");
+  for (const auto& member : ObjectAt(value, where)) {
+    if (!member.value().is_string()) {
+      BadRequest("difference: " + where + "." + member.key() + " is " +
+                 member.value().type_name() + ", expected a string");
     }
-    entries.emplace_back(member.key, member.value.AsString());
+    entries.emplace_back(member.key(), member.value().get<std::string>());
   }
   return entries;
 }
@@ -171,14 +185,14 @@ class DifferenceReader {
 
   DifferenceUpload Read(const JsonValue& document) {
     bool haveParams = false;
-    for (const JsonMember& member : ObjectAt(document, "the document")) {
-      if (member.key == "AgentParams") {
-        upload_.agentParams = StringDictionary(member.value, member.key);
+    for (const auto& member : ObjectAt(document, "the document")) {
+      if (member.key() == "AgentParams") {
+        upload_.agentParams = StringDictionary(member.value(), member.key());
         haveParams = true;
-      } else if (member.key == "USER") {
-        upload_.user = StringDictionary(member.value, member.key);
+      } else if (member.key() == "USER") {
+        upload_.user = StringDictionary(member.value(), member.key());
       } else {
-        Class(member);
+        Class(member.key(), member.value());
       }
     }
     if (!haveParams) BadRequest("difference: no \"AgentParams\" dictionary");
@@ -186,26 +200,26 @@ class DifferenceReader {
   }
 
  private:
-  void Class(const JsonMember& member) {
-    const auto id = AllDigits(member.key) ? ParseInteger(member.key) : std::nullopt;
+  void Class(const std::string& key, const JsonValue& statuses) {
+    const auto id = AllDigits(key) ? ParseInteger(key) : std::nullopt;
     const ClassInfo* info =
         id && *id <= 1'000'000 ? catalogue_.FindClass(static_cast<int>(*id)) : nullptr;
     if (info == nullptr) {
-      BadRequest("difference: \"" + member.key + "\" is not a class of the catalogue");
+      BadRequest("difference: \"" + key + "\" is not a class of the catalogue");
     }
-    for (const JsonMember& status : ObjectAt(member.value, "class " + member.key)) {
-      const std::string where = "class " + member.key + " status " + status.key;
-      const Change change = StatusOf(status.key, "class " + member.key);
+    for (const auto& status : ObjectAt(statuses, "class " + key)) {
+      const std::string where = "class " + key + " status " + status.key();
+      const Change change = StatusOf(status.key(), "class " + key);
       if (info->id != kSoftwareClass) {
-        Instances(*info, change, status.value, where, false);
+        Instances(*info, change, status.value(), where, false);
         continue;
       }
-      for (const JsonMember& group : ObjectAt(status.value, where)) {
-        if (group.key != kOsGroup && group.key != kApplicationGroup) {
-          BadRequest("difference: " + where + ": unknown software group \"" + group.key + "\"");
+      for (const auto& group : ObjectAt(status.value(), where)) {
+        if (group.key() != kOsGroup && group.key() != kApplicationGroup) {
+          BadRequest("difference: " + where + ": unknown software group \"" + group.key() + "\"");
         }
-        Instances(*info, change, group.value, where + " group " + group.key,
-                  group.key == kOsGroup);
+        Instances(*info, change, group.value(), where + " group " + group.key(),
+                  group.key() == kOsGroup);
       }
     }
   }
@@ -216,17 +230,19 @@ class DifferenceReader {
     for (const JsonValue& item : ArrayAt(list, where)) {
       const std::string at = where + " item " + std::to_string(index++);
       InstanceChange entry{info.id, change, {}};
-      for (const JsonMember& property : ObjectAt(item, at)) {
-        const auto id = AllDigits(property.key) ? ParseInteger(property.key) : std::nullopt;
+      for (const auto& property : ObjectAt(item, at)) {
+        const std::string& key = property.key();
+        const auto id = AllDigits(key) ? ParseInteger(key) : std::nullopt;
         if (!id || *id > 1'000'000 || info.FindProperty(static_cast<int>(*id)) == nullptr) {
-          BadRequest("difference: " + at + ": \"" + property.key + "\" is not a property of " +
+          BadRequest("difference: " + at + ": \"" + key + "\" is not a property of " +
                      info.name);
         }
-        if (!property.value.IsString()) {
-          BadRequest("difference: " + at + "." + property.key + " is " +
-                     property.value.KindName() + ", expected a string");
+        if (!property.value().is_string()) {
+          BadRequest("difference: " + at + "." + key + " is " + property.value().type_name() +
+                     ", expected a string");
         }
-        entry.instance[static_cast<int>(*id)] = property.value.AsString();
+        entry.instance[static_cast<int>(*id)] =
+            AsFullInventoryValue(property.value().get<std::string>());
       }
       // The scanner blanks the OS marker before sending; the stored row keeps it.
       if (osGroup) entry.instance[kSoftwareGroupProperty] = kOsGroup;

@@ -73,7 +73,8 @@ struct DifferenceUpload {
 
 // Reads a difference document: class id -> status -> instances, the software class
 // with a group level (OS_EXT or S-1-1-0) between status and instances, plus the
-// "USER" and "AgentParams" dictionaries.
+// "USER" and "AgentParams" dictionaries. Instance values end at their first control
+// character, as the scanner cleans the values of a full inventory.
 DifferenceUpload ParseDifferenceUpload(std::string_view body, const Catalogue& catalogue);
 
 }  // namespace tarn::refserver

@@ -151,9 +151,9 @@ TEST(DifferenceUpload, StatusesAndSoftwareGroupsBecomeChanges) {
   const DifferenceUpload upload = ParseDifferenceUpload(
       DifferenceDocument(R"(  "18": {
     "0": {"S-1-1-0": [{"1801": "Slack", "1802": "4.36", "1812": "/Applications/Slack.app"}]},
-    "2": {"OS_EXT": [{"1801": "macOS", "1802": "10.11.6", "1814": "-"}]}
+    "2": {"OS_EXT": [{"1801": "macOS", "1802": "14.4.1\n", "1814": "-"}]}
   },
-  "4": {"1": [{"401": "/Volumes/USB", "410": "disk2s1"}]})"),
+  "4": {"1": [{"401": "/Volumes/USB\u007f old", "410": "\tdisk2s1"}]})"),
       ShippedCatalogue());
   ASSERT_EQ(upload.changes.size(), 3u);
   EXPECT_EQ(upload.changes[0].classId, 18);
@@ -161,6 +161,11 @@ TEST(DifferenceUpload, StatusesAndSoftwareGroupsBecomeChanges) {
   EXPECT_EQ(upload.changes[0].instance.count(1814), 0u);
   EXPECT_EQ(upload.changes[1].change, Change::kModified);
   EXPECT_EQ(upload.changes[1].instance.at(1814), "OS_EXT");  // the marker is back
+  // Values end at their first control character, as in a full inventory.
+  EXPECT_EQ(upload.changes[1].instance.at(1802), "14.4.1");
+  EXPECT_EQ(upload.changes[0].instance.at(1802), "4.36");
+  EXPECT_EQ(upload.changes[2].instance.at(401), "/Volumes/USB");
+  EXPECT_EQ(upload.changes[2].instance.at(410), "");
   EXPECT_EQ(upload.changes[2].classId, 4);
   EXPECT_EQ(upload.changes[2].change, Change::kDeleted);
   EXPECT_EQ(upload.agentParams.size(), 2u);
@@ -237,6 +242,30 @@ TEST(ApplyDifference, InstancesAreMatchedByTheirCatalogueKey) {
   EXPECT_EQ(labels, (std::vector<std::string>{"/Volumes/USB, disk2s1", "/Volumes/Gone, disk9",
                                               "Zoom 5.0", "Safari 17.1", "macOS 10.11.6",
                                               "Slack 4.36", "ComputerSystem"}));
+}
+
+TEST(ApplyDifference, ApplyingOneDifferenceTwiceLeavesWhatApplyingItOnceLeft) {
+  Inventory inventory;
+  inventory[18] = {{1, App("Safari", "17.0", "/Applications/Safari.app")}};
+  inventory[20] = {{1, {{2001, "iMac"}}}};
+  const std::vector<InstanceChange> changes = {
+      {25, Change::kAdded, {{2501, "Office Laser"}, {2502, "PCL 6"}}},
+      {18, Change::kAdded, App("Slack", "4.36", "/Applications/Slack.app")},
+      {18, Change::kModified, App("Safari", "17.1", "/Applications/Safari.app")},
+      {20, Change::kAdded, {{2001, "iMac"}}},  // no key: an equal instance is the same one
+      {20, Change::kAdded, {{2001, "Mac mini"}}}};
+  ApplyDifference(inventory, changes, ShippedCatalogue());
+  const Inventory once = inventory;
+  EXPECT_EQ(once.at(20).size(), 2u);
+  const AppliedDifference again = ApplyDifference(inventory, changes, ShippedCatalogue());
+  EXPECT_EQ(inventory, once);
+  EXPECT_EQ(again.classes.at(25).added, 1);
+  EXPECT_EQ(again.classes.at(25).unmatched, 0);
+
+  // An addition whose key is held takes the new values.
+  ApplyDifference(inventory, {{25, Change::kAdded, {{2501, "Office Laser"}, {2502, "PCL 6e"}}}},
+                  ShippedCatalogue());
+  EXPECT_EQ(inventory.at(25), (ClassInstances{{1, {{2501, "Office Laser"}, {2502, "PCL 6e"}}}}));
 }
 
 TEST(ApplyDifference, AmongEqualKeysTheDeletedValuesAndUntouchedInstancesAreChosen) {
