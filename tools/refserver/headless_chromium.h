@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "tools/refserver/json.h"
+#include "tools/refserver/testutil.h"
 
 namespace tarn::refserver::testing {
 
@@ -125,8 +126,8 @@ class HeadlessChromium {
     std::string params = "{\"url\":";
     AppendJsonString(params, url);
     const JsonValue result = Call("Page.navigate", params + "}");
-    if (const JsonValue* error = result.Find("errorText")) {
-      throw std::runtime_error("cannot load " + url + ": " + error->AsString());
+    if (const JsonValue* error = FindMember(result, "errorText")) {
+      throw std::runtime_error("cannot load " + url + ": " + error->get<std::string>());
     }
     while (!loaded_) Dispatch(Receive());
   }
@@ -136,11 +137,11 @@ class HeadlessChromium {
     std::string params = "{\"expression\":";
     AppendJsonString(params, expression);
     const JsonValue result = Call("Runtime.evaluate", params + ",\"returnByValue\":true}");
-    const JsonValue* value = result.Find("result");
-    if (value == nullptr || value->Find("value") == nullptr || !value->Find("value")->IsString()) {
+    const JsonValue* value = FindMember(result, "result");
+    if (value == nullptr || FindMember(*value, "value") == nullptr || !FindMember(*value, "value")->is_string()) {
       throw std::runtime_error("expression gave no string: " + expression);
     }
-    return value->Find("value")->AsString();
+    return FindMember(*value, "value")->get<std::string>();
   }
 
   // The whole page (not only the viewport) as PNG bytes, at the viewport's width.
@@ -177,11 +178,11 @@ class HeadlessChromium {
   }
 
   static std::string Text(const JsonValue& object, std::string_view key) {
-    const JsonValue* value = object.Find(key);
-    if (value == nullptr || !value->IsString()) {
+    const JsonValue* value = FindMember(object, key);
+    if (value == nullptr || !value->is_string()) {
       throw std::runtime_error("DevTools answer without " + std::string(key));
     }
-    return value->AsString();
+    return value->get<std::string>();
   }
 
   int Send(const std::string& method, const std::string& params, bool inSession) {
@@ -209,25 +210,25 @@ class HeadlessChromium {
     const int id = Send(method, params, inSession);
     for (;;) {
       JsonValue message = Receive();
-      const JsonValue* answerId = message.Find("id");
+      const JsonValue* answerId = FindMember(message, "id");
       if (answerId == nullptr) {
         Dispatch(message);
         continue;
       }
-      if (std::get<JsonValue::Number>(answerId->value).text != std::to_string(id)) continue;
-      if (const JsonValue* error = message.Find("error")) {
-        const JsonValue* text = error->Find("message");
+      if (answerId->get<long long>() != id) continue;
+      if (const JsonValue* error = FindMember(message, "error")) {
+        const JsonValue* text = FindMember(*error, "message");
         throw std::runtime_error(method + " failed: " +
-                                 (text != nullptr && text->IsString() ? text->AsString() : ""));
+                                 (text != nullptr && text->is_string() ? text->get<std::string>() : ""));
       }
-      const JsonValue* result = message.Find("result");
+      const JsonValue* result = FindMember(message, "result");
       return result != nullptr ? *result : JsonValue{};
     }
   }
 
   void Dispatch(const JsonValue& event) {
-    const JsonValue* method = event.Find("method");
-    if (method != nullptr && method->IsString() && method->AsString() == "Page.loadEventFired") {
+    const JsonValue* method = FindMember(event, "method");
+    if (method != nullptr && method->is_string() && method->get<std::string>() == "Page.loadEventFired") {
       loaded_ = true;
     }
   }

@@ -44,16 +44,8 @@ std::string Section(const std::string& html, const std::string& opening,
   return html.substr(start, html.find(closing, start) - start);
 }
 
-// The string at member key, or "" (a failure) when there is none.
-std::string StringAt(const JsonValue& object, const std::string& key) {
-  const JsonValue* value = object.Find(key);
-  if (value != nullptr && value->IsString()) return value->AsString();
-  ADD_FAILURE() << "no string member " << key;
-  return "";
-}
-
 bool IsNumber(const JsonValue* value) {
-  return value != nullptr && std::holds_alternative<JsonValue::Number>(value->value);
+  return value != nullptr && value->is_number();
 }
 
 TEST(Pages, TimesAreIsoDatesOnThePageAndNumbersWithAnIsoTwinInJson) {
@@ -77,10 +69,10 @@ TEST(Pages, TimesAreIsoDatesOnThePageAndNumbersWithAnIsoTwinInJson) {
             5);  // two received, two scan times, one previous scan time
 
   const JsonValue computer = ParseJson(Get(*client, "/computers/1.json"));
-  EXPECT_TRUE(IsNumber(computer.Find("firstSeen")));
+  EXPECT_TRUE(IsNumber(FindMember(computer, "firstSeen")));
   EXPECT_TRUE(std::regex_match(StringAt(computer, "firstSeenUtc"), iso));
-  EXPECT_TRUE(IsNumber(computer.Find("lastUpload")));
-  const JsonValue::Array& uploads = computer.Find("uploads")->AsArray();
+  EXPECT_TRUE(IsNumber(FindMember(computer, "lastUpload")));
+  const JsonValue& uploads = computer.at("uploads");
   ASSERT_EQ(uploads.size(), 2u);
   EXPECT_EQ(NumberAt(uploads[0], "scanTime"), 1700000100);
   EXPECT_EQ(StringAt(uploads[0], "scanTimeUtc"), "2023-11-14T22:15:00Z");
@@ -88,10 +80,10 @@ TEST(Pages, TimesAreIsoDatesOnThePageAndNumbersWithAnIsoTwinInJson) {
   EXPECT_EQ(StringAt(uploads[0], "previousScanTimeUtc"), "2023-11-14T22:13:20Z");
   EXPECT_EQ(NumberAt(uploads[1], "scanTime"), 1700000000);
   // A full upload has no previous scan time: absent, not "" or "0".
-  EXPECT_EQ(uploads[1].Find("previousScanTime"), nullptr);
-  EXPECT_EQ(uploads[1].Find("previousScanTimeUtc"), nullptr);
+  EXPECT_FALSE(uploads[1].contains("previousScanTime"));
+  EXPECT_FALSE(uploads[1].contains("previousScanTimeUtc"));
   for (const JsonValue& upload : uploads) {
-    EXPECT_TRUE(IsNumber(upload.Find("received")));
+    EXPECT_TRUE(IsNumber(FindMember(upload, "received")));
     EXPECT_TRUE(std::regex_match(StringAt(upload, "receivedUtc"), iso));
   }
 
@@ -100,7 +92,7 @@ TEST(Pages, TimesAreIsoDatesOnThePageAndNumbersWithAnIsoTwinInJson) {
   unknownPrevious.replace(unknownPrevious.find("prevScanTime=1700000000"), 23, "prevScanTime=0");
   Upload(*client, unknownPrevious, DifferenceDocument(""));
   const JsonValue again = ParseJson(Get(*client, "/computers/1.json"));
-  EXPECT_EQ(again.Find("uploads")->AsArray()[0].Find("previousScanTime"), nullptr);
+  EXPECT_FALSE(again.at("uploads")[0].contains("previousScanTime"));
   const std::string newest =
       Section(Get(*client, "/computers/1"), "<tr><td class=\"number\">3</td>", "</tr>");
   EXPECT_NE(newest.find("2023-11-14T22:15:00Z</td><td class=\"time\">-</td>"), std::string::npos)
@@ -108,14 +100,14 @@ TEST(Pages, TimesAreIsoDatesOnThePageAndNumbersWithAnIsoTwinInJson) {
 
   // The computer without uploads has no last upload at all.
   const JsonValue list = ParseJson(Get(*client, "/api/computers"));
-  ASSERT_EQ(list.AsArray().size(), 2u);
-  const JsonValue& idle = list.AsArray()[1];
+  ASSERT_EQ(list.size(), 2u);
+  const JsonValue& idle = list[1];
   EXPECT_EQ(StringAt(idle, "name"), "idle");
-  EXPECT_EQ(idle.Find("lastUpload"), nullptr);
-  EXPECT_EQ(idle.Find("lastUploadUtc"), nullptr);
-  EXPECT_EQ(idle.Find("lastKind"), nullptr);
-  EXPECT_TRUE(IsNumber(list.AsArray()[0].Find("lastUpload")));
-  EXPECT_EQ(StringAt(list.AsArray()[0], "lastKind"), "difference");
+  EXPECT_EQ(FindMember(idle, "lastUpload"), nullptr);
+  EXPECT_EQ(FindMember(idle, "lastUploadUtc"), nullptr);
+  EXPECT_EQ(FindMember(idle, "lastKind"), nullptr);
+  EXPECT_TRUE(IsNumber(FindMember(list[0], "lastUpload")));
+  EXPECT_EQ(StringAt(list[0], "lastKind"), "difference");
 }
 
 TEST(Pages, JsonNamesPropertiesAndClassesNextToTheirIds) {
@@ -129,17 +121,17 @@ TEST(Pages, JsonNamesPropertiesAndClassesNextToTheirIds) {
   "18": {"1": {"S-1-1-0": [{"1801": "Mail", "1802": "9.3"}]}})"));
 
   const JsonValue computer = ParseJson(Get(*client, "/computers/1.json"));
-  const JsonValue& software = computer.Find("classes")->AsArray()[0];
+  const JsonValue& software = computer.at("classes")[0];
   EXPECT_EQ(StringAt(software, "name"), "Software");
   std::vector<std::pair<long long, std::string>> properties;
-  ASSERT_NE(software.Find("properties"), nullptr);
-  for (const JsonValue& property : software.Find("properties")->AsArray()) {
+  ASSERT_NE(FindMember(software, "properties"), nullptr);
+  for (const JsonValue& property : software.at("properties")) {
     properties.emplace_back(NumberAt(property, "id"), StringAt(property, "name"));
   }
   // The properties the class's instances have, in id order.
   EXPECT_EQ(properties, (std::vector<std::pair<long long, std::string>>{
                             {1801, "Name"}, {1812, "Location"}}));
-  const JsonValue& change = computer.Find("uploads")->AsArray()[0].Find("changes")->AsArray()[0];
+  const JsonValue& change = computer.at("uploads")[0].at("changes")[0];
   EXPECT_EQ(NumberAt(change, "classId"), 18);
   EXPECT_EQ(StringAt(change, "className"), "Software");
   EXPECT_EQ(StringAt(change, "label"), "Mail 9.3");

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -164,6 +165,13 @@ inline InventorySets InventoryOf(const JsonValue& computer) {
     }
   }
   return sets;
+}
+
+// The member key of a JSON object, or null when there is none (or it is not an object).
+inline const JsonValue* FindMember(const JsonValue& object, std::string_view key) {
+  if (!object.is_object()) return nullptr;
+  const auto found = object.find(key);
+  return found == object.end() ? nullptr : &*found;
 }
 
 // The number or text at member key of a JSON object (which must have it).
