@@ -436,6 +436,7 @@ int ImportDocument(DocPtr document, Source source,
 const char* UntrustedRefusal(std::string_view text, const UntrustedXmlRules& rules) {
   if (text.size() > rules.maxBytes) return "it is too long";
   if (!IsValidUtf8(text)) return "it is not UTF-8 text";
+  if (HasMarkupDeclaration(text)) return "it has a document type declaration";
   if (!AttributeCountsWithin(text, rules.maxAttributesPerElement)) {
     return "an element has too many attributes";
   }

@@ -47,8 +47,8 @@ struct UntrustedXmlRules {
 };
 
 // As CreateDOFromXMLBuffer for a document from the network, checked against the rules: a
-// document that is too long, not UTF-8 or has an element with too many attributes is
-// refused before it is parsed, and is read as UTF-8 whatever it declares; an element that
+// document that is too long, not UTF-8, has a document type declaration or may have an
+// element with too many attributes (see AttributeCountsWithin) is refused before it is parsed, and is read as UTF-8 whatever it declares; an element that
 // is neither a row of an allowed table nor a grouping element fails the import (with the
 // rows added before it left in place, as for any failed import). 1 or 0 as the other
 // readers.

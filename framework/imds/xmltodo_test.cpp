@@ -265,6 +265,14 @@ TEST_F(XmlStoreTest, HostileUntrustedDocumentsFailFastBeforeTheyAddRows) {
       {"UTF-16", std::string("\xFF\xFE<\0r\0/\0>\0", 10)},
       {"300 levels", deep},
       {"entities", entities + "\"/></r>"},
+      // A quoted ">" in a declaration once hid the rest of the document from the checks.
+      {"attributes behind an entity value",
+       "<!DOCTYPE Tarn [<!ENTITY e \"><!--\">]><r><Resource" + Attributes(95000) + "/></r>"},
+      {"attributes behind a notation",
+       "<!DOCTYPE Tarn [<!NOTATION n SYSTEM \"x><!--\">]><r><Resource" + Attributes(95000) +
+           "/></r>"},
+      {"attributes behind a broken XML declaration",
+       "<?xml version=\"1.0\" x><r><Resource" + Attributes(95000) + "/></r>?>"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -278,6 +286,8 @@ TEST_F(XmlStoreTest, HostileUntrustedDocumentsFailFastBeforeTheyAddRows) {
   EXPECT_TRUE(
       log.Contains("Document refused before parsing: an element has too many attributes.\n"));
   EXPECT_TRUE(log.Contains("Document refused before parsing: it is too long.\n"));
+  EXPECT_TRUE(
+      log.Contains("Document refused before parsing: it has a document type declaration.\n"));
   EXPECT_TRUE(log.Contains("Document refused before parsing: it is not UTF-8 text.\n"));
 }
 
