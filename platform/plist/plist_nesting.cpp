@@ -114,6 +114,18 @@ bool TextWithoutNul(const BinaryLayout& layout, std::uint64_t offset) {
   return true;
 }
 
+// The bytes of a string or data object's content as stored (UTF-16 text: two per unit);
+// 0 for any other object; nothing when the content runs off the end of the data.
+std::optional<std::uint64_t> PayloadBytes(const BinaryLayout& layout, std::uint64_t offset) {
+  const std::string_view bytes = layout.bytes;
+  const unsigned kind = static_cast<unsigned char>(bytes[offset]) >> 4;
+  if (kind != 0x4 && kind != 0x5 && kind != 0x6 && kind != 0x7) return 0;
+  const std::optional<Counted> counted = CountOf(bytes, offset);
+  const std::uint64_t unit = kind == 0x6 ? 2 : 1;
+  if (!counted || counted->count > (bytes.size() - counted->position) / unit) return std::nullopt;
+  return counted->count * unit;
+}
+
 // The object references a container holds (for a dictionary: keys, then values); an empty
 // list for a scalar; nothing when the object runs off the end of the data.
 std::optional<std::vector<std::uint64_t>> ReferencesOf(const BinaryLayout& layout,
@@ -143,18 +155,21 @@ std::optional<std::vector<std::uint64_t>> ReferencesOf(const BinaryLayout& layou
 }
 
 // Depth-first walk with an explicit stack; "height" is the number of nested containers from
-// an object down to its deepest descendant and "nodes" the number of values the object
-// expands to when every reference is read as a copy (as libplist reads them), both
-// remembered per object so shared objects are walked once.
+// an object down to its deepest descendant, "nodes" the number of values the object
+// expands to when every reference is read as a copy (as libplist reads them) and "payload"
+// the bytes of string and data content it expands to, all remembered per object so shared
+// objects are walked once.
 class BinaryDepthWalk {
  public:
-  BinaryDepthWalk(const BinaryLayout& layout, int maxDepth, std::uint64_t maxNodes)
+  BinaryDepthWalk(const BinaryLayout& layout, const BinaryPlistLimits& limits)
       : layout_(layout),
-        maxDepth_(static_cast<std::size_t>(maxDepth)),
-        maxNodes_(maxNodes),
+        maxDepth_(static_cast<std::size_t>(limits.maxDepth)),
+        maxNodes_(limits.maxNodes),
+        maxPayload_(limits.maxPayloadBytes),
         state_(static_cast<std::size_t>(layout.objectCount), kUnseen),
         height_(static_cast<std::size_t>(layout.objectCount), 0),
-        nodes_(static_cast<std::size_t>(layout.objectCount), 0) {}
+        nodes_(static_cast<std::size_t>(layout.objectCount), 0),
+        payload_(static_cast<std::size_t>(layout.objectCount), 0) {}
 
   bool Within() {
     if (!Enter(layout_.topObject)) return false;
@@ -171,7 +186,8 @@ class BinaryDepthWalk {
       NoteChild(child);
     }
     const auto top = static_cast<std::size_t>(layout_.topObject);
-    return !tooMany_ && height_[top] <= maxDepth_ && nodes_[top] <= maxNodes_;
+    return !tooMany_ && height_[top] <= maxDepth_ && nodes_[top] <= maxNodes_ &&
+           payload_[top] <= maxPayload_;
   }
 
  private:
@@ -189,7 +205,9 @@ class BinaryDepthWalk {
     nodes_[index] = 1;
     const std::uint64_t offset = OffsetOf(layout_, object);
     if (!IsContainerMarker(static_cast<unsigned char>(layout_.bytes[offset]))) {
-      if (!TextWithoutNul(layout_, offset)) return false;
+      const std::optional<std::uint64_t> payload = PayloadBytes(layout_, offset);
+      if (!payload || !TextWithoutNul(layout_, offset)) return false;
+      payload_[index] = *payload;
       state_[index] = kDone;
       height_[index] = 0;
       return true;
@@ -209,24 +227,27 @@ class BinaryDepthWalk {
   }
 
   // Called for a child that is finished: raise the parent's height to the child's and add
-  // the child's values to the parent's.
+  // the child's values and payload to the parent's.
   void NoteChild(std::uint64_t child) {
     const auto childIndex = static_cast<std::size_t>(child);
     if (state_[childIndex] != kDone || stack_.empty()) return;
     const auto parentIndex = static_cast<std::size_t>(stack_.back().object);
     height_[parentIndex] = std::max(height_[parentIndex], height_[childIndex]);
-    // Both counts stay at most maxNodes_, so the sum cannot overflow.
+    // Every count stays at most its limit (or the walk stops), so no sum can overflow.
     nodes_[parentIndex] += nodes_[childIndex];
-    if (nodes_[parentIndex] > maxNodes_) tooMany_ = true;
+    payload_[parentIndex] += payload_[childIndex];
+    if (nodes_[parentIndex] > maxNodes_ || payload_[parentIndex] > maxPayload_) tooMany_ = true;
   }
 
   const BinaryLayout& layout_;
   std::size_t maxDepth_;
   std::uint64_t maxNodes_;
+  std::uint64_t maxPayload_;
   bool tooMany_ = false;
   std::vector<State> state_;
   std::vector<std::size_t> height_;
   std::vector<std::uint64_t> nodes_;
+  std::vector<std::uint64_t> payload_;
   std::vector<Frame> stack_;
 };
 
@@ -339,10 +360,10 @@ bool XmlNestingWithin(std::string_view xml, int maxDepth) {
   return scan.Within();
 }
 
-bool BinaryNestingWithin(std::string_view bytes, int maxDepth, std::uint64_t maxNodes) {
+bool BinaryNestingWithin(std::string_view bytes, const BinaryPlistLimits& limits) {
   const auto layout = ReadLayout(bytes);
   if (!layout) return false;
-  return BinaryDepthWalk(*layout, maxDepth, maxNodes).Within();
+  return BinaryDepthWalk(*layout, limits).Within();
 }
 
 }  // namespace tarn
