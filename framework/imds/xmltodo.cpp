@@ -440,6 +440,9 @@ const char* UntrustedRefusal(std::string_view text, const UntrustedXmlRules& rul
   if (!AttributeCountsWithin(text, rules.maxAttributesPerElement)) {
     return "an element has too many attributes";
   }
+  if (!NamespaceDeclarationsWithin(text, rules.maxNamespaceDeclarations)) {
+    return "it declares too many namespaces";
+  }
   return nullptr;
 }
 

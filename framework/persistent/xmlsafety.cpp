@@ -35,6 +35,15 @@ bool AttributeCountsWithin(std::string_view document, std::size_t maxPerElement)
   return true;
 }
 
+bool NamespaceDeclarationsWithin(std::string_view document, std::size_t maxDeclarations) {
+  std::size_t found = 0;
+  for (std::size_t at = document.find("xmlns"); at != std::string_view::npos;
+       at = document.find("xmlns", at + 5)) {
+    if (++found > maxDeclarations) return false;
+  }
+  return true;
+}
+
 bool HasMarkupDeclaration(std::string_view document) {
   for (std::size_t at = document.find("<!"); at != std::string_view::npos;
        at = document.find("<!", at + 2)) {

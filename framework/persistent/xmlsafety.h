@@ -44,6 +44,12 @@ bool HasUnsafeDoctype(const xmlDoc* document);
 // on reading the markup as the parser does.
 bool AttributeCountsWithin(std::string_view document, std::size_t maxPerElement);
 
+// True when "xmlns", which starts the name of every namespace declaration, occurs at most
+// maxDeclarations times anywhere in the document. libxml2 looks a prefix up through every
+// declaration in scope, element by element: a megabyte of prefixed elements under
+// thirty thousand declarations costs half a minute.
+bool NamespaceDeclarationsWithin(std::string_view document, std::size_t maxDeclarations);
+
 // True when the document holds a "<!" that opens neither a comment nor a CDATA section,
 // wherever it stands: a document type declaration, or text that looks like one. Documents
 // that must not declare anything are refused on it before parsing, so nothing a
