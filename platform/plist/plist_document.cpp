@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/plist/plist_nesting.h"
+#include "platform/plist/plist_xml_reader.h"
 #include "platform/text/utf8.h"
 
 namespace tarn {
@@ -186,11 +187,8 @@ plist_t ParseWithLibplist(std::string_view bytes) {
     plist_from_bin(bytes.data(), length, &root);
   } else {
     // A NUL byte is not XML; libplist asserts on one inside a text.
-    if (!IsValidUtf8(bytes) || bytes.find('\0') != std::string_view::npos ||
-        !XmlNestingWithin(bytes, kMaxPlistDepth)) {
-      return nullptr;
-    }
-    plist_from_xml(bytes.data(), length, &root);
+    if (!IsValidUtf8(bytes) || bytes.find('\0') != std::string_view::npos) return nullptr;
+    root = static_cast<plist_t>(ReadXmlPlist(bytes, kMaxPlistDepth));
   }
   return root;
 }

@@ -10,11 +10,6 @@
 namespace tarn {
 namespace {
 
-bool IsNameChar(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
-         c == '-' || c == ':' || c == '.';
-}
-
 // ---- Binary layout: the 32-byte trailer and the object table.
 
 struct BinaryLayout {
@@ -251,114 +246,7 @@ class BinaryDepthWalk {
   std::vector<Frame> stack_;
 };
 
-// ---- XML.
-
-// Follows the markup the way libplist's reader does (comments end at "-->", processing
-// instructions at "?>", quoted attribute values may hold ">"), counting open <dict> and
-// <array> elements. Where the reader skips text, closing tags are never counted but opening
-// ones are, so the count never falls below the reader's real nesting.
-class XmlDepthScan {
- public:
-  XmlDepthScan(std::string_view xml, int maxDepth) : xml_(xml), maxDepth_(maxDepth) {}
-
-  bool Within() {
-    std::size_t i = 0;
-    while ((i = xml_.find('<', i)) != std::string_view::npos) {
-      const std::string_view rest = xml_.substr(i);
-      std::optional<std::size_t> next;
-      if (rest.starts_with("<!--")) {
-        next = SkipSection(i + 4, "-->");
-      } else if (rest.starts_with("<![CDATA[")) {
-        next = SkipSection(i + 9, "]]>");
-      } else if (rest.starts_with("<?")) {
-        next = SkipSection(i + 2, "?>");
-      } else if (rest.starts_with("<!")) {
-        next = SkipDeclaration(i + 2);
-      } else {
-        next = ReadTag(i);
-      }
-      if (!next || depth_ > maxDepth_) return false;
-      i = *next;
-    }
-    return true;
-  }
-
- private:
-  // Past the terminator of a section the reader skips; openings inside still count.
-  std::optional<std::size_t> SkipSection(std::size_t from, std::string_view terminator) {
-    const std::size_t end = xml_.find(terminator, from);
-    if (end == std::string_view::npos) return std::nullopt;
-    CountHiddenOpenings(xml_.substr(from, end - from));
-    return end + terminator.size();
-  }
-
-  // A declaration such as <!DOCTYPE ...>. One with an internal subset ("[") is not followed.
-  std::optional<std::size_t> SkipDeclaration(std::size_t from) {
-    const std::size_t end = xml_.find('>', from);
-    if (end == std::string_view::npos) return std::nullopt;
-    const std::string_view body = xml_.substr(from, end - from);
-    if (body.find('[') != std::string_view::npos) return std::nullopt;
-    CountHiddenOpenings(body);
-    return end + 1;
-  }
-
-  void CountHiddenOpenings(std::string_view hidden) {
-    for (const std::string_view name : {std::string_view("<dict"), std::string_view("<array")}) {
-      for (std::size_t at = hidden.find(name); at != std::string_view::npos;
-           at = hidden.find(name, at + 1)) {
-        ++depth_;
-      }
-    }
-  }
-
-  // An element tag starting at i; past its ">", or nothing when it does not end.
-  std::optional<std::size_t> ReadTag(std::size_t i) {
-    const bool closing = i + 1 < xml_.size() && xml_[i + 1] == '/';
-    std::size_t at = i + (closing ? 2 : 1);
-    const std::size_t nameStart = at;
-    while (at < xml_.size() && IsNameChar(xml_[at])) ++at;
-    const std::string_view name = xml_.substr(nameStart, at - nameStart);
-    const std::optional<std::size_t> end = TagEnd(at);
-    if (!end) return std::nullopt;
-    const bool selfClosing = xml_[*end - 1] == '/';
-    if (name == "dict" || name == "array") {
-      if (closing) {
-        depth_ = std::max(0, depth_ - 1);
-      } else if (!selfClosing) {
-        ++depth_;
-      }
-    }
-    return *end + 1;
-  }
-
-  // The position of the ">" ending a tag whose attributes start at i; quoted values may
-  // hold ">".
-  std::optional<std::size_t> TagEnd(std::size_t i) const {
-    char quote = 0;
-    for (; i < xml_.size(); ++i) {
-      const char c = xml_[i];
-      if (quote != 0) {
-        if (c == quote) quote = 0;
-      } else if (c == '"' || c == '\'') {
-        quote = c;
-      } else if (c == '>') {
-        return i;
-      }
-    }
-    return std::nullopt;
-  }
-
-  std::string_view xml_;
-  int maxDepth_;
-  int depth_ = 0;
-};
-
 }  // namespace
-
-bool XmlNestingWithin(std::string_view xml, int maxDepth) {
-  XmlDepthScan scan(xml, maxDepth);
-  return scan.Within();
-}
 
 bool BinaryNestingWithin(std::string_view bytes, const BinaryPlistLimits& limits) {
   const auto layout = ReadLayout(bytes);

@@ -5,17 +5,10 @@
 
 namespace tarn {
 
-// Checks that run before property-list bytes reach libplist, which recurses over nesting
-// (and crashes on very deep input when it frees or writes a tree) and expands shared
-// objects of the binary form. Both answer false for input they cannot follow (an
-// unterminated comment, a damaged binary trailer, a reference cycle): such input is
+// The check that runs before binary property-list bytes reach libplist, which recurses
+// over nesting (and crashes on very deep input when it reads, frees or writes a tree) and
+// expands shared objects. Input it cannot follow (a damaged trailer, a reference cycle) is
 // rejected rather than risked.
-
-// True when no chain of open <dict>/<array> elements of the XML text is deeper than maxDepth,
-// reading the markup as libplist does: comments end at "-->", processing instructions at
-// "?>", quoted attribute values may hold ">". Text libplist skips may hide openings but never
-// closings. A DOCTYPE with an internal subset is not followed.
-bool XmlNestingWithin(std::string_view xml, int maxDepth);
 
 // What a binary property list may expand to when read.
 struct BinaryPlistLimits {
