@@ -14,6 +14,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -89,6 +90,102 @@ plist_t DataNode(const std::string& text) {
   return plist_new_data(bytes.empty() ? &kNothing : bytes.data(), bytes.size());
 }
 
+// ---- Characters XML refuses.
+
+// Characters libplist keeps in texts and XML does not. XML reads every line end as a line
+// feed: from the first element on, a carriage return outside a tag becomes a character
+// reference, which XML keeps. XML refuses C0 controls other than tab, line feed and carriage
+// return, and U+FFFE and U+FFFF, even as references (libplist writes them as they are): they
+// become the private-use characters U+10FF01 to U+10FF1F, U+10FF20 and U+10FF21, turned
+// back by Restore. A document that holds one of those stand-ins itself is refused.
+constexpr std::string_view kStandInLead = "\xF4\x8F\xBC";  // then 0x80 + the number below
+constexpr std::string_view kNoncharacterLead = "\xEF\xBF";  // then 0xBE or 0xBF
+constexpr int kFirstNoncharacter = 0x20;                    // U+FFFE; U+FFFF is next
+
+bool IsRefusedControl(char c) {
+  return static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\n' && c != '\r';
+}
+
+// The stand-in number of the U+FFFE or U+FFFF at i, or 0.
+int NoncharacterAt(std::string_view text, std::size_t i) {
+  if (text.compare(i, 2, kNoncharacterLead) != 0 || i + 2 >= text.size()) return 0;
+  const auto last = static_cast<unsigned char>(text[i + 2]);
+  return last == 0xBE || last == 0xBF ? kFirstNoncharacter + (last - 0xBE) : 0;
+}
+
+bool IsStandInAt(std::string_view text, std::size_t i) {
+  return text.compare(i, 3, kStandInLead) == 0 && i + 3 < text.size() &&
+         static_cast<unsigned char>(text[i + 3]) >= 0x80 &&
+         static_cast<unsigned char>(text[i + 3]) <= 0x80 + kFirstNoncharacter + 1;
+}
+
+bool NeedsStandIns(std::string_view xml) {
+  for (std::size_t i = 0; i < xml.size(); ++i) {
+    const char c = xml[i];
+    if (c == '\r' || IsRefusedControl(c) || (c == '\xEF' && NoncharacterAt(xml, i) != 0) ||
+        (c == '\xF4' && IsStandInAt(xml, i))) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// The document with the stand-ins; nothing when it holds one already.
+std::optional<std::string> WithStandIns(std::string_view xml) {
+  std::string kept;
+  kept.reserve(xml.size() + 256);
+  bool inTag = false;
+  bool inElements = false;
+  for (std::size_t i = 0; i < xml.size(); ++i) {
+    const char c = xml[i];
+    int standIn = 0;
+    if (c == '<') {
+      inTag = true;
+      if (i + 1 < xml.size() && xml[i + 1] != '?' && xml[i + 1] != '!') inElements = true;
+    } else if (c == '>') {
+      inTag = false;
+    } else if (c == '\r' && inElements && !inTag) {
+      kept += "&#13;";
+      continue;
+    } else if (IsRefusedControl(c)) {
+      standIn = c;
+    } else if (c == '\xEF' && (standIn = NoncharacterAt(xml, i)) != 0) {
+      i += 2;
+    } else if (c == '\xF4' && IsStandInAt(xml, i)) {
+      return std::nullopt;
+    }
+    if (standIn == 0) {
+      kept += c;
+      continue;
+    }
+    kept += kStandInLead;
+    kept += static_cast<char>(0x80 + standIn);
+  }
+  return kept;
+}
+
+// A text read from a document made by WithStandIns, with its characters turned back.
+void Restore(std::string& text) {
+  std::size_t at = text.find(kStandInLead);
+  if (at == std::string::npos) return;
+  std::string restored(text, 0, at);
+  for (; at < text.size(); ++at) {
+    if (!IsStandInAt(text, at)) {
+      restored += text[at];
+      continue;
+    }
+    const int standIn = static_cast<unsigned char>(text[at + 3]) - 0x80;
+    if (standIn < kFirstNoncharacter) {
+      restored += static_cast<char>(standIn);
+    } else {
+      restored += kNoncharacterLead;
+      restored += static_cast<char>(0xBE + standIn - kFirstNoncharacter);
+    }
+    at += 3;
+  }
+  text = std::move(restored);
+}
+
 // ---- The elements of a property list.
 
 enum class Kind { kPlist, kDict, kArray, kKey, kString, kInteger, kReal, kDate, kData, kTrue, kFalse };
@@ -138,7 +235,8 @@ struct PlistFree {
 // parser.
 class TreeBuilder {
  public:
-  TreeBuilder(xmlParserCtxtPtr parser, int maxDepth) : parser_(parser), maxDepth_(maxDepth) {}
+  TreeBuilder(xmlParserCtxtPtr parser, int maxDepth, bool standIns)
+      : parser_(parser), maxDepth_(maxDepth), standIns_(standIns) {}
 
   void Start(const xmlChar* name, const xmlChar* prefix) {
     if (failed_) return;
@@ -161,6 +259,7 @@ class TreeBuilder {
     if (failed_) return;
     Frame frame = std::move(open_.back());
     open_.pop_back();
+    if (standIns_ && !HoldsElements(frame.kind)) Restore(text_);
     if (IsContainer(frame.kind)) {
       --depth_;
       if (frame.hasKey) return Fail();  // a key without its value
@@ -238,6 +337,7 @@ class TreeBuilder {
 
   xmlParserCtxtPtr parser_;
   int maxDepth_;
+  bool standIns_;  // texts may hold the stand-ins of WithStandIns
   int depth_ = 0;
   bool failed_ = false;
   std::vector<Frame> open_;
@@ -278,37 +378,14 @@ xmlSAXHandler MakeHandler() {
   return handler;
 }
 
-// XML reads every line end as a line feed; libplist keeps carriage returns in texts. From
-// the first element on, a carriage return outside a tag becomes a character reference, which
-// XML keeps. Nothing is copied when there is none.
-std::string CarriageReturnsKept(std::string_view xml) {
-  std::string kept;
-  kept.reserve(xml.size() + 64);
-  bool inTag = false;
-  bool inElements = false;
-  for (std::size_t i = 0; i < xml.size(); ++i) {
-    const char c = xml[i];
-    if (c == '<') {
-      inTag = true;
-      if (i + 1 < xml.size() && xml[i + 1] != '?' && xml[i + 1] != '!') inElements = true;
-    } else if (c == '>') {
-      inTag = false;
-    } else if (c == '\r' && inElements && !inTag) {
-      kept += "&#13;";
-      continue;
-    }
-    kept += c;
-  }
-  return kept;
-}
-
 }  // namespace
 
 void* ReadXmlPlist(std::string_view xml, int maxDepth) {
-  std::string withReferences;
-  if (xml.find('\r') != std::string_view::npos) {
-    withReferences = CarriageReturnsKept(xml);
-    xml = withReferences;
+  std::optional<std::string> withStandIns;
+  if (NeedsStandIns(xml)) {
+    withStandIns = WithStandIns(xml);
+    if (!withStandIns) return nullptr;
+    xml = *withStandIns;
   }
   if (xml.size() > static_cast<std::size_t>(INT_MAX)) return nullptr;
   xmlParserCtxtPtr parser = xmlCreateMemoryParserCtxt(xml.data(), static_cast<int>(xml.size()));
@@ -318,7 +395,7 @@ void* ReadXmlPlist(std::string_view xml, int maxDepth) {
   // The context frees its own handler; this one lives on the stack until the parse ends.
   xmlSAXHandlerPtr own = parser->sax;
   parser->sax = &handler;
-  TreeBuilder builder(parser, maxDepth);
+  TreeBuilder builder(parser, maxDepth, withStandIns.has_value());
   parser->_private = &builder;
   xmlCtxtUseOptions(parser, XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING |
                                 XML_PARSE_IGNORE_ENC);
