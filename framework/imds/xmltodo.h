@@ -44,15 +44,14 @@ struct UntrustedXmlRules {
   // Any other element must be a grouping element: a name containing "List" that names no
   // table of the data dictionary.
   std::vector<std::string> rowTables;
-  // Most namespace declarations the whole document may hold (see
-  // NamespaceDeclarationsWithin).
+  // Most namespace declarations the whole document may hold.
   std::size_t maxNamespaceDeclarations = 16;
 };
 
 // As CreateDOFromXMLBuffer for a document from the network, checked against the rules: a
-// document that is too long, not UTF-8, has a document type declaration, too many namespace
-// declarations or may have an element with too many attributes (see AttributeCountsWithin)
-// is refused before it is parsed, and is read as UTF-8 whatever it declares; an element that
+// document that is too long, not UTF-8, has a document type declaration, or may hold too many
+// attributes on one element or too many namespace declarations (see CountXmlMarkup) is
+// refused before it is parsed, and is read as UTF-8 whatever it declares; an element that
 // is neither a row of an allowed table nor a grouping element fails the import (with the
 // rows added before it left in place, as for any failed import). 1 or 0 as the other
 // readers.

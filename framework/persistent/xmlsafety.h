@@ -35,21 +35,6 @@ bool IsUnsafeDtd(const xmlDtd* dtd);
 // unsafe (see IsUnsafeDtd) or it carries an external subset.
 bool HasUnsafeDoctype(const xmlDoc* document);
 
-// True when no start tag of the document can carry more than maxPerElement attributes.
-// A linear scan over the bytes, made before libxml2 sees the document: libxml2 checks an
-// element's attributes for duplicates pairwise, so one element with a hundred thousand
-// attributes costs seconds. The attributes of a tag opened at a "<" (one not followed by
-// "/", "?" or "!") are counted as the "=" signs up to the next "<", whatever the bytes
-// between mean: text, comments and quoted values count too, so the answer never depends
-// on reading the markup as the parser does.
-bool AttributeCountsWithin(std::string_view document, std::size_t maxPerElement);
-
-// True when "xmlns", which starts the name of every namespace declaration, occurs at most
-// maxDeclarations times anywhere in the document. libxml2 looks a prefix up through every
-// declaration in scope, element by element: a megabyte of prefixed elements under
-// thirty thousand declarations costs half a minute.
-bool NamespaceDeclarationsWithin(std::string_view document, std::size_t maxDeclarations);
-
 // True when the document holds a "<!" that opens neither a comment nor a CDATA section,
 // wherever it stands: a document type declaration, or text that looks like one. Documents
 // that must not declare anything are refused on it before parsing, so nothing a

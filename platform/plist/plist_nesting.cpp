@@ -86,8 +86,7 @@ std::optional<Counted> CountOf(std::string_view bytes, std::uint64_t offset) {
 
 std::uint64_t OffsetOf(const BinaryLayout& layout, std::uint64_t object) {
   return ReadBigEndian(
-      layout.bytes,
-      static_cast<std::size_t>(layout.offsetTableStart + object * layout.offsetSize),
+      layout.bytes, static_cast<std::size_t>(layout.offsetTableStart + object * layout.offsetSize),
       layout.offsetSize);
 }
 

@@ -30,7 +30,8 @@ std::string BinaryPlist(const std::vector<std::vector<int>>& objects) {
   const std::size_t table = bytes.size();
   for (const std::size_t offset : offsets) bytes += static_cast<char>(offset);
   const auto bigEndian64 = [&bytes](std::uint64_t value) {
-    for (int shift = 56; shift >= 0; shift -= 8) bytes += static_cast<char>((value >> shift) & 0xFF);
+    for (int shift = 56; shift >= 0; shift -= 8)
+      bytes += static_cast<char>((value >> shift) & 0xFF);
   };
   bytes += std::string(6, '\0');
   bytes += '\x01';  // offset width
@@ -103,8 +104,8 @@ std::string SharedStringPlist(std::uint32_t length, std::uint32_t references) {
   bytes += std::string(6, '\0');
   bytes += '\x04';  // offset width
   bytes += '\x01';  // reference width
-  bigEndian(2, 8);   // objects
-  bigEndian(1, 8);   // top object
+  bigEndian(2, 8);  // objects
+  bigEndian(1, 8);  // top object
   bigEndian(table, 8);
   return bytes;
 }

@@ -18,6 +18,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/text/xml_markup_bounds.h"
+
 namespace tarn {
 namespace {
 
@@ -34,7 +36,9 @@ plist_t IntegerNode(const std::string& text) {
   return plist_new_uint(negative ? 0 - magnitude : magnitude);
 }
 
-plist_t RealNode(const std::string& text) { return plist_new_real(std::strtod(text.c_str(), nullptr)); }
+plist_t RealNode(const std::string& text) {
+  return plist_new_real(std::strtod(text.c_str(), nullptr));
+}
 
 // "YYYY-MM-DDTHH:MM:SS" (anything after it is ignored, fields that do not read stay at their
 // start) as whole seconds since 2001; a text shorter than 11 or longer than 31 bytes reads
@@ -98,7 +102,7 @@ plist_t DataNode(const std::string& text) {
 // return, and U+FFFE and U+FFFF, even as references (libplist writes them as they are): they
 // become the private-use characters U+10FF01 to U+10FF1F, U+10FF20 and U+10FF21, turned
 // back by Restore. A document that holds one of those stand-ins itself is refused.
-constexpr std::string_view kStandInLead = "\xF4\x8F\xBC";  // then 0x80 + the number below
+constexpr std::string_view kStandInLead = "\xF4\x8F\xBC";   // then 0x80 + the number below
 constexpr std::string_view kNoncharacterLead = "\xEF\xBF";  // then 0xBE or 0xBF
 constexpr int kFirstNoncharacter = 0x20;                    // U+FFFE; U+FFFF is next
 
@@ -188,14 +192,26 @@ void Restore(std::string& text) {
 
 // ---- The elements of a property list.
 
-enum class Kind { kPlist, kDict, kArray, kKey, kString, kInteger, kReal, kDate, kData, kTrue, kFalse };
+enum class Kind {
+  kPlist,
+  kDict,
+  kArray,
+  kKey,
+  kString,
+  kInteger,
+  kReal,
+  kDate,
+  kData,
+  kTrue,
+  kFalse
+};
 
 std::optional<Kind> KindNamed(const char* name) {
   static constexpr std::pair<const char*, Kind> kNames[] = {
-      {"dict", Kind::kDict},       {"key", Kind::kKey},       {"string", Kind::kString},
-      {"array", Kind::kArray},     {"integer", Kind::kInteger}, {"true", Kind::kTrue},
-      {"false", Kind::kFalse},     {"date", Kind::kDate},     {"data", Kind::kData},
-      {"real", Kind::kReal},       {"plist", Kind::kPlist}};
+      {"dict", Kind::kDict},   {"key", Kind::kKey},         {"string", Kind::kString},
+      {"array", Kind::kArray}, {"integer", Kind::kInteger}, {"true", Kind::kTrue},
+      {"false", Kind::kFalse}, {"date", Kind::kDate},       {"data", Kind::kData},
+      {"real", Kind::kReal},   {"plist", Kind::kPlist}};
   for (const auto& [word, kind] : kNames) {
     if (std::strcmp(name, word) == 0) return kind;
   }
@@ -294,7 +310,9 @@ class TreeBuilder {
   }
 
   // The finished tree; null after any fault.
-  plist_t Take() { return failed_ || !open_.empty() ? nullptr : static_cast<plist_t>(root_.release()); }
+  plist_t Take() {
+    return failed_ || !open_.empty() ? nullptr : static_cast<plist_t>(root_.release());
+  }
 
  private:
   struct Frame {
@@ -359,8 +377,15 @@ void OnEnd(void* context, const xmlChar*, const xmlChar*, const xmlChar*) {
 void OnText(void* context, const xmlChar* text, int length) {
   BuilderOf(context).Text(text, length);
 }
-// Entity declarations are refused: nothing a tool writes declares any, and expanding them is
-// how a small document gets large.
+// An internal subset of the document type declaration is refused: nothing a tool writes has
+// one, entities declared there expand a small document into a large one, and attribute
+// defaults add namespace declarations to every element. The parser stands at its "[".
+void OnDoctype(void* context, const xmlChar*, const xmlChar*, const xmlChar*) {
+  const auto parser = static_cast<xmlParserCtxtPtr>(context);
+  if (parser->input != nullptr && parser->input->cur != nullptr && parser->input->cur[0] == '[') {
+    BuilderOf(context).Fail();
+  }
+}
 void OnEntityDeclaration(void* context, const xmlChar*, int, const xmlChar*, const xmlChar*,
                          xmlChar*) {
   BuilderOf(context).Fail();
@@ -374,6 +399,7 @@ xmlSAXHandler MakeHandler() {
   handler.characters = OnText;
   handler.ignorableWhitespace = OnText;
   handler.cdataBlock = OnText;
+  handler.internalSubset = OnDoctype;
   handler.entityDecl = OnEntityDeclaration;
   return handler;
 }
@@ -381,6 +407,9 @@ xmlSAXHandler MakeHandler() {
 }  // namespace
 
 void* ReadXmlPlist(std::string_view xml, int maxDepth) {
+  // Elements of a property list carry no attributes that matter, and no namespaces.
+  const XmlMarkupCounts counts = CountXmlMarkup(xml);
+  if (counts.mostAttributes > 16 || counts.namespaceDeclarations > 0) return nullptr;
   std::optional<std::string> withStandIns;
   if (NeedsStandIns(xml)) {
     withStandIns = WithStandIns(xml);
@@ -397,8 +426,8 @@ void* ReadXmlPlist(std::string_view xml, int maxDepth) {
   parser->sax = &handler;
   TreeBuilder builder(parser, maxDepth, withStandIns.has_value());
   parser->_private = &builder;
-  xmlCtxtUseOptions(parser, XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING |
-                                XML_PARSE_IGNORE_ENC);
+  xmlCtxtUseOptions(
+      parser, XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_IGNORE_ENC);
   xmlParseDocument(parser);
   const bool wellFormed = parser->wellFormed != 0;
   parser->sax = own;

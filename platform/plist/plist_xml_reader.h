@@ -13,10 +13,11 @@
 namespace tarn {
 
 // The tree of the XML property list (UTF-8, no NUL byte), or null when the bytes are not
-// well-formed XML, declare entities, nest containers deeper than maxDepth, hold elements or
-// text a property list cannot, or a dictionary key without its value. The root element is
-// <plist> holding one value, or a value element itself. The caller frees the tree with
-// plist_free.
+// well-formed XML, have an internal DTD subset, may carry more than 16 attributes on an
+// element or any namespace declaration (see CountXmlMarkup), nest containers deeper than
+// maxDepth, hold elements or text a property list cannot, or a dictionary key without its
+// value. The root element is <plist> holding one value, or a value element itself. The
+// caller frees the tree with plist_free.
 void* ReadXmlPlist(std::string_view xml, int maxDepth);
 
 }  // namespace tarn

@@ -84,10 +84,10 @@ std::string Difference(plist_t a, plist_t b, const std::string& path = "/") {
       std::int32_t y[2] = {};
       plist_get_date_val(a, &x[0], &x[1]);
       plist_get_date_val(b, &y[0], &y[1]);
-      return x[0] == y[0] && x[1] == y[1] ? ""
-                                          : path + ": " + std::to_string(x[0]) + "." +
-                                                std::to_string(x[1]) + " against " +
-                                                std::to_string(y[0]) + "." + std::to_string(y[1]);
+      return x[0] == y[0] && x[1] == y[1]
+                 ? ""
+                 : path + ": " + std::to_string(x[0]) + "." + std::to_string(x[1]) + " against " +
+                       std::to_string(y[0]) + "." + std::to_string(y[1]);
     }
     default:
       return plist_compare_node_value(a, b) ? "" : path + ": values differ";
@@ -135,7 +135,8 @@ TEST(XmlPlistReader, ReadsEveryValueAsLibplistDoes) {
       "<string><![CDATA[a<b]]>c</string><string>a<!-- x -->b</string><string/><string></string>",
       "<string>a\r\nb\rc</string>",
       // Characters XML refuses and libplist writes as they are.
-      "<string>\x01\x1f\x7f controls \xEF\xBF\xBE\xEF\xBF\xBF</string><dict><key>\x02</key><true/></dict>",
+      "<string>\x01\x1f\x7f controls "
+      "\xEF\xBF\xBE\xEF\xBF\xBF</string><dict><key>\x02</key><true/></dict>",
       "<dict>\r\n<key>k\r</key>\r\n<string>\r</string>\r\n</dict>",
       // Integers: signs, bases, blanks, overflow, junk.
       "<integer> 42 </integer><integer>-5</integer><integer>0x10</integer><integer>+7</integer>",
@@ -166,17 +167,22 @@ TEST(XmlPlistReader, ReadsEveryValueAsLibplistDoes) {
 
 TEST(XmlPlistReader, RefusesWhatIsNotAPropertyList) {
   const char* const documents[] = {
-      "<plist><array></plist>",                                       // not well-formed
-      "<plist><array><foo/></array></plist>",                         // unknown element
-      "<plist><dict><key>a</key></dict></plist>",                     // key without value
-      "<plist><dict><string>a</string></dict></plist>",               // value without key
-      "<plist><array><key>a</key></array></plist>",                   // key outside a dict
-      "<plist><string>a<b/></string></plist>",                        // element in a value
-      "<plist><array>text</array></plist>",                           // text between values
-      "<plist><array/><array/></plist>",                              // two values
-      "<plist></plist>",                                              // none
-      "<plist><x:array xmlns:x=\"u\"/></plist>",                      // namespaced
+      "<plist><array></plist>",                          // not well-formed
+      "<plist><array><foo/></array></plist>",            // unknown element
+      "<plist><dict><key>a</key></dict></plist>",        // key without value
+      "<plist><dict><string>a</string></dict></plist>",  // value without key
+      "<plist><array><key>a</key></array></plist>",      // key outside a dict
+      "<plist><string>a<b/></string></plist>",           // element in a value
+      "<plist><array>text</array></plist>",              // text between values
+      "<plist><array/><array/></plist>",                 // two values
+      "<plist></plist>",                                 // none
+      "<plist><x:array xmlns:x=\"u\"/></plist>",         // namespaced
       "<!DOCTYPE plist [<!ENTITY e \"x\">]><plist><string>&e;</string></plist>",
+      "<!DOCTYPE plist [<!ATTLIST plist xmlns:a CDATA \"u\">]><plist><true/></plist>",
+      // Markup libxml2 reads slowly in bulk: attributes on one element, namespaces.
+      "<plist a='' b='' c='' d='' e='' f='' g='' h='' i='' j='' k='' l='' m='' n='' o='' p='' "
+      "q=''><true/></plist>",
+      "<plist xmlns='u'><true/></plist>",
       // The private-use characters that stand in for controls, written by someone else.
       "<plist><string>\x01 \xF4\x8F\xBC\x81</string></plist>",
   };
