@@ -430,6 +430,9 @@ void* ReadXmlPlist(std::string_view xml, int maxDepth) {
       parser, XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_IGNORE_ENC);
   xmlParseDocument(parser);
   const bool wellFormed = parser->wellFormed != 0;
+  // libxml2 keeps entity declarations in a document of its own even when reading for events.
+  if (parser->myDoc != nullptr) xmlFreeDoc(parser->myDoc);
+  parser->myDoc = nullptr;
   parser->sax = own;
   xmlFreeParserCtxt(parser);
   plist_t root = builder.Take();
