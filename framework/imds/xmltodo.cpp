@@ -21,6 +21,7 @@
 #include "framework/utils/agentutils.h"
 #include "framework/utils/stringutils.h"
 #include "platform/text/utf8.h"
+#include "platform/text/xml_markup_bounds.h"
 
 namespace tarn {
 namespace {
@@ -29,7 +30,6 @@ struct DocDeleter {
   void operator()(xmlDoc* document) const { xmlFreeDoc(document); }
 };
 using DocPtr = std::unique_ptr<xmlDoc, DocDeleter>;
-
 
 const char* AsChars(const xmlChar* text) { return reinterpret_cast<const char*>(text); }
 
@@ -162,8 +162,7 @@ std::string AttributeValue(const xmlDoc* document, const xmlAttr* attribute) {
   if (children->type == XML_TEXT_NODE && children->next == nullptr) {
     return children->content == nullptr ? std::string() : AsChars(children->content);
   }
-  XmlText joined(
-      xmlNodeListGetString(const_cast<xmlDoc*>(document), children, 1));
+  XmlText joined(xmlNodeListGetString(const_cast<xmlDoc*>(document), children, 1));
   return joined ? std::string(AsChars(joined.get())) : std::string();
 }
 
@@ -449,8 +448,13 @@ int ImportDocument(DocPtr document, Source source,
 const char* UntrustedRefusal(std::string_view text, const UntrustedXmlRules& rules) {
   if (text.size() > rules.maxBytes) return "it is too long";
   if (!IsValidUtf8(text)) return "it is not UTF-8 text";
-  if (!AttributeCountsWithin(text, rules.maxAttributesPerElement)) {
+  if (HasMarkupDeclaration(text)) return "it has a document type declaration";
+  const XmlMarkupCounts counts = CountXmlMarkup(text);
+  if (counts.mostAttributes > rules.maxAttributesPerElement) {
     return "an element has too many attributes";
+  }
+  if (counts.namespaceDeclarations > rules.maxNamespaceDeclarations) {
+    return "it declares too many namespaces";
   }
   return nullptr;
 }

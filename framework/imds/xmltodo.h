@@ -47,10 +47,13 @@ struct UntrustedXmlRules {
   // When true, rows of other tables the data dictionary defines are skipped (one log line per
   // table) instead of failing the import.
   bool skipOtherKnownTables = false;
+  // Most namespace declarations the whole document may hold.
+  std::size_t maxNamespaceDeclarations = 16;
 };
 
 // As CreateDOFromXMLBuffer for a document from the network, checked against the rules: a
-// document that is too long, not UTF-8 or has an element with too many attributes is
+// document that is too long, not UTF-8, has a document type declaration, or may hold too many
+// attributes on one element or too many namespace declarations (see CountXmlMarkup) is
 // refused before it is parsed, and is read as UTF-8 whatever it declares; an element that
 // is neither a row of an allowed table, a grouping element nor (when the rules say so) a row
 // of another known table fails the import (with the

@@ -235,6 +235,16 @@ TEST_F(XmlStoreTest, HostileUntrustedDocumentsFailFastBeforeTheyAddRows) {
   std::string entities =
       "<!DOCTYPE r [<!ENTITY a \"aaaaaaaaaaaaaaaaaaaaaaaaaaaaaa\">]><r><Resource NAME=\"";
   for (int i = 0; i < 20000; ++i) entities += "&a;";
+  // 32000 namespace declarations in scope of every prefixed element after them.
+  std::string namespaces;
+  for (int level = 0; level < 128; ++level) {
+    namespaces += "<ResourceList";
+    for (int i = 0; i < 250; ++i) {
+      namespaces += " xmlns:n" + std::to_string(level * 250 + i) + "=\"u\"";
+    }
+    namespaces += ">";
+  }
+  while (namespaces.size() < 1000 * 1000) namespaces += "<n0:Resource/>";
   struct Case {
     const char* name;
     std::string document;
@@ -250,6 +260,15 @@ TEST_F(XmlStoreTest, HostileUntrustedDocumentsFailFastBeforeTheyAddRows) {
       {"UTF-16", std::string("\xFF\xFE<\0r\0/\0>\0", 10)},
       {"300 levels", deep},
       {"entities", entities + "\"/></r>"},
+      // A quoted ">" in a declaration once hid the rest of the document from the checks.
+      {"attributes behind an entity value",
+       "<!DOCTYPE Tarn [<!ENTITY e \"><!--\">]><r><Resource" + Attributes(95000) + "/></r>"},
+      {"attributes behind a notation",
+       "<!DOCTYPE Tarn [<!NOTATION n SYSTEM \"x><!--\">]><r><Resource" + Attributes(95000) +
+           "/></r>"},
+      {"namespaces", namespaces},
+      {"attributes behind a broken XML declaration",
+       "<?xml version=\"1.0\" x><r><Resource" + Attributes(95000) + "/></r>?>"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -263,6 +282,9 @@ TEST_F(XmlStoreTest, HostileUntrustedDocumentsFailFastBeforeTheyAddRows) {
   EXPECT_TRUE(
       log.Contains("Document refused before parsing: an element has too many attributes.\n"));
   EXPECT_TRUE(log.Contains("Document refused before parsing: it is too long.\n"));
+  EXPECT_TRUE(
+      log.Contains("Document refused before parsing: it has a document type declaration.\n"));
+  EXPECT_TRUE(log.Contains("Document refused before parsing: it declares too many namespaces.\n"));
   EXPECT_TRUE(log.Contains("Document refused before parsing: it is not UTF-8 text.\n"));
 }
 

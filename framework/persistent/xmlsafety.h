@@ -35,12 +35,10 @@ bool IsUnsafeDtd(const xmlDtd* dtd);
 // unsafe (see IsUnsafeDtd) or it carries an external subset.
 bool HasUnsafeDoctype(const xmlDoc* document);
 
-// True when no start tag of the UTF-8 document carries more than maxPerElement attributes.
-// A linear scan over the bytes, made before libxml2 sees the document: libxml2 checks an
-// element's attributes for duplicates pairwise, so one element with a hundred thousand
-// attributes costs seconds. Comments, CDATA sections, processing instructions, declarations
-// and end tags are skipped; quoted attribute values are skipped whole. A document the scan
-// cannot follow to its end is left to the parser, which refuses it.
-bool AttributeCountsWithin(std::string_view document, std::size_t maxPerElement);
+// True when the document holds a "<!" that opens neither a comment nor a CDATA section,
+// wherever it stands: a document type declaration, or text that looks like one. Documents
+// that must not declare anything are refused on it before parsing, so nothing a
+// declaration could hide (in a quoted entity value, say) ever reaches the parser.
+bool HasMarkupDeclaration(std::string_view document);
 
 }  // namespace tarn

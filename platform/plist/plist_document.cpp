@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/plist/plist_nesting.h"
+#include "platform/plist/plist_xml_reader.h"
 #include "platform/text/utf8.h"
 
 namespace tarn {
@@ -168,26 +169,26 @@ bool Convertible(plist_t root, bool checkText) {
   return true;
 }
 
-// The most values a binary property list of that size may expand to: about what the bytes
-// could hold without shared containers (every reference takes at least one byte).
-std::uint64_t MaxBinaryPlistNodes(std::size_t size) { return 2 * std::uint64_t{size} + 1024; }
+// What a binary property list of that size may expand to. Values: about what the bytes
+// could hold without shared containers (every reference takes at least one byte). String
+// and data content: sixteen times the size and a mebibyte, far beyond any tool's report.
+BinaryPlistLimits BinaryLimitsFor(std::size_t size) {
+  return {kMaxPlistDepth, 2 * std::uint64_t{size} + 1024, 16 * std::uint64_t{size} + (1U << 20)};
+}
 
 plist_t ParseWithLibplist(std::string_view bytes) {
   if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) return nullptr;
   plist_t root = nullptr;
   const auto length = static_cast<std::uint32_t>(bytes.size());
   if (bytes.starts_with(kBinaryMagic)) {
-    if (!BinaryNestingWithin(bytes, kMaxPlistDepth, MaxBinaryPlistNodes(bytes.size()))) {
+    if (!BinaryNestingWithin(bytes, BinaryLimitsFor(bytes.size()))) {
       return nullptr;
     }
     plist_from_bin(bytes.data(), length, &root);
   } else {
     // A NUL byte is not XML; libplist asserts on one inside a text.
-    if (!IsValidUtf8(bytes) || bytes.find('\0') != std::string_view::npos ||
-        !XmlNestingWithin(bytes, kMaxPlistDepth)) {
-      return nullptr;
-    }
-    plist_from_xml(bytes.data(), length, &root);
+    if (!IsValidUtf8(bytes) || bytes.find('\0') != std::string_view::npos) return nullptr;
+    root = static_cast<plist_t>(ReadXmlPlist(bytes, kMaxPlistDepth));
   }
   return root;
 }

@@ -1,4 +1,5 @@
-// Property lists kept as libplist parsed them, for documents that are read once and are large
+// Property lists kept as libplist trees (the XML form read by plist_xml_reader.h, the binary
+// form by libplist), for documents that are read once and are large
 // (the applications report): reading them in place saves building a second tree. Every
 // answer and every raise is the one the PlistValue of the same document gives, so code
 // written against the free functions below reads both alike.

@@ -13,11 +13,12 @@ inline constexpr int kMaxPlistDepth = 256;
 
 // Parses an XML or binary property list (the form is recognised from the first bytes; a
 // UTF-8 byte-order mark before XML is skipped). Every container of the result is mutable and
-// owned by the caller. Gives absent, never raises, when the bytes are not a property list,
-// nest deeper than kMaxPlistDepth, hold text that is not valid UTF-8 or holds a NUL
-// character (XML: a NUL byte anywhere), hold a value kind
-// with no PlistValue counterpart (keyed-archive UIDs), or (binary form) share containers so
-// that they expand to more than about two values per byte.
+// owned by the caller. Gives absent, never raises, when the bytes are not a property list
+// (XML: not well-formed, or declaring entities), nest deeper than kMaxPlistDepth, hold text
+// that is not valid UTF-8 or holds a NUL character (XML: a NUL byte anywhere), hold a value
+// kind with no PlistValue counterpart (keyed-archive UIDs), or (binary form) share objects so
+// that they expand to more than about two values per byte, or to more string and data
+// content than sixteen times their size and a mebibyte.
 //
 // Integers arrive from libplist without their sign: values with the top bit set are read
 // back as negative signed integers. libplist keeps dates as 32-bit seconds since 2001, so

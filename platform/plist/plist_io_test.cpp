@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/exception/platform_exception.h"
+#include "platform/plist/plist_document.h"
 #include "platform/file/file_util.h"
 
 namespace tarn {
@@ -187,6 +188,11 @@ TEST(PlistIoTest, HiddenNestingAndSharedExpansionNeverReachLibplist) {
   std::string hidden;
   for (int i = 0; i < 200000; ++i) hidden += "<array><? ></array>?>";
   EXPECT_EQ(ParsePlist(XmlDocument(hidden)), nullptr);
+  // 300,000 levels behind an apostrophe, which libplist does not read as a quote.
+  std::string apostrophe = "<array x='>";
+  for (int i = 0; i < 300000; ++i) apostrophe += "<array>";
+  EXPECT_EQ(ParsePlist(XmlDocument(apostrophe + "'>")), nullptr);
+  EXPECT_EQ(PlistDocument::Parse(XmlDocument(apostrophe + "'>")), nullptr);
 
   // 20 levels in under 130 bytes would make libplist build two million values.
   ASSERT_LT(DoublingBinaryArrays(20).size(), 130u);

@@ -10,11 +10,6 @@
 namespace tarn {
 namespace {
 
-bool IsNameChar(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
-         c == '-' || c == ':' || c == '.';
-}
-
 // ---- Binary layout: the 32-byte trailer and the object table.
 
 struct BinaryLayout {
@@ -91,8 +86,7 @@ std::optional<Counted> CountOf(std::string_view bytes, std::uint64_t offset) {
 
 std::uint64_t OffsetOf(const BinaryLayout& layout, std::uint64_t object) {
   return ReadBigEndian(
-      layout.bytes,
-      static_cast<std::size_t>(layout.offsetTableStart + object * layout.offsetSize),
+      layout.bytes, static_cast<std::size_t>(layout.offsetTableStart + object * layout.offsetSize),
       layout.offsetSize);
 }
 
@@ -112,6 +106,18 @@ bool TextWithoutNul(const BinaryLayout& layout, std::uint64_t offset) {
     if (text[i] == '\0' && text[i + 1] == '\0') return false;
   }
   return true;
+}
+
+// The bytes of a string or data object's content as stored (UTF-16 text: two per unit);
+// 0 for any other object; nothing when the content runs off the end of the data.
+std::optional<std::uint64_t> PayloadBytes(const BinaryLayout& layout, std::uint64_t offset) {
+  const std::string_view bytes = layout.bytes;
+  const unsigned kind = static_cast<unsigned char>(bytes[offset]) >> 4;
+  if (kind != 0x4 && kind != 0x5 && kind != 0x6 && kind != 0x7) return 0;
+  const std::optional<Counted> counted = CountOf(bytes, offset);
+  const std::uint64_t unit = kind == 0x6 ? 2 : 1;
+  if (!counted || counted->count > (bytes.size() - counted->position) / unit) return std::nullopt;
+  return counted->count * unit;
 }
 
 // The object references a container holds (for a dictionary: keys, then values); an empty
@@ -143,18 +149,21 @@ std::optional<std::vector<std::uint64_t>> ReferencesOf(const BinaryLayout& layou
 }
 
 // Depth-first walk with an explicit stack; "height" is the number of nested containers from
-// an object down to its deepest descendant and "nodes" the number of values the object
-// expands to when every reference is read as a copy (as libplist reads them), both
-// remembered per object so shared objects are walked once.
+// an object down to its deepest descendant, "nodes" the number of values the object
+// expands to when every reference is read as a copy (as libplist reads them) and "payload"
+// the bytes of string and data content it expands to, all remembered per object so shared
+// objects are walked once.
 class BinaryDepthWalk {
  public:
-  BinaryDepthWalk(const BinaryLayout& layout, int maxDepth, std::uint64_t maxNodes)
+  BinaryDepthWalk(const BinaryLayout& layout, const BinaryPlistLimits& limits)
       : layout_(layout),
-        maxDepth_(static_cast<std::size_t>(maxDepth)),
-        maxNodes_(maxNodes),
+        maxDepth_(static_cast<std::size_t>(limits.maxDepth)),
+        maxNodes_(limits.maxNodes),
+        maxPayload_(limits.maxPayloadBytes),
         state_(static_cast<std::size_t>(layout.objectCount), kUnseen),
         height_(static_cast<std::size_t>(layout.objectCount), 0),
-        nodes_(static_cast<std::size_t>(layout.objectCount), 0) {}
+        nodes_(static_cast<std::size_t>(layout.objectCount), 0),
+        payload_(static_cast<std::size_t>(layout.objectCount), 0) {}
 
   bool Within() {
     if (!Enter(layout_.topObject)) return false;
@@ -171,7 +180,8 @@ class BinaryDepthWalk {
       NoteChild(child);
     }
     const auto top = static_cast<std::size_t>(layout_.topObject);
-    return !tooMany_ && height_[top] <= maxDepth_ && nodes_[top] <= maxNodes_;
+    return !tooMany_ && height_[top] <= maxDepth_ && nodes_[top] <= maxNodes_ &&
+           payload_[top] <= maxPayload_;
   }
 
  private:
@@ -189,7 +199,9 @@ class BinaryDepthWalk {
     nodes_[index] = 1;
     const std::uint64_t offset = OffsetOf(layout_, object);
     if (!IsContainerMarker(static_cast<unsigned char>(layout_.bytes[offset]))) {
-      if (!TextWithoutNul(layout_, offset)) return false;
+      const std::optional<std::uint64_t> payload = PayloadBytes(layout_, offset);
+      if (!payload || !TextWithoutNul(layout_, offset)) return false;
+      payload_[index] = *payload;
       state_[index] = kDone;
       height_[index] = 0;
       return true;
@@ -209,140 +221,36 @@ class BinaryDepthWalk {
   }
 
   // Called for a child that is finished: raise the parent's height to the child's and add
-  // the child's values to the parent's.
+  // the child's values and payload to the parent's.
   void NoteChild(std::uint64_t child) {
     const auto childIndex = static_cast<std::size_t>(child);
     if (state_[childIndex] != kDone || stack_.empty()) return;
     const auto parentIndex = static_cast<std::size_t>(stack_.back().object);
     height_[parentIndex] = std::max(height_[parentIndex], height_[childIndex]);
-    // Both counts stay at most maxNodes_, so the sum cannot overflow.
+    // Every count stays at most its limit (or the walk stops), so no sum can overflow.
     nodes_[parentIndex] += nodes_[childIndex];
-    if (nodes_[parentIndex] > maxNodes_) tooMany_ = true;
+    payload_[parentIndex] += payload_[childIndex];
+    if (nodes_[parentIndex] > maxNodes_ || payload_[parentIndex] > maxPayload_) tooMany_ = true;
   }
 
   const BinaryLayout& layout_;
   std::size_t maxDepth_;
   std::uint64_t maxNodes_;
+  std::uint64_t maxPayload_;
   bool tooMany_ = false;
   std::vector<State> state_;
   std::vector<std::size_t> height_;
   std::vector<std::uint64_t> nodes_;
+  std::vector<std::uint64_t> payload_;
   std::vector<Frame> stack_;
-};
-
-// ---- XML.
-
-// Follows the markup the way libplist's reader does (comments end at "-->", processing
-// instructions at "?>", quoted attribute values may hold ">"), counting open <dict> and
-// <array> elements. Where the reader skips text, closing tags are never counted but opening
-// ones are, so the count never falls below the reader's real nesting.
-class XmlDepthScan {
- public:
-  XmlDepthScan(std::string_view xml, int maxDepth) : xml_(xml), maxDepth_(maxDepth) {}
-
-  bool Within() {
-    std::size_t i = 0;
-    while ((i = xml_.find('<', i)) != std::string_view::npos) {
-      const std::string_view rest = xml_.substr(i);
-      std::optional<std::size_t> next;
-      if (rest.starts_with("<!--")) {
-        next = SkipSection(i + 4, "-->");
-      } else if (rest.starts_with("<![CDATA[")) {
-        next = SkipSection(i + 9, "]]>");
-      } else if (rest.starts_with("<?")) {
-        next = SkipSection(i + 2, "?>");
-      } else if (rest.starts_with("<!")) {
-        next = SkipDeclaration(i + 2);
-      } else {
-        next = ReadTag(i);
-      }
-      if (!next || depth_ > maxDepth_) return false;
-      i = *next;
-    }
-    return true;
-  }
-
- private:
-  // Past the terminator of a section the reader skips; openings inside still count.
-  std::optional<std::size_t> SkipSection(std::size_t from, std::string_view terminator) {
-    const std::size_t end = xml_.find(terminator, from);
-    if (end == std::string_view::npos) return std::nullopt;
-    CountHiddenOpenings(xml_.substr(from, end - from));
-    return end + terminator.size();
-  }
-
-  // A declaration such as <!DOCTYPE ...>. One with an internal subset ("[") is not followed.
-  std::optional<std::size_t> SkipDeclaration(std::size_t from) {
-    const std::size_t end = xml_.find('>', from);
-    if (end == std::string_view::npos) return std::nullopt;
-    const std::string_view body = xml_.substr(from, end - from);
-    if (body.find('[') != std::string_view::npos) return std::nullopt;
-    CountHiddenOpenings(body);
-    return end + 1;
-  }
-
-  void CountHiddenOpenings(std::string_view hidden) {
-    for (const std::string_view name : {std::string_view("<dict"), std::string_view("<array")}) {
-      for (std::size_t at = hidden.find(name); at != std::string_view::npos;
-           at = hidden.find(name, at + 1)) {
-        ++depth_;
-      }
-    }
-  }
-
-  // An element tag starting at i; past its ">", or nothing when it does not end.
-  std::optional<std::size_t> ReadTag(std::size_t i) {
-    const bool closing = i + 1 < xml_.size() && xml_[i + 1] == '/';
-    std::size_t at = i + (closing ? 2 : 1);
-    const std::size_t nameStart = at;
-    while (at < xml_.size() && IsNameChar(xml_[at])) ++at;
-    const std::string_view name = xml_.substr(nameStart, at - nameStart);
-    const std::optional<std::size_t> end = TagEnd(at);
-    if (!end) return std::nullopt;
-    const bool selfClosing = xml_[*end - 1] == '/';
-    if (name == "dict" || name == "array") {
-      if (closing) {
-        depth_ = std::max(0, depth_ - 1);
-      } else if (!selfClosing) {
-        ++depth_;
-      }
-    }
-    return *end + 1;
-  }
-
-  // The position of the ">" ending a tag whose attributes start at i; quoted values may
-  // hold ">".
-  std::optional<std::size_t> TagEnd(std::size_t i) const {
-    char quote = 0;
-    for (; i < xml_.size(); ++i) {
-      const char c = xml_[i];
-      if (quote != 0) {
-        if (c == quote) quote = 0;
-      } else if (c == '"' || c == '\'') {
-        quote = c;
-      } else if (c == '>') {
-        return i;
-      }
-    }
-    return std::nullopt;
-  }
-
-  std::string_view xml_;
-  int maxDepth_;
-  int depth_ = 0;
 };
 
 }  // namespace
 
-bool XmlNestingWithin(std::string_view xml, int maxDepth) {
-  XmlDepthScan scan(xml, maxDepth);
-  return scan.Within();
-}
-
-bool BinaryNestingWithin(std::string_view bytes, int maxDepth, std::uint64_t maxNodes) {
+bool BinaryNestingWithin(std::string_view bytes, const BinaryPlistLimits& limits) {
   const auto layout = ReadLayout(bytes);
   if (!layout) return false;
-  return BinaryDepthWalk(*layout, maxDepth, maxNodes).Within();
+  return BinaryDepthWalk(*layout, limits).Within();
 }
 
 }  // namespace tarn
