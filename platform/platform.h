@@ -91,7 +91,8 @@ class HostInfo {
   virtual std::vector<InterfaceAddress> InterfaceAddresses() = 0;
   // Nothing when the statistics call failed.
   virtual std::optional<VmStatistics> VirtualMemoryStatistics() = 0;
-  // Every process of the computer; empty on failure.
+  // Every running process of the computer (ended ones not yet reaped are left out); empty on
+  // failure.
   virtual std::vector<ProcessEntry> ProcessTable() = 0;
   // This process's name, comparable with the names of ProcessTable.
   virtual std::string OwnProcessName() = 0;

@@ -99,6 +99,7 @@ class DarwinHostInfo final : public HostInfo {
     int query[] = {CTL_KERN, KERN_PROC, KERN_PROC_ALL, 0};
     std::vector<ProcessEntry> table;
     for (const auto& process : KernelProcesses(query, 3)) {
+      if (process.kp_proc.p_stat == SZOMB) continue;  // ended, not reaped yet
       table.push_back({process.kp_proc.p_pid, ShortName(process),
                        static_cast<unsigned>(process.kp_eproc.e_ucred.cr_uid)});
     }

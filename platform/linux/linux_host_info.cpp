@@ -117,6 +117,16 @@ class LinuxHostInfo final : public HostInfo {
     return statistics;
   }
 
+  // A process that has ended but is not reaped yet (a zombie, say the helper task of a killed
+  // process that its new parent never waits for) runs nothing: it is not in the table.
+  static bool HasEnded(const std::string& directory) {
+    const std::string stat = FirstLineOf(directory + "/stat");
+    const auto nameEnd = stat.rfind(')');
+    if (nameEnd == std::string::npos || nameEnd + 2 >= stat.size()) return false;
+    const char state = stat[nameEnd + 2];
+    return state == 'Z' || state == 'X';
+  }
+
   std::vector<ProcessEntry> ProcessTable() override {
     const std::unique_ptr<DIR, DirClose> proc(opendir("/proc"));
     if (!proc) return {};
@@ -127,7 +137,7 @@ class LinuxHostInfo final : public HostInfo {
       const std::string directory = std::string("/proc/") + entry->d_name;
       std::string name = FirstLineOf(directory + "/comm");
       const std::optional<unsigned> uid = EffectiveUserId(directory);
-      if (name.empty() || !uid) continue;
+      if (name.empty() || !uid || HasEnded(directory)) continue;
       processes.push_back({std::atoi(entry->d_name), std::move(name), *uid});
     }
     return processes;

@@ -2,6 +2,7 @@
 #include "platform/replay/replay_platform.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -93,6 +94,25 @@ TEST_F(ReplayPlatformTest, HostFactsComeFromTheRecordingButProcessesStayLive) {
     foundSelf = foundSelf || (process.pid == ::getpid() && process.name == host.OwnProcessName());
   }
   EXPECT_TRUE(foundSelf);
+
+  // A child that has ended but is not reaped yet is not a running process.
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(0);
+  ASSERT_GT(child, 0);
+  std::string state;
+  for (int i = 0; i < 1000 && state != "Z"; ++i) {
+    std::ifstream stat("/proc/" + std::to_string(child) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    const auto end = line.rfind(')');
+    state = end != std::string::npos && end + 2 < line.size() ? line.substr(end + 2, 1) : "";
+    if (state != "Z") ::usleep(1000);
+  }
+  ASSERT_EQ(state, "Z");
+  bool foundChild = false;
+  for (const auto& process : host.ProcessTable()) foundChild = foundChild || process.pid == child;
+  EXPECT_FALSE(foundChild);
+  ::waitpid(child, nullptr, 0);
 }
 
 TEST_F(ReplayPlatformTest, MissingFactsAndDamagedEntriesReadAsFailures) {
