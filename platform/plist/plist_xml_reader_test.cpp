@@ -200,8 +200,8 @@ TEST(XmlPlistReader, NestingIsBoundedByTheReaderItself) {
   };
   EXPECT_NE(Ours(nested(256)), nullptr);
   EXPECT_EQ(Ours(nested(257)), nullptr);
-  EXPECT_EQ(ReadXmlPlist(nested(20), 19), nullptr);
-  EXPECT_NE(ReadXmlPlist(nested(20), 20), nullptr);
+  EXPECT_EQ(Tree(ReadXmlPlist(nested(20), 19)), nullptr);
+  EXPECT_NE(Tree(ReadXmlPlist(nested(20), 20)), nullptr);
   // What another reader took for quoted or skipped text hides nothing from this one.
   std::string hidden = "<plist><array x='>";
   for (int i = 0; i < 300000; ++i) hidden += "<array>";
