@@ -157,6 +157,15 @@ echo
 echo "== The server's access log"
 grep -v '^listening on \|^tarn-refserver: ' "$server_log" || true
 
+echo "== Did both scans land in this server? (its own records: $address/api/computers)"
+computers=$(curl -fsS "$address/api/computers")
+if [[ "$computers" != *'"uploadCount":2'* || "$computers" != *'"lastKind":"difference"'* ]]; then
+  echo "the server started by this demo does not hold the full upload and the difference:" >&2
+  echo "$computers" >&2
+  exit 1
+fi
+echo "   yes: one computer, a full upload and a difference"
+
 echo "== What the server holds"
 report=$("$root/$build/tools/refserver/tarn-refserver" --db "$db" --report \
   --catalogue "$root/data/Mac_InvClasses.xml")

@@ -8,6 +8,7 @@ set -euo pipefail
 
 demo_packages=(
   cmake g++ make pkg-config
+  curl            # the demo asks the reference server what it holds
   libxml2-dev libplist-dev libcurl4-openssl-dev libcpp-httplib-dev libssl-dev
   libsqlite3-dev  # the reference server's database (tools/refserver)
   nlohmann-json3-dev libcli11-dev  # the reference server's JSON reader and command line
@@ -19,7 +20,7 @@ test_packages=(
   chromium        # headless browser of the reference server's page test
   clang libclang-rt-14-dev  # the fuzz targets (fuzz/run.sh): clang with libFuzzer
   dpkg-dev        # dpkg-shlibdeps: the Debian packages' dependencies (cpack)
-  debootstrap curl iproute2  # the package test: a Debian 12 root, its server asked over loopback
+  debootstrap iproute2  # the package test: a Debian 12 root, its server asked over loopback
   shellcheck      # every shell script is checked
 )
 
