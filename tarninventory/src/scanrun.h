@@ -3,8 +3,9 @@
 // The driver owns them for the whole run: the run type, the on-demand flag,
 // this scan's instances by class (invScanData), the difference document
 // (invDiffData), the previous snapshot (fullScanobj), the scan state store
-// (tarninventory_datalist), the instance number of the operating system's
-// software row (osIndex) and the recorder's gathering state. The class
+// (tarninventory_datalist) and the recorder's gathering state. The instance
+// number of the operating system's software row (osIndex) travels with the
+// collectors' facts (CollectorFacts). The class
 // catalogue index lives behind invClassObj(), the agent settings behind
 // gv_globvars().
 #pragma once
@@ -35,8 +36,6 @@ struct ScanRun {
 
   std::int32_t scanType = kFullScanType;
   bool isOndemandScan = false;
-  // Instance number of the operating system's row in the software class.
-  std::uint32_t osIndex = 0;
 
   // Class id text to the array of this scan's instance dictionaries.
   ScanData invScanData;
