@@ -273,6 +273,7 @@ class TreeBuilder {
 
   void End() {
     if (failed_) return;
+    if (open_.empty()) return Fail();
     Frame frame = std::move(open_.back());
     open_.pop_back();
     if (standIns_ && !HoldsElements(frame.kind)) Restore(text_);
@@ -325,7 +326,7 @@ class TreeBuilder {
 
   // Whether an element of the kind may stand where the parser is.
   bool Accepts(Kind kind) const {
-    if (open_.empty()) return !root_;
+    if (open_.empty()) return !root_ && kind != Kind::kKey;
     const Frame& parent = open_.back();
     switch (parent.kind) {
       case Kind::kPlist:

@@ -172,6 +172,8 @@ TEST(XmlPlistReader, RefusesWhatIsNotAPropertyList) {
       "<plist><dict><key>a</key></dict></plist>",        // key without value
       "<plist><dict><string>a</string></dict></plist>",  // value without key
       "<plist><array><key>a</key></array></plist>",      // key outside a dict
+      "<key>a</key>",                                    // key as the document itself
+      "<!DOCTYPE y><key>9</key><string>x</string>",      // the same after a declaration
       "<plist><string>a<b/></string></plist>",           // element in a value
       "<plist><array>text</array></plist>",              // text between values
       "<plist><array/><array/></plist>",                 // two values
