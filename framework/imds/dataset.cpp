@@ -97,19 +97,13 @@ void AppendDumpValue(std::string& line, int type, const ValueSlot& slot, DumpKin
     return;
   }
   char scratch[64];
+  // A table dump shows a long integer's first four bytes too; a result dump skips it.
+  if (IsRowInt32Type(type) || (type == kTypeLongInt && kind == DumpKind::kTable)) {
+    std::snprintf(scratch, sizeof scratch, "%d\t", slot->Read<std::int32_t>());
+    line += scratch;
+    return;
+  }
   switch (type) {
-    case kTypeLongInt:
-      if (kind == DumpKind::kResult) {
-        return;
-      }
-      [[fallthrough]];
-    case kTypeTinyInt:
-    case kTypeUnsignedTinyInt:
-    case kTypeSmallInt:
-    case kTypeInt:
-    case kTypeUnsignedInt:
-      std::snprintf(scratch, sizeof scratch, "%d\t", slot->Read<std::int32_t>());
-      break;
     case kTypeBoolean:
       std::snprintf(scratch, sizeof scratch, "%d\t", slot->Read<std::uint8_t>());
       break;
@@ -483,13 +477,11 @@ int UnLoadTable(const char* tableName) {
 
 void UnLoadAllTable() { Tables().Clear(); }
 
-int CompareValues(int type, const OwnedBlock* first, const OwnedBlock* second) {
+namespace {
+
+// The types CompareValues compares by their stored content rather than as 32-bit integers.
+bool IsComparedByContent(int type) {
   switch (type) {
-    case kTypeTinyInt:
-    case kTypeUnsignedTinyInt:
-    case kTypeSmallInt:
-    case kTypeInt:
-    case kTypeUnsignedInt:
     case kTypeFloat:
     case kTypeDouble:
     case kTypeSqlChar:
@@ -499,10 +491,18 @@ int CompareValues(int type, const OwnedBlock* first, const OwnedBlock* second) {
     case kTypeDate:
     case kTypeTime:
     case kTypeDateTime:
-      break;
+      return true;
     default:
-      ErrorLogMessage("Invalid type.  Cannot compare values.\n");
-      return 0;
+      return false;
+  }
+}
+
+}  // namespace
+
+int CompareValues(int type, const OwnedBlock* first, const OwnedBlock* second) {
+  if (!IsRowInt32Type(type) && !IsComparedByContent(type)) {
+    ErrorLogMessage("Invalid type.  Cannot compare values.\n");
+    return 0;
   }
   if (first == nullptr || second == nullptr) {
     return first == second ? 0 : 1;

@@ -51,19 +51,7 @@ std::optional<std::string> DateTimeAttributeText(int type, const OwnedBlock& val
 
 // The column types written as 32-bit integers (a long integer too: its first four bytes are
 // read, as the document has always shown it).
-bool WrittenAsInt32(int type) {
-  switch (type) {
-    case kTypeTinyInt:
-    case kTypeUnsignedTinyInt:
-    case kTypeSmallInt:
-    case kTypeInt:
-    case kTypeUnsignedInt:
-    case kTypeLongInt:
-      return true;
-    default:
-      return false;
-  }
-}
+bool WrittenAsInt32(int type) { return IsRowInt32Type(type) || type == kTypeLongInt; }
 
 void AppendAttribute(std::string& document, const ColumnDefn& column, const OwnedBlock& value) {
   const std::string_view name = column.name;

@@ -107,13 +107,8 @@ StoredValue AllocateAndCopyColumnValue(int type, const char* text) {
     TraceLogMessage("value parameter in AllocateAndCopyColumnValue is NULL \n");
     return {};
   }
+  if (IsRowInt32Type(type)) return {OwnedBlock::Of(AlphaToInt(text)), kInt32Length};
   switch (type) {
-    case kTypeTinyInt:
-    case kTypeUnsignedTinyInt:
-    case kTypeSmallInt:
-    case kTypeInt:
-    case kTypeUnsignedInt:
-      return {OwnedBlock::Of(AlphaToInt(text)), kInt32Length};
     case kTypeLongInt:
     case kTypeUnsignedLongInt:
       return {OwnedBlock::Of(AlphaToInt64(text)), kInt64Length};

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 
@@ -39,6 +40,23 @@ enum GenDataType : int {
 // Storage size in bytes of the numeric type codes 0 to 11.
 inline constexpr std::array<std::int32_t, 12> gv_numDataStorageSize = {0, 1, 1, 2, 2, 4,
                                                                         4, 8, 8, 4, 8, 4};
+
+// The type codes whose values rows hold as 32-bit integers, whatever their declared size: the
+// XML reader stores them so, and the writer, the comparison and the dumps read them so. Code 4
+// (unsigned small int) is accepted by the dictionary but has no row form.
+inline constexpr std::array<bool, 23> kRowInt32Types = [] {
+  std::array<bool, 23> types{};
+  for (const int type : {kTypeTinyInt, kTypeUnsignedTinyInt, kTypeSmallInt, kTypeInt,
+                         kTypeUnsignedInt}) {
+    types[static_cast<std::size_t>(type)] = true;
+  }
+  return types;
+}();
+
+constexpr bool IsRowInt32Type(int type) {
+  return type >= 0 && static_cast<std::size_t>(type) < kRowInt32Types.size() &&
+         kRowInt32Types[static_cast<std::size_t>(type)];
+}
 
 // The length ConvertToGenSQLType reports for a date/time record.
 inline constexpr std::int32_t kDateTimeRecordLength = 24;
