@@ -4,6 +4,7 @@
 #include <string>
 
 #include "platform/exception/platform_exception.h"
+#include "tarninventory/src/agentparams.h"
 #include "tarninventory/src/scanrun.h"
 #include "tarnutils/src/TarnDiagnostics.h"
 #include "tarnutils/src/TarnGlobalvars.h"
@@ -149,21 +150,12 @@ void AddAgentParamsinDict(const PlistPtr& diffData, const std::optional<std::str
                           const std::string& currentScanTime,
                           const std::optional<std::string>& previousScanTime) {
   try {
-    const TarnGlobvars& settings = RunSettings();
-    const bool diffScan = IsDiffScan();
-    PlistPtr params = DictionaryOf({
-        {"COMPUTER_NAME", settings.localComputerName()},
-        {"DOMAIN_NETBIOS_NAME", settings.localNameSpace()},
-        {"MSP_NAME", settings.tarnMSPName()},
-        {"CUSTOMER_NAME", settings.tarnCustomerName()},
-        {"CUSTOMER_ID", settings.tarnCustomerID()},
-        {"currScanTime", currentScanTime},
-        {"prevScanTime",
-         diffScan ? std::optional<std::string>(previousScanTime.value_or("0")) : std::nullopt},
-        {"scanType", diffScan ? "0" : "1"},
-        {"AUDIT_ID", auditId.value_or(kNullText)},
-        {"RESOURCE_ID", settings.tarnAgentResourceID()},
-    });
+    PlistPtr params = PlistValue::MakeDictionary();
+    for (const AgentParam& param :
+         AgentParamsOf(RunSettings(), currentScanTime, previousScanTime, IsDiffScan())) {
+      if (param.value) params->SetValueForKey(param.name, PlistValue::MakeString(*param.value));
+    }
+    params->SetValueForKey("AUDIT_ID", PlistValue::MakeString(auditId.value_or(kNullText)));
     Require(diffData, "difference document")->SetObjectForKey("AgentParams", params);
   } catch (const std::exception& failure) {
     ConsoleWhere(kAddAgentParamsinDictSignature, __LINE__,

@@ -209,9 +209,9 @@ TEST_F(RecorderTest, DifferenceDocumentHasTheExactShape) {
             R"({"DOMAIN_NAME":"corp.example","IS_LOCAL_ACCOUNT":"false","TYPE":"0",)"
             R"("USER_ID":"0","USER_NAME":"mac-01","USID":"S-1-1-0"})");
   EXPECT_EQ(Json(diff->ValueForKey("AgentParams")),
-            R"({"COMPUTER_NAME":"mac-01","DOMAIN_NETBIOS_NAME":"WORKGROUP","MSP_NAME":"msp",)"
-            R"("CUSTOMER_NAME":"Customer & Co","CUSTOMER_ID":"7","currScanTime":"1700000100",)"
-            R"("prevScanTime":"0","scanType":"0","AUDIT_ID":"42","RESOURCE_ID":"12abc"})");
+            R"({"COMPUTER_NAME":"mac-01","DOMAIN_NETBIOS_NAME":"WORKGROUP","RESOURCE_ID":"12abc",)"
+            R"("MSP_NAME":"msp","CUSTOMER_NAME":"Customer & Co","CUSTOMER_ID":"7",)"
+            R"("currScanTime":"1700000100","prevScanTime":"0","scanType":"0","AUDIT_ID":"42"})");
   // A full scan has no previous time; an absent setting is left out.
   CurrentScanRun().scanType = kFullScanType;
   gv_globvars().Set_tarnAgentResourceID(std::nullopt);

@@ -9,6 +9,7 @@
 #include "framework/logging/logger.h"
 #include "framework/persistent/dbutility.h"
 #include "framework/utils/stringutils.h"
+#include "tarninventory/src/agentparams.h"
 #include "tarninventory/src/recording.h"
 #include "tarninventory/src/scandata.h"
 #include "tarninventory/src/scanrun.h"
@@ -271,19 +272,10 @@ void AddAgentParamsforInvinXML(const std::string& currentScanTime,
   try {
     UnLoadTable("AgentParams");
     CreateTable("AgentParams");
-    const TarnGlobvars& settings = Settings();
-    const bool diffScan = IsDiffScan();
-    // Names from the host and the id from the server are escaped like recorded values; the
-    // other parameters come from the agent's own settings files.
-    AddAgentParam("COMPUTER_NAME", UploadText(settings.localComputerName()));
-    AddAgentParam("DOMAIN_NETBIOS_NAME", UploadText(settings.localNameSpace()));
-    AddAgentParam("RESOURCE_ID", UploadText(settings.tarnAgentResourceID()));
-    AddAgentParam("MSP_NAME", settings.tarnMSPName());
-    AddAgentParam("CUSTOMER_NAME", settings.tarnCustomerName());
-    AddAgentParam("CUSTOMER_ID", settings.tarnCustomerID());
-    AddAgentParam("currScanTime", currentScanTime);
-    if (diffScan) AddAgentParam("prevScanTime", previousScanTime.value_or("0"));
-    AddAgentParam("scanType", diffScan ? "0" : "1");
+    for (const AgentParam& param :
+         AgentParamsOf(Settings(), currentScanTime, previousScanTime, IsDiffScan())) {
+      AddAgentParam(param.name, param.fromOutside ? UploadText(param.value) : param.value);
+    }
   } catch (const std::exception& failure) {
     ConsoleWhere(kAddAgentParamsforInvinXMLSignature, __LINE__,
                  "AddAgentParamsforInvinXML :Caught exception>>>>>>>>>>>:%s", failure.what());
