@@ -4,7 +4,10 @@
 // ratios scan/floor and largest/5,000 and writes it as CSV.
 //
 // Usage: tarn_bench --scanner [NAME=]BIN... --floor BIN --source REPO [--work DIR]
-//                   [--sizes 1000,5000,...] [--runs 5] [--csv FILE]
+//                   [--sizes 1000,5000,...] [--runs 5] [--csv FILE] [--keep DIR]
+// --keep DIR keeps, for each scanner and size, what one full scan of the base machine and one
+// difference scan of the changed machine produced (the body the server received, snapshot,
+// state store, logs) in DIR/NAME/SIZE/{full,diff}, for comparing builds (bench/same_outputs.sh).
 // Several --scanner options time several builds in one run (e.g. before=... after=...), their
 // runs alternating.
 #include <httplib.h>
@@ -22,6 +25,7 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -48,6 +52,7 @@ struct Options {
   std::vector<int> sizes = {1000, 5000, 20000};
   int runs = 5;
   fs::path csv = "bench-results.csv";
+  fs::path keep;
 };
 
 bool ParseOptions(int argc, char** argv, Options& options) {
@@ -68,6 +73,8 @@ bool ParseOptions(int argc, char** argv, Options& options) {
       options.work = fs::absolute(value);
     } else if (name == "--runs") {
       options.runs = std::max(1, std::atoi(value.c_str()));
+    } else if (name == "--keep") {
+      options.keep = fs::absolute(value);
     } else if (name == "--csv") {
       options.csv = value;
     } else if (name == "--sizes") {
@@ -124,11 +131,16 @@ int RunScanner(const std::string& scanType) {
   return 0;
 }
 
-// The management server: answers every upload with 200 and the server's header.
+// The management server: answers every upload with 200 and the server's header, and keeps
+// the last body it received.
 class LoopbackServer {
  public:
   LoopbackServer() {
-    server_.Post(".*", [](const httplib::Request&, httplib::Response& response) {
+    server_.Post(".*", [this](const httplib::Request& request, httplib::Response& response) {
+      {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        lastBody_ = request.body;
+      }
       response.set_header("X-Tarn-Header", "tarn-bench");
       response.set_content("OK", "text/plain");
     });
@@ -140,8 +152,14 @@ class LoopbackServer {
     thread_.join();
   }
   int port() const { return port_; }
+  std::string LastBody() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return lastBody_;
+  }
 
  private:
+  mutable std::mutex mutex_;
+  std::string lastBody_;
   httplib::Server server_;
   int port_ = 0;
   std::thread thread_;
@@ -216,6 +234,20 @@ class Agent {
     for (const char* name : {"invFullData", "tarninventory_data.plist"}) {
       fs::copy_file(from / name, data() / name);
       fs::last_write_time(data() / name, fs::last_write_time(from / name));
+    }
+  }
+
+  // Copies what the last scan left into the folder: the body the server received, the
+  // snapshot, the state store and the logs.
+  void Keep(const fs::path& to, const std::string& body) const {
+    fs::remove_all(to);
+    fs::create_directories(to / "logs");
+    WriteText(to / "body", body);
+    for (const char* name : {"invFullData", "tarninventory_data.plist"}) {
+      if (fs::exists(data() / name)) fs::copy_file(data() / name, to / name);
+    }
+    for (const auto& entry : fs::directory_iterator(base_ / "logs")) {
+      fs::copy_file(entry.path(), to / "logs" / entry.path().filename());
     }
   }
 
@@ -320,7 +352,24 @@ bool MeasureOnce(const Agent& agent, const fs::path& base, const fs::path& chang
 
 // Every scanner at one machine size; the runs of the scanners alternate, so that a slower
 // stretch of the computer falls on all of them alike.
-std::vector<Cell> MeasureSize(const Options& options, int applications, int port) {
+// Keeps one full scan of the base machine and one difference scan of the changed machine.
+void KeepOutputs(const Options& options, const std::string& name, int applications,
+                 const Agent& agent, const fs::path& base, const fs::path& changed,
+                 const fs::path& accepted, const LoopbackServer& server) {
+  const fs::path to = options.keep / name / std::to_string(applications);
+  agent.Forget();
+  agent.UseMachine(base);
+  agent.Run("assetscan");
+  agent.Keep(to / "full", server.LastBody());
+  agent.RestoreState(accepted);
+  agent.UseMachine(changed);
+  agent.Run("scheduled");
+  agent.Keep(to / "diff", server.LastBody());
+}
+
+std::vector<Cell> MeasureSize(const Options& options, int applications,
+                              const LoopbackServer& server) {
+  const int port = server.port();
   const fs::path machines = options.work / "machines";
   MachineShape shape;
   shape.applications = applications;
@@ -340,6 +389,10 @@ std::vector<Cell> MeasureSize(const Options& options, int applications, int port
     agent->UseMachine(base);
     agent->Run("assetscan");  // warms the file cache; its state seeds the difference scans
     agent->SaveState(accepted.back());
+    if (!options.keep.empty()) {
+      KeepOutputs(options, options.scanners[i].name, applications, *agent, base, changed,
+                  accepted.back(), server);
+    }
     agents.push_back(std::move(agent));
   }
   std::vector<Samples> samples(options.scanners.size());
@@ -414,7 +467,7 @@ int main(int argc, char** argv) {
   if (!ParseOptions(argc, argv, options)) {
     std::cerr << "usage: " << argv[0]
               << " --scanner [NAME=]BIN... --floor BIN --source REPO [--work DIR]"
-                 " [--sizes 1000,5000,20000] [--runs 5] [--csv FILE]\n";
+                 " [--sizes 1000,5000,20000] [--runs 5] [--csv FILE] [--keep DIR]\n";
     return 2;
   }
   fs::create_directories(options.work);
@@ -422,7 +475,7 @@ int main(int argc, char** argv) {
   std::vector<Cell> cells;
   for (const int size : options.sizes) {
     std::cerr << "measuring " << size << " applications...\n";
-    for (Cell& cell : MeasureSize(options, size, server.port())) cells.push_back(std::move(cell));
+    for (Cell& cell : MeasureSize(options, size, server)) cells.push_back(std::move(cell));
   }
   // Grouped by scanner, sizes in the order given.
   std::stable_sort(cells.begin(), cells.end(), [&options](const Cell& a, const Cell& b) {

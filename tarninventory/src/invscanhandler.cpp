@@ -53,10 +53,8 @@ void AddFillers(Rows& rows, std::int32_t classId, std::int32_t instance,
   }
 }
 
-void RecordRows(const Rows& rows) {
-  for (const CollectedRow& row : rows) {
-    AddRowWMIFetchValueTable(row.propertyId, row.classId, row.instance, 0, row.value);
-  }
+void RecordRow(const CollectedRow& row) {
+  AddRowWMIFetchValueTable(row.propertyId, row.classId, row.instance, 0, row.value);
 }
 
 std::string adjustBytes(const PlistPtr& number) {

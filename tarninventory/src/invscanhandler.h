@@ -4,17 +4,17 @@
 // Every collector is split in two: a gather step that runs the tools through
 // the platform's tool runner (and nothing else), and parse steps: functions
 // of the parsed report (or the tool's text) and the facts they need, which
-// append the rows they find to a Rows vector in recording order. The Fetch*
-// members do gather -> parse -> record; the parse steps need no value table,
-// no catalogue and no file, and are what the unit tests and the fuzz target
-// call.
+// hand the rows they find to a Rows sink in recording order. The Fetch*
+// members do gather -> parse into a sink that records each row as it is
+// found; the parse steps need no value table, no catalogue and no file, and
+// the unit tests and the fuzz target call them with a sink that collects.
 //
 // Reading a tree follows the platform's message-to-nil rules (plist_value.h):
 // a missing key reads as absent, element 0 of an empty array and a container
 // operation on a value of the wrong kind raise PlatformException. A parse
-// step that raises keeps the rows it appended before the raise; the Fetch*
-// members record those and then end as the run says (their own guard, or
-// the raise goes on to the driver).
+// step that raises has recorded the rows it found before the raise; the
+// Fetch* members then end as the run says (their own guard, or the raise
+// goes on to the driver).
 #pragma once
 
 #include <cstdint>
@@ -54,8 +54,35 @@ struct CollectedRow {
   OptText value;
   bool operator==(const CollectedRow&) const = default;
 };
-// The rows of a parse step, in the order they are recorded.
-using Rows = std::vector<CollectedRow>;
+// Where a parse step puts the rows it finds, in recording order: collected for the caller to
+// read, or, made with a recorder, handed to it as each is found. Recording at once keeps each
+// row between the log lines the step writes before and after finding it, as the scan log has
+// always shown them (matching logs each instance as it ends).
+class Rows {
+ public:
+  using Recorder = std::function<void(const CollectedRow&)>;
+  Rows() = default;
+  explicit Rows(Recorder recorder) : recorder_(std::move(recorder)) {}
+
+  void push_back(CollectedRow row) {
+    if (recorder_) {
+      recorder_(row);
+    } else {
+      collected_.push_back(std::move(row));
+    }
+  }
+  // The rows collected (none when a recorder takes them).
+  std::vector<CollectedRow>::const_iterator begin() const { return collected_.begin(); }
+  std::vector<CollectedRow>::const_iterator end() const { return collected_.end(); }
+  std::size_t size() const { return collected_.size(); }
+  bool empty() const { return collected_.empty(); }
+  const CollectedRow& operator[](std::size_t i) const { return collected_[i]; }
+  void clear() { collected_.clear(); }
+
+ private:
+  std::vector<CollectedRow> collected_;
+  Recorder recorder_;
+};
 
 // Appends one row; the filler "-" for each property id, in the order given.
 void AddRow(Rows& rows, std::int32_t propertyId, std::int32_t classId, std::int32_t instance,
@@ -63,21 +90,15 @@ void AddRow(Rows& rows, std::int32_t propertyId, std::int32_t classId, std::int3
 void AddFillers(Rows& rows, std::int32_t classId, std::int32_t instance,
                 std::initializer_list<std::int32_t> propertyIds);
 
-// Hands the rows to the recorder (AddRowWMIFetchValueTable), in order.
-void RecordRows(const Rows& rows);
+// Hands one row to the recorder (AddRowWMIFetchValueTable).
+void RecordRow(const CollectedRow& row);
 
-// Runs step(rows) and records the rows it appended, also when it raises: the raise then
-// goes on, after the rows found before it are recorded.
+// Runs step(rows) with a sink that records each row as the step finds it; a raise goes on
+// with the rows found before it recorded.
 template <typename Step>
 void RecordRowsOf(Step&& step) {
-  Rows rows;
-  try {
-    step(rows);
-  } catch (...) {
-    RecordRows(rows);
-    throw;
-  }
-  RecordRows(rows);
+  Rows rows(RecordRow);
+  step(rows);
 }
 
 // Facts one collector learns and a later one reads. Texts as the tools gave them (the

@@ -98,6 +98,22 @@ TEST_F(SystemCollectorTest, OperatingSystemProcessorAndTheOsSoftwareRow) {
   EXPECT_EQ(RowsOfClass(1), "105|1|40000;106|1|4000;107|1|-;");
 }
 
+// Rows are recorded as the step finds them, between the log lines it writes (the matching of
+// an instance logs when the next one starts), and a raise keeps the rows found before it.
+TEST_F(SystemCollectorTest, EachRowIsRecordedWhenItsStepFindsIt) {
+  std::vector<std::size_t> recordedBefore;
+  EXPECT_THROW(RecordRowsOf([&](Rows& rows) {
+                 for (const char* value : {"a", "b"}) {
+                   recordedBefore.push_back(RowCount());
+                   AddRow(rows, 1301, 13, 1, value);
+                 }
+                 throw PlatformException(kRangeException, "index 3");
+               }),
+               PlatformException);
+  EXPECT_EQ(recordedBefore, (std::vector<std::size_t>{0, 1}));
+  EXPECT_EQ(RowsOfClass(13), "1301|1|a;1301|1|b;");
+}
+
 TEST(OsParse, MissingToolsGiveFillersAndTheVersionRowTwice) {
   CollectorFacts facts;
   Rows rows;
