@@ -4,10 +4,12 @@
 // ratios scan/floor and largest/5,000 and writes it as CSV.
 //
 // Usage: tarn_bench --scanner [NAME=]BIN... --floor BIN --source REPO [--work DIR]
-//                   [--sizes 1000,5000,...] [--runs 5] [--csv FILE] [--keep DIR]
+//                   [--sizes 1000,5000,...] [--runs 5] [--csv FILE] [--keep DIR] [--wrap CMD]
 // --keep DIR keeps, for each scanner and size, what one full scan of the base machine and one
 // difference scan of the changed machine produced (the body the server received, snapshot,
 // state store, logs) in DIR/NAME/SIZE/{full,diff}, for comparing builds (bench/same_outputs.sh).
+// --wrap "CMD ARGS" runs every scan under a measuring tool (bench/heap.sh: heaptrack); the
+// times and memory the table shows are then the tool's too.
 // Several --scanner options time several builds in one run (e.g. before=... after=...), their
 // runs alternating.
 #include <httplib.h>
@@ -53,6 +55,7 @@ struct Options {
   int runs = 5;
   fs::path csv = "bench-results.csv";
   fs::path keep;
+  std::string wrap;
 };
 
 bool ParseOptions(int argc, char** argv, Options& options) {
@@ -73,6 +76,8 @@ bool ParseOptions(int argc, char** argv, Options& options) {
       options.work = fs::absolute(value);
     } else if (name == "--runs") {
       options.runs = std::max(1, std::atoi(value.c_str()));
+    } else if (name == "--wrap") {
+      options.wrap = value;
     } else if (name == "--keep") {
       options.keep = fs::absolute(value);
     } else if (name == "--csv") {
@@ -110,7 +115,7 @@ std::string PlistWith(const std::string& body) {
 fs::path SelfPath() { return fs::read_symlink("/proc/self/exe"); }
 
 // The measuring end of Agent::Run, in a small fresh process: runs ./tnbench with the scan
-// type, its output discarded, and prints its exit code, wall time (ms) and peak resident
+// type (under the words of TARN_BENCH_WRAP, when set), its output discarded, and prints its exit code, wall time (ms) and peak resident
 // memory (KiB).
 int RunScanner(const std::string& scanType) {
   const auto start = std::chrono::steady_clock::now();
@@ -118,7 +123,15 @@ int RunScanner(const std::string& scanType) {
   if (child == 0) {
     const int null = ::open("/dev/null", O_WRONLY);
     if (null < 0 || ::dup2(null, 1) < 0 || ::dup2(null, 2) < 0) ::_exit(127);
-    ::execl("./tnbench", "tnbench", scanType.c_str(), static_cast<char*>(nullptr));
+    std::vector<std::string> words;
+    std::istringstream wrap(std::getenv("TARN_BENCH_WRAP") ? std::getenv("TARN_BENCH_WRAP") : "");
+    for (std::string word; wrap >> word;) words.push_back(word);
+    words.push_back("./tnbench");
+    words.push_back(scanType);
+    std::vector<char*> arguments;
+    for (std::string& word : words) arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    ::execvp(arguments[0], arguments.data());
     ::_exit(127);
   }
   int status = 0;
@@ -467,10 +480,11 @@ int main(int argc, char** argv) {
   if (!ParseOptions(argc, argv, options)) {
     std::cerr << "usage: " << argv[0]
               << " --scanner [NAME=]BIN... --floor BIN --source REPO [--work DIR]"
-                 " [--sizes 1000,5000,20000] [--runs 5] [--csv FILE] [--keep DIR]\n";
+                 " [--sizes 1000,5000,20000] [--runs 5] [--csv FILE] [--keep DIR] [--wrap CMD]\n";
     return 2;
   }
   fs::create_directories(options.work);
+  if (!options.wrap.empty()) ::setenv("TARN_BENCH_WRAP", options.wrap.c_str(), 1);
   const LoopbackServer server;
   std::vector<Cell> cells;
   for (const int size : options.sizes) {
