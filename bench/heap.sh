@@ -20,6 +20,7 @@ measure() {
   local name=$1 scanner=$2 traces="$work/traces-$1"
   mkdir -p "$traces"
   # One trace file per scan, named by when it started.
+  # shellcheck disable=SC2016 # the date and "$@" are the wrapper's, expanded when it runs
   printf '#!/bin/sh\nexec heaptrack -o "%s/$(date +%%s%%N)" "$@"\n' "$traces" >"$work/wrap-$name"
   chmod +x "$work/wrap-$name"
   "$build/tarn_bench" --scanner "$name=$scanner" --floor "$build/tarn_bench_floor" --source . \

@@ -16,6 +16,7 @@
 #include "tarninventory/src/accesslog.h"
 #include "tarninventory/src/fileattributes.h"
 #include "tarninventory/src/localinventory.h"
+#include "tarninventory/src/runcontext.h"
 #include "tarninventory/src/scanrun.h"
 #include "tarninventory/src/scansettings.h"
 #include "tarninventory/src/diffdocument.h"
@@ -36,20 +37,24 @@ constexpr const char* kFullDocumentRoot = "TarnWMIData";
 constexpr const char* const kFullDocumentTables[] = {"WMIData", "WMIFetchedValue", "AgentParams",
                                                      "Resource", "InvAuditEntry"};
 
-bool HaveResourceId() {
-  return gv_globvars().tarnAgentResourceID().has_value() || GetResourceIDFromServer() == 0;
+bool HaveResourceId(const RunContext& context) {
+  return context.settings.tarnAgentResourceID().has_value() || GetResourceIDFromServer() == 0;
 }
 
-Proplisthandler& StateStore() { return *CurrentScanRun().tarninventory_datalist; }
-
-OptText StoredText(const char* key) { return TextOf(StateStore().GetValueForKey(key)); }
-
-void StoreText(const char* key, const OptText& value) {
-  StateStore().SetValueForKey(key, value ? PlistValue::MakeString(*value) : nullptr);
+Proplisthandler& StateStore(const RunContext& context) {
+  return *context.run.tarninventory_datalist;
 }
 
-std::string SnapshotPath() {
-  return gv_globvars().tarnagentDataDictPath().value_or("") + "/" + kSnapshotFileName;
+OptText StoredText(const RunContext& context, const char* key) {
+  return TextOf(StateStore(context).GetValueForKey(key));
+}
+
+void StoreText(const RunContext& context, const char* key, const OptText& value) {
+  StateStore(context).SetValueForKey(key, value ? PlistValue::MakeString(*value) : nullptr);
+}
+
+std::string SnapshotPath(const RunContext& context) {
+  return context.settings.tarnagentDataDictPath().value_or("") + "/" + kSnapshotFileName;
 }
 
 // A value as one query parameter: a "&", "#" or "=" in it cannot add or cut parameters.
@@ -58,8 +63,8 @@ std::string QueryValue(const OptText& value) {
 }
 
 // Pieces 1 to 4 of the upload address: who sends, for which audit and customer.
-std::string AddressStart(const std::string& auditId) {
-  const TarnGlobvars& vars = gv_globvars();
+std::string AddressStart(const RunContext& context, const std::string& auditId) {
+  const TarnGlobvars& vars = context.settings;
   std::string address = "/inventory?computer=" + QueryValue(vars.localComputerName()) +
                         "&domain=" + QueryValue(vars.localNameSpace()) +
                         "&customerId=" + QueryValue(vars.tarnCustomerID()) +
@@ -69,7 +74,7 @@ std::string AddressStart(const std::string& auditId) {
   }
   // An absent remote-office id is sent as the platform's text for a null object.
   address += "&remoffId=" + QueryValue(vars.tarnRemoteOffID());
-  address += CurrentScanRun().isOndemandScan ? "&isOnDemand=true" : "&isOnDemand=false";
+  address += context.run.isOndemandScan ? "&isOnDemand=true" : "&isOnDemand=false";
   return address;
 }
 
@@ -95,9 +100,9 @@ std::string FullScanBody(const std::string& auditId, const std::string& currentT
 
 // The body of a difference upload: what changed since the snapshot, as pretty JSON. A
 // document that cannot be written as JSON is sent without a body.
-std::string DiffScanBody(const std::string& auditId, const std::string& currentTime,
-                         const std::string& previousTime) {
-  ScanRun& run = CurrentScanRun();
+std::string DiffScanBody(const RunContext& context, const std::string& auditId,
+                         const std::string& currentTime, const std::string& previousTime) {
+  ScanRun& run = context.run;
   if (run.fullScanobj) {
     run.fullScanobj->WritetoDiffData();
   }
@@ -132,8 +137,8 @@ std::uint32_t AuditNumber(const std::optional<std::string>& auditId) {
   return static_cast<std::uint32_t>(negative ? 0 - value : value);
 }
 
-bool EnsureResourceId(const std::string& accessLogPath) {
-  if (HaveResourceId()) return true;
+bool EnsureResourceId(const RunContext& context, const std::string& accessLogPath) {
+  if (HaveResourceId(context)) return true;
   StderrWhere(kSendSignature, 173,
               "ResourceID is not present, hence inventory data will be posted in next refresh "
               "cycle\n");
@@ -141,10 +146,11 @@ bool EnsureResourceId(const std::string& accessLogPath) {
   return false;
 }
 
-PreparedUpload PrepareUpload(const std::string& auditId, const std::string& accessLogPath) {
-  PreparedUpload upload{AddressStart(auditId), "", GetLocalTimeInLongStr()};
-  const OptText previousTime = StoredText(kInvDiffScanTime);
-  if (!IsDiffScan()) {
+PreparedUpload PrepareUpload(const RunContext& context, const std::string& auditId,
+                             const std::string& accessLogPath) {
+  PreparedUpload upload{AddressStart(context, auditId), "", std::to_string(context.clock.Now())};
+  const OptText previousTime = StoredText(context, kInvDiffScanTime);
+  if (!context.IsDiffScan()) {
     upload.address += "&scanType=1&jsonFormat=0&currScanTime=" + upload.currentTime;
     PrintAccessLogColumn(accessLogPath, kFullData);
     upload.body = FullScanBody(auditId, upload.currentTime, previousTime);
@@ -153,7 +159,7 @@ PreparedUpload PrepareUpload(const std::string& auditId, const std::string& acce
     upload.address += "&scanType=0&prevScanTime=" + previous +
                       "&jsonFormat=1&currScanTime=" + upload.currentTime;
     PrintAccessLogColumn(accessLogPath, kDiffData);
-    upload.body = DiffScanBody(auditId, upload.currentTime, previous);
+    upload.body = DiffScanBody(context, auditId, upload.currentTime, previous);
   }
   return upload;
 }
@@ -166,15 +172,15 @@ DWORD SendUpload(PreparedUpload upload, const std::string& accessLogPath) {
   return result;
 }
 
-DWORD SaveLocalUpload(const PreparedUpload& upload, const std::string& auditId,
-                      const std::string& accessLogPath) {
-  const std::string& folder = *CurrentScanRun().localFolder;
-  const std::string computer = gv_globvars().localComputerName().value_or("");
-  const std::time_t now = std::time(nullptr);
+DWORD SaveLocalUpload(const RunContext& context, const PreparedUpload& upload,
+                      const std::string& auditId, const std::string& accessLogPath) {
+  const std::string& folder = *context.run.localFolder;
+  const std::string computer = context.settings.localComputerName().value_or("");
+  const std::time_t now = context.clock.Now();
   std::vector<std::pair<std::string, std::string>> documents;
-  if (IsDiffScan()) {
-    documents.emplace_back("full.xml",
-                           FullScanBody(auditId, upload.currentTime, StoredText(kInvDiffScanTime)));
+  if (context.IsDiffScan()) {
+    documents.emplace_back("full.xml", FullScanBody(auditId, upload.currentTime,
+                                                    StoredText(context, kInvDiffScanTime)));
     documents.emplace_back("diff.json", upload.body);
   } else {
     documents.emplace_back("full.xml", upload.body);
@@ -196,35 +202,35 @@ DWORD SaveLocalUpload(const PreparedUpload& upload, const std::string& auditId,
   return result;
 }
 
-void RecordAcceptedScan(const std::string& currentTime) {
-  ScanRun& run = CurrentScanRun();
-  const std::string snapshot = SnapshotPath();
+void RecordAcceptedScan(const RunContext& context, const std::string& currentTime) {
+  ScanRun& run = context.run;
+  const std::string snapshot = SnapshotPath(context);
   FullScanHandler::SaveCurrentScanData(run.invScanData, snapshot, run.fullScanobj.get());
-  StoreText(kInvScanTime, currentTime);
-  if (IsDiffScan()) {
-    StoreText(kInvDiffScanTime, currentTime);
+  StoreText(context, kInvScanTime, currentTime);
+  if (context.IsDiffScan()) {
+    StoreText(context, kInvDiffScanTime, currentTime);
   }
-  StateStore().WriteToProplist();
+  StateStore(context).WriteToProplist();
 
   // A snapshot whose modification time did not move was not written: the stored "0" makes
   // the next run a full scan, so no difference is ever computed from a stale snapshot.
   const OptText modified = FileLastModifiedTime(snapshot);
-  const OptText previous = StoredText(kInvFullDataLastModified);
+  const OptText previous = StoredText(context, kInvFullDataLastModified);
   if (!modified || modified == previous) {
     UserLogMessage(
         "PreviousScanDataLastModified time : %s & CurrentLastModified : %s time of FullScan "
         "data is same . Hence assuming as \" FullScan data Save Failed\" \n",
         Describe(previous), Describe(modified));
-    StoreText(kInvFullDataLastModified, "0");
+    StoreText(context, kInvFullDataLastModified, "0");
   } else {
     UserLogMessage("PreviousLastModified time : %s & CurrentLastModified : %s\n",
                    Describe(previous), modified->c_str());
-    StoreText(kInvFullDataLastModified, modified);
+    StoreText(context, kInvFullDataLastModified, modified);
   }
-  if (StoredText(kEnableOneTimeFullscan) == "1") {
-    StoreText(kEnableOneTimeFullscan, "0");
+  if (StoredText(context, kEnableOneTimeFullscan) == "1") {
+    StoreText(context, kEnableOneTimeFullscan, "0");
   }
-  StateStore().WriteToProplist();
+  StateStore(context).WriteToProplist();
 }
 
 

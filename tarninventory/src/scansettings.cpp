@@ -12,6 +12,7 @@
 #include "platform/plist/plist_value.h"
 #include "tarninventory/src/FullScanHandler.h"
 #include "tarninventory/src/fileattributes.h"
+#include "tarninventory/src/runcontext.h"
 #include "tarninventory/src/scanrun.h"
 #include "tarnutils/src/TarnDiagnostics.h"
 #include "tarnutils/src/TarnGlobalvars.h"
@@ -221,7 +222,7 @@ std::int32_t ReadSettingsXml(std::int32_t requested) {
   return result;
 }
 
-std::int32_t DecideRunType(std::int32_t requested) {
+std::int32_t DecideRunType(const RunContext& context, std::int32_t requested) {
   const std::int32_t settled = ReadSettingsXml(requested);
   if (settled != kDiffScanType) {
     UserLogMessage("Proceeding to full scan \n");
@@ -247,7 +248,7 @@ std::int32_t DecideRunType(std::int32_t requested) {
 
   UserLogMessage("Previous Scan data at path %s is not modified, Proceeding to DIFF scan \n",
                  snapshotPath.c_str());
-  ScanRun& run = CurrentScanRun();
+  ScanRun& run = context.run;
   run.fullScanobj = FullScanHandler::InitWithScanDataFile(snapshotPath);
   // A file without a usable snapshot gives no handler: the run is full.
   std::int32_t decided = run.fullScanobj ? kDiffScanType : kFullScanType;

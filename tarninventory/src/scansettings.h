@@ -11,6 +11,8 @@
 
 namespace tarn {
 
+struct RunContext;
+
 // Keys of the scan state store. Every value is text.
 inline constexpr const char* kDiffSettingsModifiedTimeMeta = "DIFF_SETTINGS_MODIFIED_TIME_META";
 inline constexpr const char* kDiffSettingsXmlName = "DIFF_SETTINGS_XML_NAME";
@@ -44,6 +46,6 @@ std::int32_t ReadSettingsXml(std::int32_t requested);
 // and the operating-system rule. Loads the snapshot into the run's
 // fullScanobj when the snapshot can be trusted; a file that holds no usable
 // snapshot (no handler) makes the result 5.
-std::int32_t DecideRunType(std::int32_t requested);
+std::int32_t DecideRunType(const RunContext& context, std::int32_t requested);
 
 }  // namespace tarn

@@ -13,6 +13,7 @@
 #include "framework/persistent/xmldatadictparser.h"
 #include "tarninventory/src/FullScanHandler.h"
 #include "tarninventory/src/fileattributes.h"
+#include "tarninventory/src/runcontext.h"
 #include "tarninventory/src/scanrun.h"
 #include "tarnutils/src/TarnGlobalvars.h"
 #include "tarnutils/src/proplisthandler.h"
@@ -55,6 +56,11 @@ class ScanSettingsTest : public ::testing::Test {
   static void Store(const char* key, const std::string& value) {
     CurrentScanRun().tarninventory_datalist->SetValueForKey(key, PlistValue::MakeString(value));
     CurrentScanRun().tarninventory_datalist->WriteToProplist();
+  }
+  // The driver's decision for a scheduled (difference) run.
+  static std::int32_t Decide() {
+    const SystemClock clock;
+    return DecideRunType(ContextOfThisRun(clock), kDiffScanType);
   }
   static Text InMemory(const char* key) {
     return TextOf(CurrentScanRun().tarninventory_datalist->GetValueForKey(key));
@@ -133,7 +139,7 @@ TEST_F(ScanSettingsTest, DisabledDiffScanStaysDisabledThroughTheStoredCopy) {
   EXPECT_TRUE(Logged("ReadScanSettingsFromXml :DiffScan is disabled\n"));
 
   Run();
-  EXPECT_EQ(DecideRunType(kDiffScanType), kFullScanType);
+  EXPECT_EQ(Decide(), kFullScanType);
   EXPECT_TRUE(Logged("GetScanType :DiffScan is disabled\n"));
   EXPECT_TRUE(Logged("Proceeding to full scan \n"));
 }
@@ -202,20 +208,20 @@ TEST_F(ScanSettingsTest, ASettingsNameThatIsAPathDoesNotLoad) {
 TEST_F(ScanSettingsTest, SnapshotDecidesBetweenFullAndDiff) {
   const std::string path = Path(kSnapshotFileName);
   Store(kInvFullDataLastModified, "1700000000");
-  EXPECT_EQ(DecideRunType(kDiffScanType), kFullScanType);
+  EXPECT_EQ(Decide(), kFullScanType);
   EXPECT_TRUE(
       Logged("Previous Scan data notFound at path " + path + ", Proceeding to full scan \n"));
   EXPECT_EQ(OnDisk(kInvFullDataLastModified), "0");
 
   WriteSnapshot("INVDatadict");
-  EXPECT_EQ(DecideRunType(kDiffScanType), kFullScanType);
+  EXPECT_EQ(Decide(), kFullScanType);
   EXPECT_TRUE(Logged("Previous Scan data LastModified time : 0 \n"));
   EXPECT_TRUE(
       Logged("Previous Scan data at path " + path + " is modified, Proceeding to full scan \n"));
   EXPECT_EQ(CurrentScanRun().fullScanobj, nullptr);
 
   TrustSnapshot();
-  EXPECT_EQ(DecideRunType(kDiffScanType), kDiffScanType);
+  EXPECT_EQ(Decide(), kDiffScanType);
   EXPECT_TRUE(Logged("Previous Scan data at path " + path +
                      " is not modified, Proceeding to DIFF scan \n"));
   EXPECT_FALSE(Logged("json encoder crashes"));
@@ -224,7 +230,7 @@ TEST_F(ScanSettingsTest, SnapshotDecidesBetweenFullAndDiff) {
 
   Run();
   OSVersion("10.12");
-  EXPECT_EQ(DecideRunType(kDiffScanType), kFullScanType);
+  EXPECT_EQ(Decide(), kFullScanType);
   EXPECT_TRUE(Logged("In macOS Sierra 10.12 json encoder crashes , so proceeding to full scan \n"));
   EXPECT_NE(CurrentScanRun().fullScanobj, nullptr);
 
@@ -234,12 +240,12 @@ TEST_F(ScanSettingsTest, SnapshotDecidesBetweenFullAndDiff) {
   const long recorded = std::stol(OnDisk(kInvFullDataLastModified).value());
   const struct timespec later[2] = {{recorded + 5, 0}, {recorded + 5, 0}};
   ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), later, 0), 0);
-  EXPECT_EQ(DecideRunType(kDiffScanType), kFullScanType);
+  EXPECT_EQ(Decide(), kFullScanType);
 
   // A trusted file that holds no snapshot: no handler, so the decision is full.
   WriteSnapshot("Other");
   TrustSnapshot();
-  EXPECT_EQ(DecideRunType(kDiffScanType), kFullScanType);
+  EXPECT_EQ(Decide(), kFullScanType);
   EXPECT_EQ(CurrentScanRun().fullScanobj, nullptr);
   EXPECT_TRUE(Logged("InitWithScanDataFile : File doesnt have valid scan data \n"));
 }

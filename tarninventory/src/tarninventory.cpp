@@ -27,6 +27,7 @@
 #include "tarninventory/src/inventoryupload.h"
 #include "tarninventory/src/localinventory.h"
 #include "tarninventory/src/runsummary.h"
+#include "tarninventory/src/runcontext.h"
 #include "tarninventory/src/scanrun.h"
 #include "tarninventory/src/scansettings.h"
 #include "tarnutils/src/TarnDiagnostics.h"
@@ -246,7 +247,9 @@ int RunScan(const CommandLine& command) {
                 scanLog);
     return 1;
   }
-  run.scanType = DecideRunType(run.scanType);
+  const SystemClock clock;
+  const RunContext context = ContextOfThisRun(clock);
+  run.scanType = DecideRunType(context, run.scanType);
 
   InitializeAgentParams();
   invClassObj().Initialize();
@@ -255,15 +258,15 @@ int RunScan(const CommandLine& command) {
   const std::string auditId = argc >= 4 ? argv[3] : kDefaultAuditId;
   // The driver goes on whatever the upload's result; the last line reports it. A local run
   // needs no resource id, writes its documents instead of sending them and records nothing.
-  if (run.localFolder || EnsureResourceId(accessLogPath)) {
+  if (run.localFolder || EnsureResourceId(context, accessLogPath)) {
     CollectInventoryData(auditId);
-    PreparedUpload upload = PrepareUpload(auditId, accessLogPath);
+    PreparedUpload upload = PrepareUpload(context, auditId, accessLogPath);
     const std::string currentTime = upload.currentTime;
     if (run.localFolder) {
-      facts.uploadResult = SaveLocalUpload(upload, auditId, accessLogPath);
+      facts.uploadResult = SaveLocalUpload(context, upload, auditId, accessLogPath);
     } else {
       facts.uploadResult = SendUpload(std::move(upload), accessLogPath);
-      if (facts.uploadResult == 0) RecordAcceptedScan(currentTime);
+      if (facts.uploadResult == 0) RecordAcceptedScan(context, currentTime);
     }
   } else {
     facts.uploadResult = 1;

@@ -16,9 +16,14 @@
 #include "tarninventory/src/FullScanHandler.h"
 #include "tarninventory/src/InvClassHandler.h"
 #include "tarninventory/src/scandata.h"
+#include "tarninventory/src/inventoryupload.h"
+#include "tarninventory/src/runcontext.h"
 #include "tarninventory/src/scanrun.h"
+#include "tarninventory/src/scansettings.h"
 #include "tarnutils/src/JsonEncoder.h"
 #include "tarnutils/src/TarnGlobalvars.h"
+#include "tarnutils/src/proplisthandler.h"
+#include "tarnutils/src/testutil.h"
 
 namespace tarn {
 namespace {
@@ -339,6 +344,43 @@ TEST_F(RecorderTest, DifferenceOfManyApplicationsGrowsInProportion) {
   EXPECT_EQ(filedLarge, (std::vector<std::size_t>{400, 400, 360}));
   EXPECT_GT(visitedSmall, 0u);
   EXPECT_LE(visitedLarge, 4 * visitedSmall * 2);
+}
+
+class FixedClock final : public Clock {
+ public:
+  explicit FixedClock(std::time_t now) : now_(now) {}
+  std::time_t Now() const override { return now_; }
+
+ private:
+  std::time_t now_;
+};
+
+// The scan time an upload carries in its address and body is the run context's clock, and
+// the stored previous difference time goes with a difference.
+TEST_F(RecorderTest, UploadCarriesTheContextClocksTime) {
+  const testing::TempDir dir("upload-clock");
+  const std::string accessLog = dir.str() + "/access.log";
+  CurrentScanRun().tarninventory_datalist = Proplisthandler::InitwithFile(dir.str() + "/state");
+  CurrentScanRun().tarninventory_datalist->SetValueForKey(kInvDiffScanTime,
+                                                          PlistValue::MakeString("1690000000"));
+  Record(13, 1, {{"1305", "disk0"}});
+  RecordRunEnd();
+  const FixedClock clock(1700000123);
+  const RunContext context = ContextOfThisRun(clock);
+
+  const PreparedUpload full = PrepareUpload(context, "42", accessLog);
+  EXPECT_EQ(full.currentTime, "1700000123");
+  EXPECT_TRUE(full.address.ends_with("&scanType=1&jsonFormat=0&currScanTime=1700000123"))
+      << full.address;
+  EXPECT_NE(full.body.find("PARAM_NAME=\"currScanTime\" PARAM_VALUE=\"1700000123\""),
+            std::string::npos);
+
+  CurrentScanRun().scanType = kDiffScanType;
+  const PreparedUpload diff = PrepareUpload(context, "42", accessLog);
+  EXPECT_TRUE(diff.address.ends_with(
+      "&scanType=0&prevScanTime=1690000000&jsonFormat=1&currScanTime=1700000123"))
+      << diff.address;
+  EXPECT_NE(diff.body.find("\"currScanTime\": \"1700000123\""), std::string::npos);
 }
 
 }  // namespace
