@@ -5,11 +5,13 @@
 //
 // Usage: tarn_bench --scanner [NAME=]BIN... --floor BIN --source REPO [--work DIR]
 //                   [--sizes 1000,5000,...] [--runs 5] [--csv FILE] [--keep DIR] [--wrap CMD]
+//                   [--log-level N]
 // --keep DIR keeps, for each scanner and size, what one full scan of the base machine and one
 // difference scan of the changed machine produced (the body the server received, snapshot,
 // state store, logs) in DIR/NAME/SIZE/{full,diff}, for comparing builds (bench/same_outputs.sh).
 // --wrap "CMD ARGS" runs every scan under a measuring tool (bench/heap.sh: heaptrack); the
-// times and memory the table shows are then the tool's too.
+// times and memory the table shows are then the tool's too. --log-level N sets the scanner's
+// log level (default 3, the agents' default).
 // Several --scanner options time several builds in one run (e.g. before=... after=...), their
 // runs alternating.
 #include <httplib.h>
@@ -56,6 +58,7 @@ struct Options {
   fs::path csv = "bench-results.csv";
   fs::path keep;
   std::string wrap;
+  int logLevel = 3;
 };
 
 bool ParseOptions(int argc, char** argv, Options& options) {
@@ -76,6 +79,8 @@ bool ParseOptions(int argc, char** argv, Options& options) {
       options.work = fs::absolute(value);
     } else if (name == "--runs") {
       options.runs = std::max(1, std::atoi(value.c_str()));
+    } else if (name == "--log-level") {
+      options.logLevel = std::atoi(value.c_str());
     } else if (name == "--wrap") {
       options.wrap = value;
     } else if (name == "--keep") {
@@ -188,7 +193,8 @@ struct Measurement {
 class Agent {
  public:
   Agent(const Options& options, const fs::path& scanner, int port)
-      : base_(options.work / ("agent-" + scanner.filename().string() + "-" +
+      : logLevel_(options.logLevel),
+        base_(options.work / ("agent-" + scanner.filename().string() + "-" +
                               std::to_string(std::hash<std::string>{}(scanner.string())))) {
     fs::remove_all(base_);
     fs::create_directories(base_ / "bin");
@@ -218,10 +224,11 @@ class Agent {
 
   fs::path data() const { return base_ / "data"; }
 
-  // Replays the machine at the default log level.
+  // Replays the machine at the benchmark's log level.
   void UseMachine(const fs::path& machine) const {
     WriteText(data() / "agent-conf.plist",
-              PlistWith("\t<key>Loglevel</key><integer>3</integer>\n"
+              PlistWith("\t<key>Loglevel</key><integer>" + std::to_string(logLevel_) +
+                        "</integer>\n"
                         "\t<key>TOOL_REPLAY_DIRECTORY</key><string>" + machine.string() +
                         "</string>\n"));
   }
@@ -296,6 +303,7 @@ class Agent {
   }
 
  private:
+  int logLevel_;
   fs::path base_;
 };
 
@@ -480,7 +488,7 @@ int main(int argc, char** argv) {
   if (!ParseOptions(argc, argv, options)) {
     std::cerr << "usage: " << argv[0]
               << " --scanner [NAME=]BIN... --floor BIN --source REPO [--work DIR]"
-                 " [--sizes 1000,5000,20000] [--runs 5] [--csv FILE] [--keep DIR] [--wrap CMD]\n";
+                 " [--sizes 1000,5000,20000] [--runs 5] [--csv FILE] [--keep DIR] [--wrap CMD] [--log-level N]\n";
     return 2;
   }
   fs::create_directories(options.work);
