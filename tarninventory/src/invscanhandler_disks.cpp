@@ -226,10 +226,11 @@ std::optional<bool> Flag(const PlistPtr& info, std::string_view key) {
   return value && value->IsBoolean() ? value->AsBoolean() : std::nullopt;
 }
 
-// A value of a diskutil info dictionary when it is a text; absent otherwise.
+// A value of a diskutil info dictionary when it is a text that is not empty (diskutil gives
+// "" for a name it does not know); absent otherwise.
 PlistPtr TextValue(const PlistPtr& info, std::string_view key) {
   const PlistPtr value = ValueForKey(info, key);
-  return value && value->IsString() ? value : nullptr;
+  return value && value->IsString() && !value->String().empty() ? value : nullptr;
 }
 
 // ---- Volumes.
@@ -482,12 +483,12 @@ PlistPtr VolumeInstance(const std::string& identifier, const PlistPtr& info,
                         const PlistPtr& internalDisks, const PlistPtr& removableDisks,
                         bool externalIsRemovable) {
   const PlistPtr mountPoint = ValueForKey(info, "MountPoint");
-  const bool ejectable = IntegerValueOf(ValueForKey(info, "Ejectable")) != 0 ||
+  const bool removable = IntegerValueOf(ValueForKey(info, "Ejectable")) != 0 ||
                          (externalIsRemovable && IsExternalVolume(info));
   const PlistPtr volumeName = ValueForKey(info, "VolumeName");
 
   PlistPtr parent;
-  if (ejectable) {
+  if (removable) {
     parent = ValueForKey(info, "ParentWholeDisk");
     if (!parent || !parent->IsString() || !ValueForKey(removableDisks, parent->String())) {
       ErrorLogMessage("This volume %s is not a hdd\n", identifier.c_str());
@@ -496,13 +497,13 @@ PlistPtr VolumeInstance(const std::string& identifier, const PlistPtr& info,
   } else {
     parent = FirstKeyOrFiller(internalDisks);
   }
-  const std::string label = ejectable ? "Removable Disk" : "Local Fixed Disk";
+  const std::string label = removable ? "Removable Disk" : "Local Fixed Disk";
 
   const PlistPtr volume = PlistValue::MakeDictionary();
   volume->SetObjectForKey("401", mountPoint);  // raises for a volume that is not mounted
   volume->SetObjectForKey("402", Text(volumeName ? label + " : " + ItemText(volumeName) : label));
-  volume->SetObjectForKey("403", Text(ejectable ? "2" : "3"));
-  volume->SetObjectForKey("404", Text(ejectable ? "11" : "12"));
+  volume->SetObjectForKey("403", Text(removable ? "2" : "3"));
+  volume->SetObjectForKey("404", Text(removable ? "11" : "12"));
   volume->SetObjectForKey("405", TextOrFiller(ValueForKey(info, "FilesystemName")));
   volume->SetObjectForKey("406", VolumeSize(info, "TotalSize"));
   volume->SetObjectForKey("407", VolumeSize(info, "FreeSpace"));

@@ -335,6 +335,7 @@ TEST(DiskParse, WholeDiskInfoAsARemovableMedium) {
             "SSD PM830 mSATA|-|SSD PM830 mSATA -|-|disk4|1073741824|-|-|-|SSD PM830 mSATA|-");
   // Missing keys and keys of other kinds count as missing.
   EXPECT_EQ(medium(""), "-|-|- -|-|disk4|0|-|-|-|-|-");
+  EXPECT_EQ(medium(S("MediaName", "")), "-|-|- -|-|disk4|0|-|-|-|-|-");
   EXPECT_EQ(medium(I("MediaName", 5) + S("RemovableMedia", "yes") + S("Size", "123")),
             "-|-|- -|-|disk4|0|-|-|-|-|-");
   EXPECT_EQ(medium("<key>MediaName</key><array/><key>RemovableMedia</key><dict/>"
