@@ -59,8 +59,15 @@ void RunParseSteps(const PlistPtr& root, std::string_view bytes) {
   PlistPtr removable;
   PlistPtr volume;
   Guarded([&] { internal = tarn::DiskDrivesFromControllers(items()); });
+  Guarded([&] { tarn::DiskDrivesFromNvmeControllers(items()); });
   Guarded([&] { removable = tarn::RemovableDisksFromReport(root); });
+  Guarded([&] { tarn::IsExternalVolume(root); });
+  Guarded([&] {
+    if (!removable) removable = tarn::PlistValue::MakeDictionary();
+    removable->SetObjectForKey("disk4", tarn::RemovableDiskFromDiskInfo("disk4", root));
+  });
   Guarded([&] { volume = tarn::VolumeInstance("disk1s1", root, internal, removable); });
+  Guarded([&] { tarn::VolumeInstance("disk1s1", root, internal, removable, true); });
   Guarded([&] {
     const PlistPtr volumes = tarn::PlistValue::MakeDictionary();
     if (volume) volumes->SetObjectForKey("disk1s1", volume);

@@ -160,12 +160,14 @@ class AgentFolder {
     std::filesystem::remove(data() / "dupserverinfo.plist");
   }
 
-  // Replays the recorded machine testdata/machines/NAME.
-  void UseMachine(const std::string& name) const {
+  // Replays the recorded machine testdata/machines/NAME; moreKeys are further entries of
+  // agent-conf.plist (property-list text).
+  void UseMachine(const std::string& name, const std::string& moreKeys = "") const {
     WritePlist(data() / "agent-conf.plist",
                "\t<key>Loglevel</key><integer>3</integer>\n"
                "\t<key>TOOL_REPLAY_DIRECTORY</key><string>" +
-                   std::string(TARN_SOURCE_DIR) + "/testdata/machines/" + name + "</string>\n");
+                   std::string(TARN_SOURCE_DIR) + "/testdata/machines/" + name + "</string>\n" +
+                   moreKeys);
   }
 
   static void WritePlist(const std::filesystem::path& path, const std::string& dictionaryBody) {

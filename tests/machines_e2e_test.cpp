@@ -128,6 +128,18 @@ const Machine kMachines[] = {
          {27, ""},
          {28, MemoryArray(0, "17179869184")},
      }},
+    {"macbook-air-m3",
+     4,
+     {
+         // Without REPORT_MODERN_DISKS: no Serial-ATA, SAS or USB medium, so no disk; the stick's
+         // ejectable volumes have no known parent and are left out.
+         {13, ""},
+         {4,
+          FixedVolume(1, "/", "Macintosh HD", "APFS", "530841632768", "323459710976",
+                      "6C2B8E4A-31F7-4D09-9A5E-0F83B7D21C64", "disk3s1s1", "-") +
+              FixedVolume(2, "/System/Volumes/Data", "Macintosh HD - Data", "APFS", "530841632768",
+                          "323459710976", "B19D0F53-7E2A-4C86-8D41-5A6E3F92C07B", "disk3s5", "-")},
+     }},
     {"macpro-sas",
      80,
      {
@@ -238,6 +250,66 @@ TEST(MachineScan, EveryRecordedMachineRecordsWhatItsToolsPrinted) {
       EXPECT_TRUE(entry.is_symlink()) << entry.path();
     }
   }
+}
+
+// Occurrences of piece in text.
+std::size_t CountOf(const std::string& text, const std::string& piece) {
+  std::size_t found = 0;
+  for (auto at = text.find(piece); at != std::string::npos; at = text.find(piece, at + 1)) {
+    ++found;
+  }
+  return found;
+}
+
+TEST(MachineScan, ModernDisksOnlyWithTheKeyOn) {
+  InventoryServer server;
+  AgentFolder agent("modern-disks");
+  agent.WriteResourceId("42");
+  agent.ServeAt(server.port());
+
+  // Off (key "0"): the same document as without the key, and nothing of it in the log.
+  agent.UseMachine("macbook-air-m3", "\t<key>REPORT_MODERN_DISKS</key><string>0</string>\n");
+  ASSERT_EQ(agent.Run({"assetscan"}).exitCode, 0);
+  ASSERT_EQ(server.Uploads().size(), 1u);
+  EXPECT_EQ(RowsOfClass(server.Uploads()[0].body, 13), "");
+  EXPECT_EQ(CountOf(RowsOfClass(server.Uploads()[0].body, 4), "401|"), 2u);
+  const std::string offLog = agent.ScanLog();
+  for (const char* absent : {"SPNVMeDataType", "REPORT_MODERN_DISKS", "external disk"}) {
+    EXPECT_EQ(CountOf(offLog, absent), 0u) << absent;
+  }
+  EXPECT_EQ(CountOf(offLog, "This volume BACKUP is not a hdd"), 1u);
+
+  // On: the NVMe disk is the internal disk, the stick's whole disk is read once and both its
+  // volumes are removable.
+  agent.UseMachine("macbook-air-m3", "\t<key>REPORT_MODERN_DISKS</key><string>1</string>\n");
+  ASSERT_EQ(agent.Run({"assetscan"}).exitCode, 0);
+  EXPECT_TRUE(LastLineIs(agent, "Manual", {"FullData", "Success"})) << agent.AccessLog();
+  ASSERT_EQ(server.Uploads().size(), 2u);
+  const std::string body = server.Uploads()[1].body;
+  EXPECT_EQ(RowsOfClass(body, 13),
+            "1301|1|APPLE SSD AP0512Z;1302|1|-;1303|1|SSD;1304|1|-;1305|1|disk0;"
+            "1306|1|537169199104;1307|1|-;1308|1|-;1309|1|-;1310|1|APPLE SSD AP0512Z;"
+            "1311|1|0ba1c2d3e4f50617;"
+            "1301|2|Flash Drive;1302|2|-;1303|2|removable - Flash Drive -;1304|2|-;1305|2|disk4;"
+            "1306|2|66067808256;1307|2|-;1308|2|-;1309|2|-;1310|2|Flash Drive;1311|2|-;");
+  EXPECT_EQ(RowsOfClass(body, 4),
+            "401|1|/;402|1|Local Fixed Disk : Macintosh HD;403|1|3;404|1|12;405|1|APFS;"
+            "406|1|530841632768;407|1|323459710976;408|1|6C2B8E4A-31F7-4D09-9A5E-0F83B7D21C64;"
+            "409|1|-;410|1|disk3s1s1;411|1|disk0;"
+            "401|2|/System/Volumes/Data;402|2|Local Fixed Disk : Macintosh HD - Data;403|2|3;"
+            "404|2|12;405|2|APFS;406|2|530841632768;407|2|323459710976;"
+            "408|2|B19D0F53-7E2A-4C86-8D41-5A6E3F92C07B;409|2|-;410|2|disk3s5;411|2|disk0;"
+            "401|3|/Volumes/BACKUP;402|3|Removable Disk : BACKUP;403|3|2;404|3|11;"
+            "405|3|MS-DOS FAT32;406|3|34587643904;407|3|21905508352;"
+            "408|3|3F1A7C2E-8B54-3D96-A0E7-C4B2918F5D03;409|3|-;410|3|disk4s1;411|3|disk4;"
+            "401|4|/Volumes/TRANSFER;402|4|Removable Disk : TRANSFER;403|4|2;404|4|11;"
+            "405|4|ExFAT;406|4|31480162304;407|4|31479879680;"
+            "408|4|D7E04B91-2C6F-3A58-B3D2-71F0E8A94C16;409|4|-;410|4|disk4s2;411|4|disk4;");
+  const std::string onLog = agent.ScanLog().substr(offLog.size());
+  EXPECT_EQ(CountOf(onLog, "REPORT_MODERN_DISKS is on"), 1u);
+  EXPECT_EQ(CountOf(onLog, "trying with SPNVMeDataType"), 1u);
+  EXPECT_EQ(CountOf(onLog, "FetchMountedVolumes : external disk disk4: Flash Drive\n"), 1u);
+  EXPECT_EQ(CountOf(onLog, "is not a hdd"), 0u);
 }
 
 TEST(MachineScan, ApplicationsKeepTheirNamesAndLeaveOutTheAgentAndDuplicates) {

@@ -22,9 +22,9 @@ expect_in() {
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# A Mac of three tools; every other tool is "not installed".
+# A Mac of a few tools; every other tool is "not installed".
 root=$work/root
-mkdir -p "$root/usr/bin"
+mkdir -p "$root/usr/bin" "$root/usr/sbin"
 stub() {
 	printf '#!/bin/sh\necho %s\n' "$2" >"$root$1"
 	chmod 755 "$root$1"
@@ -32,6 +32,37 @@ stub() {
 stub /usr/bin/uname Darwin
 stub /usr/bin/sw_vers 14.5
 stub /usr/bin/users alice
+stub /usr/sbin/system_profiler '"report $*"'
+# diskutil: an internal volume, two volumes of one USB stick, a mounted disk image.
+cat >"$root/usr/sbin/diskutil" <<'STUB'
+#!/bin/sh
+volume() { printf '<dict>\n<key>%s</key>\n<%s/>\n<key>ParentWholeDisk</key>\n<string>%s</string>\n<key>BusProtocol</key>\n<string>%s</string>\n</dict>\n' "$@"; }
+case "$1 $3" in
+"list ") printf '<dict>\n<key>VolumesFromDisks</key>\n<array>\n<string>HD</string>\n<string>A</string>\n<string>B</string>\n<string>Image</string>\n</array>\n</dict>\n' ;;
+"info HD") volume Internal true disk3 "Apple Fabric" ;;
+"info A" | "info B") volume Internal false disk4 USB ;;
+"info Image") volume RemovableMediaOrExternalDevice true disk5 "Disk Image" ;;
+"info disk4") printf '<dict>\n<key>MediaName</key>\n<string>Flash Drive</string>\n</dict>\n' ;;
+*) exit 1 ;;
+esac
+STUB
+# plutil: -extract of a top-level key or of VolumesFromDisks.N from such lists; -lint passes.
+cat >"$root/usr/bin/plutil" <<'STUB'
+#!/bin/sh
+[ "$1" = -lint ] && exit 0
+awk -v key="$2" '
+	BEGIN { n = split(key, part, "."); name = part[1]; want = n > 1 ? part[2] + 0 : -1 }
+	function text(line) { gsub(/.*<string>|<\/string>.*/, "", line); return line }
+	found && want < 0 {
+		if ($0 ~ /<true\/>/) print "true"; else if ($0 ~ /<false\/>/) print "false"; else print text($0)
+		ok = 1; exit
+	}
+	found && /<\/array>/ { exit }
+	found && /<string>/ { if (index_++ == want) { print text($0); ok = 1; exit } }
+	$0 == "<key>" name "</key>" { found = 1 }
+	END { exit ok ? 0 : 1 }' "$6"
+STUB
+chmod 755 "$root/usr/sbin/diskutil" "$root/usr/bin/plutil"
 
 # run NAME ARGUMENT...: runs the script, output in $work/NAME.out and .err; gives its status.
 run() {
@@ -55,6 +86,15 @@ expect_in "$recording/sw_vers-productVersion.txt" "14.5"
 expect_in "$work/new.out" "Running /usr/bin/sw_vers -productVersion"
 expect_in "$work/new.out" "takes minutes"
 expect_in "$work/new.out" "Warning: $recording identifies this Mac and its users"
+# The NVMe report, the volumes, and the stick's whole disk once (not the disk image's).
+expect_in "$recording/manifest.plist" "<string>SPNVMeDataType</string>"
+expect_in "$recording/system_profiler-SPNVMeDataType.xml" "report -xml SPNVMeDataType"
+expect_in "$recording/diskutil-info-4.plist" "Disk Image"
+expect_in "$recording/diskutil-info-whole-1.plist" "Flash Drive"
+[ "$(grep -c "Running /usr/sbin/diskutil info -plist disk" "$work/new.out")" = 1 ] ||
+	fail "whole disks asked for: $(grep "diskutil info" "$work/new.out")"
+[ -e "$recording/diskutil-info-whole-2.plist" ] && fail "a second whole disk was recorded"
+expect_in "$recording/manifest.plist" "<string>disk4</string>"
 
 # A folder that already exists, even empty, is refused: a link planted in it is not followed.
 echo "root only" >"$work/precious"

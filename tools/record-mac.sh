@@ -146,6 +146,17 @@ volume_at() {
 	fi
 }
 
+# The value of a top-level KEY of a diskutil info property list as text ("true"/"false" for
+# Booleans); fails when there is none.
+value_of() {
+	local info=$1 key=$2
+	if [ -x "$tool_root$PLISTBUDDY" ]; then
+		"$tool_root$PLISTBUDDY" -c "Print :$key" "$info" 2>/dev/null
+	else
+		"$tool_root$PLUTIL" -extract "$key" raw -o - "$info" 2>/dev/null
+	fi
+}
+
 echo "Recording this Mac into $out"
 
 # The installed-applications report (the scanner puts the type name before -xml here).
@@ -165,7 +176,7 @@ for type in SPHardwareDataType SPDisplaysDataType SPDiscBurningDataType SPSerial
 	SPSASDataType SPUSBDataType SPNetworkDataType SPPrintersDataType SPMemoryDataType; do
 	record "system_profiler-$type.xml" "$SP" -xml "$type"
 done
-# Not read by the scanner: kept so that a replay shows where NVMe disks are.
+# Read by the scanner with REPORT_MODERN_DISKS on, when no Serial-ATA or SAS disk is found.
 record system_profiler-SPNVMeDataType.xml "$SP" -xml SPNVMeDataType
 
 # The logged-on users: the scanner passes one argument that is a single blank.
@@ -173,13 +184,37 @@ record users.txt "$USERS" " "
 
 # Disks: the list, then one info per entry of VolumesFromDisks (volume names on macOS).
 # Info files are numbered by position; a volume name never becomes part of a file name.
+volumes=0
 if record diskutil-list.plist "$DISKUTIL" list -plist && [ -s diskutil-list.plist ]; then
-	index=0
-	while volume=$(volume_at diskutil-list.plist "$index"); do
-		index=$((index + 1))
-		record "diskutil-info-$index.plist" "$DISKUTIL" info -plist "$volume"
+	while volume=$(volume_at diskutil-list.plist "$volumes"); do
+		volumes=$((volumes + 1))
+		record "diskutil-info-$volumes.plist" "$DISKUTIL" info -plist "$volume"
 	done
 fi
+
+# Then, as the scanner asks with REPORT_MODERN_DISKS on, one info per whole disk of the
+# volumes diskutil calls external or removable (not a disk image), each whole disk once.
+index=0
+whole_disks=" "
+whole=0
+while [ "$index" -lt "$volumes" ]; do
+	index=$((index + 1))
+	info=diskutil-info-$index.plist
+	[ -s "$info" ] || continue
+	[ "$(value_of "$info" BusProtocol)" != "Disk Image" ] || continue
+	if [ "$(value_of "$info" Internal)" != false ] &&
+		[ "$(value_of "$info" RemovableMediaOrExternalDevice)" != true ]; then
+		continue
+	fi
+	parent=$(value_of "$info" ParentWholeDisk) || continue
+	[ -n "$parent" ] || continue
+	case $whole_disks in
+	*" $parent "*) continue ;;
+	esac
+	whole_disks="$whole_disks$parent "
+	whole=$((whole + 1))
+	record "diskutil-info-whole-$whole.plist" "$DISKUTIL" info -plist "$parent"
+done
 
 # Host facts. A fact that cannot be read is left out, as the live platform reports failure.
 add_host_text() {

@@ -199,11 +199,24 @@ PlistPtr DiskDrivesFromControllers(const PlistPtr& controllers);
 // Removable media from the parsed USB report (root array); empty for an
 // absent or empty report. Raises on odd input.
 PlistPtr RemovableDisksFromReport(const PlistPtr& report);
+// Internal disks from the controllers of an NVMe report ("_items" of its element 0), by the
+// Serial-ATA walk with every disk solid state. Raises on odd input as that walk does.
+PlistPtr DiskDrivesFromNvmeControllers(const PlistPtr& controllers);
+// Whether a diskutil info dictionary says the volume or disk is not internal: "Internal"
+// false or "RemovableMediaOrExternalDevice" true (Booleans only), and not a disk image.
+// Raises when info is present and no dictionary.
+bool IsExternalVolume(const PlistPtr& info);
+// A removable medium's instance (the USB report's columns) from "diskutil info -plist" of its
+// whole disk: "MediaName" as the name, "RemovableMedia" true as removable media, "Size";
+// no manufacturer, vendor or serial. Values of another kind count as missing.
+PlistPtr RemovableDiskFromDiskInfo(const std::string& wholeDisk, const PlistPtr& info);
 // One volume's instance from its diskutil info dictionary; absent when
-// the volume is left out (removable with an unknown parent). Raises for a
+// the volume is left out (removable with an unknown parent). A volume is removable when
+// "Ejectable", or (externalIsRemovable) when IsExternalVolume. Raises for a
 // volume without "MountPoint".
 PlistPtr VolumeInstance(const std::string& identifier, const PlistPtr& info,
-                        const PlistPtr& internalDisks, const PlistPtr& removableDisks);
+                        const PlistPtr& internalDisks, const PlistPtr& removableDisks,
+                        bool externalIsRemovable = false);
 // The rows of the disks (class 13: internal, then removable disks not already among them)
 // and the volumes (class 4), instances numbered from 1 in dictionary order. Merges the
 // removable disks into internalDisks. Raises at a value that is not a text.
@@ -243,10 +256,16 @@ class ProplistXMLParser {
   // ---- Disk and volume gathering (each runs its tools, then the parse step above).
   // Internal disks (true: Serial-ATA report; false: SAS report), key BSD name.
   PlistPtr FetchDiskDrives(bool serialAta);
+  // Internal disks from the NVMe report, key BSD name; absent without controllers or on a
+  // failure. Run only with REPORT_MODERN_DISKS on.
+  PlistPtr FetchNvmeDiskDrives();
   // Media on USB, key BSD name; empty when there are none, absent on a failure.
   PlistPtr FetchRemovableDiskDrives();
-  // Volumes by device identifier; absent on a failure.
-  PlistPtr FetchMountedVolumes(const PlistPtr& internalDisks, const PlistPtr& removableDisks);
+  // Volumes by device identifier; absent on a failure. With externalVolumes, each volume
+  // diskutil calls external or removable first adds its whole disk to removableDisks (a
+  // dictionary) and is recorded as removable.
+  PlistPtr FetchMountedVolumes(const PlistPtr& internalDisks, const PlistPtr& removableDisks,
+                               bool externalVolumes = false);
 
   // Facts one collector learns and a later one reads.
   CollectorFacts bufferDict;

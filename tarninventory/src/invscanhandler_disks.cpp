@@ -1,12 +1,18 @@
 // The disk and volume collector: internal disks from the Serial-ATA report
 // (the SAS report as fallback), removable media from the USB report, and the
 // mounted volumes that diskutil lists, recorded as classes 13 and 4.
+//
+// With REPORT_MODERN_DISKS on (agent-conf.plist), for the Macs that have neither report:
+// the NVMe report when Serial-ATA and SAS give no disk, and, when the USB report lists no
+// medium, the whole disks of the volumes diskutil calls external or removable. Off, none of
+// this runs.
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -19,6 +25,7 @@
 #include "tarninventory/src/invscanhandler.h"
 #include "tarninventory/src/tarninventoryutil.h"
 #include "tarnutils/src/TarnDiagnostics.h"
+#include "tarnutils/src/TarnGlobalvars.h"
 #include "tarnutils/src/TarnSystemutil_mac.h"
 #include "tarnutils/src/proplisthandler.h"
 
@@ -32,6 +39,7 @@ constexpr const char* kHddDetailsSignature = "-[ProplistXMLParser FetchHDDDetail
 constexpr const char* kDiskDrivesSignature = "-[ProplistXMLParser FetchDiskDrives:]";
 constexpr const char* kDiskTypeSignature = "void getDiskType(NSArray *, int, BOOL *, BOOL *)";
 constexpr const char* kRemovableSignature = "-[ProplistXMLParser FetchRemovableDiskDrives]";
+constexpr const char* kNvmeSignature = "-[ProplistXMLParser FetchNvmeDiskDrives]";
 constexpr const char* kVolumesSignature =
     "-[ProplistXMLParser FetchMountedVolumes:removableDisks:]";
 
@@ -186,6 +194,17 @@ PlistPtr RemovableMedium(const PlistPtr& medium) {
   return disk;
 }
 
+// The disks of a walk over the controllers of a disk report, the machine classified as kinds.
+PlistPtr DiskDrivesOf(const PlistPtr& controllers, const DiskKinds& kinds) {
+  DiskWalk walk;
+  walk.kinds = kinds;
+  const PlistPtr disks = PlistValue::MakeDictionary();
+  for (std::size_t i = 0; i < Count(controllers); ++i) {
+    WalkController(ObjectAtIndex(controllers, i), walk, disks);
+  }
+  return disks;
+}
+
 // Records the media of one USB device (its own "_items").
 void RecordMedia(const PlistPtr& device, const PlistPtr& disks) {
   const PlistPtr media = ValueForKey(device, "_items");
@@ -201,6 +220,19 @@ void RecordMedia(const PlistPtr& device, const PlistPtr& disks) {
   }
 }
 
+// A Boolean of a diskutil info dictionary; absent for a missing key or another kind.
+std::optional<bool> Flag(const PlistPtr& info, std::string_view key) {
+  const PlistPtr value = ValueForKey(info, key);
+  return value && value->IsBoolean() ? value->AsBoolean() : std::nullopt;
+}
+
+// A value of a diskutil info dictionary when it is a text that is not empty (diskutil gives
+// "" for a name it does not know); absent otherwise.
+PlistPtr TextValue(const PlistPtr& info, std::string_view key) {
+  const PlistPtr value = ValueForKey(info, key);
+  return value && value->IsString() && !value->String().empty() ? value : nullptr;
+}
+
 // ---- Volumes.
 
 // Runs diskutil with its output going to path, opens the file with the
@@ -211,6 +243,23 @@ std::unique_ptr<Proplisthandler> DiskutilStore(const std::vector<std::string>& a
   std::unique_ptr<Proplisthandler> store = Proplisthandler::InitwithFile(path);
   RemoveFile(path);
   return store;
+}
+
+// For a volume diskutil calls external or removable: its whole disk ("ParentWholeDisk") as a
+// removable medium, from "diskutil info -plist" of that disk, asked once per whole disk.
+void AddWholeDiskOf(const PlistPtr& volumeInfo, const PlistPtr& removableDisks,
+                    const ScratchDirectory& scratch) {
+  if (!IsExternalVolume(volumeInfo)) return;
+  const PlistPtr parent = TextValue(volumeInfo, "ParentWholeDisk");
+  if (!parent || ValueForKey(removableDisks, parent->String())) return;
+  const PlistPtr info =
+      DiskutilStore({"info", "-plist", parent->String()},
+                    scratch.FilePath("disk-" + std::to_string(Count(removableDisks)) + ".plist"))
+          ->GetPropertyDict();
+  removableDisks->SetObjectForKey(parent->String(),
+                                  RemovableDiskFromDiskInfo(parent->String(), info));
+  ConsoleLog("FetchMountedVolumes : external disk %s: %s\n", parent->String().c_str(),
+             ItemText(TextValue(info, "MediaName")).c_str());
 }
 
 // "406"/"407": the converted size, or "-" when the size is absent.
@@ -242,10 +291,19 @@ void AppendInstanceRows(const PlistPtr& instances, std::int32_t classId, Rows& r
 
 void ProplistXMLParser::FetchHDDDetails() {
   try {
+    const bool modern = HasGlobvars() && gv_globvars().reportModernDisks();
     PlistPtr internal = FetchDiskDrives(true);
     if (!internal) internal = FetchDiskDrives(false);
-    const PlistPtr removable = FetchRemovableDiskDrives();
-    const PlistPtr volumes = FetchMountedVolumes(internal, removable);
+    if (modern && Count(internal) == 0) {
+      // An NVMe report without disks keeps what the other reports gave, unless they gave
+      // nothing at all.
+      const PlistPtr nvme = FetchNvmeDiskDrives();
+      if (nvme && (Count(nvme) > 0 || !internal)) internal = nvme;
+    }
+    PlistPtr removable = FetchRemovableDiskDrives();
+    const bool externalVolumes = modern && Count(removable) == 0;
+    if (externalVolumes) removable = PlistValue::MakeDictionary();
+    const PlistPtr volumes = FetchMountedVolumes(internal, removable, externalVolumes);
     RecordRowsOf([&](Rows& rows) { ParseDisksAndVolumes(internal, removable, volumes, rows); });
   } catch (const PlatformException& exception) {
     LogCaught(kHddDetailsSignature, __LINE__, "FetchHDDDetails", exception);
@@ -282,14 +340,30 @@ PlistPtr ProplistXMLParser::FetchDiskDrives(bool serialAta) {
   }
 }
 
-PlistPtr DiskDrivesFromControllers(const PlistPtr& controllers) {
-  DiskWalk walk;
-  walk.kinds = getDiskType(controllers);
-  const PlistPtr disks = PlistValue::MakeDictionary();
-  for (std::size_t i = 0; i < Count(controllers); ++i) {
-    WalkController(ObjectAtIndex(controllers, i), walk, disks);
+PlistPtr ProplistXMLParser::FetchNvmeDiskDrives() {
+  try {
+    ConsoleWhere(kNvmeSignature, __LINE__,
+                 "No disk from SPSerialATADataType or SPSASDataType, trying with SPNVMeDataType");
+    const PlistPtr controllers = GetItemsArrayfromPropertylist({"-xml", "SPNVMeDataType"});
+    if (Count(controllers) == 0) {
+      ConsoleWhere(kNvmeSignature, __LINE__, "No NVMe controller in SPNVMeDataType");
+      return nullptr;
+    }
+    return DiskDrivesFromNvmeControllers(controllers);
+  } catch (const PlatformException& exception) {
+    LogCaught(kNvmeSignature, __LINE__, "FetchNvmeDiskDrives", exception);
+    return nullptr;
   }
-  return disks;
+}
+
+PlistPtr DiskDrivesFromControllers(const PlistPtr& controllers) {
+  return DiskDrivesOf(controllers, getDiskType(controllers));
+}
+
+PlistPtr DiskDrivesFromNvmeControllers(const PlistPtr& controllers) {
+  // Every NVMe disk is solid state and none rotational: no fusion halves, the first disk
+  // recorded is the "SSD".
+  return DiskDrivesOf(controllers, DiskKinds{true, false});
 }
 
 DiskKinds getDiskType(const PlistPtr& controllers) {
@@ -349,7 +423,8 @@ PlistPtr RemovableDisksFromReport(const PlistPtr& report) {
 }
 
 PlistPtr ProplistXMLParser::FetchMountedVolumes(const PlistPtr& internalDisks,
-                                                const PlistPtr& removableDisks) {
+                                                const PlistPtr& removableDisks,
+                                                bool externalVolumes) {
   try {
     // The tool outputs go to a private folder and are named by position: volume names are
     // chosen by users and may hold "/" or "..". The folder goes with everything left in it.
@@ -371,7 +446,9 @@ PlistPtr ProplistXMLParser::FetchMountedVolumes(const PlistPtr& internalDisks,
           DiskutilStore({"info", "-plist", identifier},
                         scratch.FilePath("volume-" + std::to_string(i) + ".plist"))
               ->GetPropertyDict();
-      if (PlistPtr volume = VolumeInstance(identifier, info, internalDisks, removableDisks)) {
+      if (externalVolumes) AddWholeDiskOf(info, removableDisks, scratch);
+      if (PlistPtr volume =
+              VolumeInstance(identifier, info, internalDisks, removableDisks, externalVolumes)) {
         volumes->SetObjectForKey(identifier, volume);
       }
     }
@@ -382,14 +459,36 @@ PlistPtr ProplistXMLParser::FetchMountedVolumes(const PlistPtr& internalDisks,
   }
 }
 
+bool IsExternalVolume(const PlistPtr& info) {
+  if (const PlistPtr bus = ValueForKey(info, "BusProtocol");
+      bus && bus->IsString() && bus->String() == "Disk Image") {
+    return false;  // a mounted disk image is a file, not a medium
+  }
+  return Flag(info, "Internal") == false || Flag(info, "RemovableMediaOrExternalDevice") == true;
+}
+
+PlistPtr RemovableDiskFromDiskInfo(const std::string& wholeDisk, const PlistPtr& info) {
+  // The whole disk as a USB report's medium would show it, recorded by the same rules.
+  const PlistPtr medium = PlistValue::MakeDictionary();
+  medium->SetValueForKey("_name", TextValue(info, "MediaName"));
+  medium->SetObjectForKey("bsd_name", Text(wholeDisk));
+  medium->SetObjectForKey("removable_media",
+                          Text(Flag(info, "RemovableMedia") == true ? "yes" : "no"));
+  const PlistPtr size = ValueForKey(info, "Size");
+  if (size && (size->IsInteger() || size->IsReal())) medium->SetObjectForKey("size_in_bytes", size);
+  return RemovableMedium(medium);
+}
+
 PlistPtr VolumeInstance(const std::string& identifier, const PlistPtr& info,
-                        const PlistPtr& internalDisks, const PlistPtr& removableDisks) {
+                        const PlistPtr& internalDisks, const PlistPtr& removableDisks,
+                        bool externalIsRemovable) {
   const PlistPtr mountPoint = ValueForKey(info, "MountPoint");
-  const bool ejectable = IntegerValueOf(ValueForKey(info, "Ejectable")) != 0;
+  const bool removable = IntegerValueOf(ValueForKey(info, "Ejectable")) != 0 ||
+                         (externalIsRemovable && IsExternalVolume(info));
   const PlistPtr volumeName = ValueForKey(info, "VolumeName");
 
   PlistPtr parent;
-  if (ejectable) {
+  if (removable) {
     parent = ValueForKey(info, "ParentWholeDisk");
     if (!parent || !parent->IsString() || !ValueForKey(removableDisks, parent->String())) {
       ErrorLogMessage("This volume %s is not a hdd\n", identifier.c_str());
@@ -398,13 +497,13 @@ PlistPtr VolumeInstance(const std::string& identifier, const PlistPtr& info,
   } else {
     parent = FirstKeyOrFiller(internalDisks);
   }
-  const std::string label = ejectable ? "Removable Disk" : "Local Fixed Disk";
+  const std::string label = removable ? "Removable Disk" : "Local Fixed Disk";
 
   const PlistPtr volume = PlistValue::MakeDictionary();
   volume->SetObjectForKey("401", mountPoint);  // raises for a volume that is not mounted
   volume->SetObjectForKey("402", Text(volumeName ? label + " : " + ItemText(volumeName) : label));
-  volume->SetObjectForKey("403", Text(ejectable ? "2" : "3"));
-  volume->SetObjectForKey("404", Text(ejectable ? "11" : "12"));
+  volume->SetObjectForKey("403", Text(removable ? "2" : "3"));
+  volume->SetObjectForKey("404", Text(removable ? "11" : "12"));
   volume->SetObjectForKey("405", TextOrFiller(ValueForKey(info, "FilesystemName")));
   volume->SetObjectForKey("406", VolumeSize(info, "TotalSize"));
   volume->SetObjectForKey("407", VolumeSize(info, "FreeSpace"));

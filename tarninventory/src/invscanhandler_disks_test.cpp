@@ -82,6 +82,11 @@ class DiskCollectorTest : public CollectorTest {
   void AnswerVolumeList(const std::string& names) {
     AnswerDiskutil({"list", "-plist"}, "<key>VolumesFromDisks</key><array>" + names + "</array>");
   }
+  // An empty value table again, for the next run of a collector.
+  static void ResetRows() {
+    UnLoadTable("WMIFetchedValue");
+    ASSERT_EQ(CreateTable("WMIFetchedValue"), 1);
+  }
   // The recorded rows of the class for the given properties, "property|instance|value;".
   static std::string Picked(std::int32_t classId, std::initializer_list<std::string> properties) {
     const std::string rows = RowsOfClass(classId);
@@ -266,6 +271,115 @@ TEST(DiskParse, DisksThenVolumesNumberedInOrder) {
             "1305|1|usb1;1305|2|disk4;401|1|/;411|1|disk1;401|2|/Volumes/S;");
 }
 
+// An NVMe device as the NVMe report lists it: no medium type.
+std::string Nvme(const std::string& bsd, long long size, bool volumes = true) {
+  return Dict(S("_name", "APPLE SSD " + bsd) + S("bsd_name", bsd) +
+              S("device_model", "APPLE SSD " + bsd) + S("device_serial", "sn-" + bsd) +
+              S("removable_media", "no") + I("size_in_bytes", size) + (volumes ? kVolumes : ""));
+}
+
+std::string NvmeReport(const std::string& controllers) {
+  return Report("SPNVMeDataType", controllers);
+}
+
+PlistPtr Controllers(const std::string& report) {
+  return ValueForKey(ObjectAtIndex(ParsePlist(report), 0), "_items");
+}
+
+TEST(DiskParse, NvmeDisksAreSolidState) {
+  const std::string controller =
+      Dict(Items(Nvme("disk9", 5, false) + Nvme("disk0", 500107862016) + Nvme("disk1", 7)) +
+           S("_name", "Apple SSD Controller"));
+  // One disk per controller, as on Serial-ATA; the first recorded is the SSD. Without
+  // medium types the Serial-ATA rules would have seen both kinds, hence the NVMe step.
+  EXPECT_EQ(Render(DiskDrivesFromNvmeControllers(Controllers(NvmeReport(controller)))),
+            "disk0:APPLE SSD disk0|-|SSD|-|disk0|536986746880|-|-|-|APPLE SSD disk0|sn-disk0;");
+  const std::string second = Dict(Items(Nvme("disk2", 1000000000)));
+  EXPECT_EQ(Summary(DiskDrivesFromNvmeControllers(Controllers(NvmeReport(controller + second)))),
+            "disk0=SSD/536986746880;disk2=Disk drive/1073741824;");
+  // Two NVMe disks on one controller next to each other: never a fusion drive.
+  const std::string pair = Dict(Items(Nvme("disk0", 121332826112) + Nvme("disk1", 500107862016)));
+  EXPECT_EQ(Summary(DiskDrivesFromNvmeControllers(Controllers(NvmeReport(pair)))),
+            "disk0=SSD/130280128512;");
+
+  // Odd reports: nothing recorded, or a raise the gather step catches; never a crash.
+  EXPECT_EQ(Render(DiskDrivesFromNvmeControllers(nullptr)), "");
+  EXPECT_EQ(Render(DiskDrivesFromNvmeControllers(Controllers(NvmeReport("")))), "");
+  EXPECT_EQ(Render(DiskDrivesFromNvmeControllers(
+                Controllers(NvmeReport(Dict(S("_name", "no devices")))))),
+            "");
+  for (const std::string& odd : {
+           NvmeReport(Dict(Items(Dict(S("bsd_name", "disk0") + kVolumes)))),  // no model
+           NvmeReport("<string>controller</string>"),
+           NvmeReport(Dict("<key>_items</key><string>devices</string>")),
+           NvmeReport(Dict(Items("<integer>4</integer>"))),
+       }) {
+    SCOPED_TRACE(odd);
+    EXPECT_THROW(DiskDrivesFromNvmeControllers(Controllers(odd)), PlatformException);
+  }
+}
+
+TEST(DiskParse, WholeDiskInfoAsARemovableMedium) {
+  const auto medium = [](const std::string& body) {
+    return Values(RemovableDiskFromDiskInfo("disk4", ParsePlist(DictPlist(body))));
+  };
+  const std::string stick = S("BusProtocol", "USB") + S("DeviceIdentifier", "disk4") +
+                            S("MediaName", "Flash Drive") + "<key>Internal</key><false/>" +
+                            "<key>RemovableMedia</key><true/>" + I("Size", 32000000000) +
+                            S("VolumeName", "");
+  EXPECT_EQ(medium(stick),
+            "Flash Drive|-|removable - Flash Drive -|-|disk4|34359738368|-|-|-|Flash Drive|-");
+  // A disk in an external enclosure: fixed media.
+  EXPECT_EQ(medium(S("MediaName", "SSD PM830 mSATA") + "<key>RemovableMedia</key><false/>" +
+                   I("Size", 1000000000)),
+            "SSD PM830 mSATA|-|SSD PM830 mSATA -|-|disk4|1073741824|-|-|-|SSD PM830 mSATA|-");
+  // Missing keys and keys of other kinds count as missing.
+  EXPECT_EQ(medium(""), "-|-|- -|-|disk4|0|-|-|-|-|-");
+  EXPECT_EQ(medium(S("MediaName", "")), "-|-|- -|-|disk4|0|-|-|-|-|-");
+  EXPECT_EQ(medium(I("MediaName", 5) + S("RemovableMedia", "yes") + S("Size", "123")),
+            "-|-|- -|-|disk4|0|-|-|-|-|-");
+  EXPECT_EQ(medium("<key>MediaName</key><array/><key>RemovableMedia</key><dict/>"
+                   "<key>Size</key><array/>"),
+            "-|-|- -|-|disk4|0|-|-|-|-|-");
+  EXPECT_EQ(Values(RemovableDiskFromDiskInfo("disk4", nullptr)), "-|-|- -|-|disk4|0|-|-|-|-|-");
+  EXPECT_THROW(RemovableDiskFromDiskInfo("disk4", ParsePlist(kEmptyRoot)), PlatformException);
+}
+
+TEST(DiskParse, ExternalVolumesAreTheOnesDiskutilCallsNotInternal) {
+  const std::string internalFalse = "<key>Internal</key><false/>";
+  const std::string internalTrue = "<key>Internal</key><true/>";
+  const std::string removableOrExternal = "<key>RemovableMediaOrExternalDevice</key><true/>";
+  const struct {
+    std::string info;
+    bool external;
+  } cases[] = {
+      {internalFalse, true},
+      {internalTrue + removableOrExternal, true},  // a card in the built-in reader
+      {internalTrue + "<key>RemovableMediaOrExternalDevice</key><false/>", false},
+      {"", false},
+      {S("Internal", "No") + I("RemovableMediaOrExternalDevice", 1), false},  // Booleans only
+      {internalFalse + S("BusProtocol", "Disk Image"), false},
+      {internalFalse + S("BusProtocol", "USB"), true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.info);
+    EXPECT_EQ(IsExternalVolume(ParsePlist(DictPlist(c.info))), c.external);
+  }
+  EXPECT_FALSE(IsExternalVolume(nullptr));
+  EXPECT_THROW(IsExternalVolume(ParsePlist(kEmptyRoot)), PlatformException);
+
+  // An external volume that is not ejectable is removable only when asked for.
+  const PlistPtr removable = PlistValue::MakeDictionary();
+  removable->SetValueForKey("disk5", PlistValue::MakeDictionary());
+  const PlistPtr info =
+      ParsePlist(DictPlist(S("MountPoint", "/Volumes/Ext") + internalFalse +
+                           "<key>Ejectable</key><false/>" + S("ParentWholeDisk", "disk5")));
+  EXPECT_EQ(Values(VolumeInstance("v", info, nullptr, removable, true)),
+            "/Volumes/Ext|Removable Disk|2|11|-|-|-|-|-|-|disk5");
+  EXPECT_EQ(Values(VolumeInstance("v", info, nullptr, removable)),
+            "/Volumes/Ext|Local Fixed Disk|3|12|-|-|-|-|-|-|-");
+}
+
 // The whole collector through the tools and the recorder.
 TEST_F(DiskCollectorTest, HddDetailsRecordsDisksThenVolumes) {
   // Serial-ATA raises (no element 0): the builder ends, the SAS report takes over.
@@ -305,6 +419,79 @@ TEST_F(DiskCollectorTest, HddDetailsRecordsDisksThenVolumes) {
   parser_.FetchHDDDetails();
   EXPECT_EQ(Picked(13, {"1305"}), "1305|1|disk1;1305|2|disk4;1305|1|disk4;");
   EXPECT_EQ(Picked(4, {"411"}), "411|1|disk1;411|2|disk4;411|1|-;411|2|disk4;");
+}
+
+// With REPORT_MODERN_DISKS: the NVMe report and the whole disks of external volumes, each
+// whole disk asked once; without it, none of these tools run.
+TEST_F(DiskCollectorTest, ModernDisksFromNvmeAndExternalVolumes) {
+  AnswerProfiler("SPSerialATADataType", Report("SPSerialATADataType", ""));
+  AnswerProfiler("SPSASDataType", Report("SPSASDataType", ""));
+  AnswerProfiler("SPUSBDataType", Report("SPUSBDataType", ""));
+  AnswerProfiler("SPNVMeDataType", NvmeReport(Dict(Items(Nvme("disk0", 1000000000)))));
+  AnswerVolumeList("<string>HD</string><string>A</string><string>B</string><string>C</string>");
+  const std::string external = "<key>Internal</key><false/>";
+  AnswerDiskutil({"info", "-plist", "HD"}, S("MountPoint", "/") + "<key>Internal</key><true/>" +
+                                               S("ParentWholeDisk", "disk3"));
+  AnswerDiskutil({"info", "-plist", "A"}, S("MountPoint", "/Volumes/A") + external +
+                                              "<key>Ejectable</key><true/>" +
+                                              S("ParentWholeDisk", "disk4"));
+  AnswerDiskutil({"info", "-plist", "B"},
+                 S("MountPoint", "/Volumes/B") + external + S("ParentWholeDisk", "disk4"));
+  AnswerDiskutil({"info", "-plist", "C"},
+                 S("MountPoint", "/Volumes/C") + external + S("ParentWholeDisk", "disk6"));
+  AnswerDiskutil({"info", "-plist", "disk4"},
+                 S("MediaName", "Stick") + "<key>RemovableMedia</key><true/>" + I("Size", 5));
+  AnswerDiskutil({"info", "-plist", "disk6"}, S("MediaName", "Enclosure"));
+
+  const auto ran = [&](const std::string& argument) {
+    std::size_t times = 0;
+    for (const auto& call : platform_.tools().calls()) {
+      if (!call.arguments.empty() && call.arguments.back() == argument) ++times;
+    }
+    return times;
+  };
+
+  parser_.FetchHDDDetails();  // the key is off: the ejectable A is left out, B and C are fixed
+  EXPECT_EQ(RowsOfClass(13), "");
+  EXPECT_EQ(Picked(4, {"401", "411"}),
+            "401|1|/;411|1|-;401|2|/Volumes/B;411|2|-;401|3|/Volumes/C;411|3|-;");
+  EXPECT_EQ(ran("SPNVMeDataType") + ran("disk4") + ran("disk6"), 0u);
+
+  ResetRows();
+  gv_globvars().Set_reportModernDisks(true);
+  parser_.FetchHDDDetails();
+  EXPECT_EQ(Picked(13, {"1301", "1303", "1305"}),
+            "1301|1|APPLE SSD disk0;1303|1|SSD;1305|1|disk0;"
+            "1301|2|Stick;1303|2|removable - Stick -;1305|2|disk4;"
+            "1301|3|Enclosure;1303|3|Enclosure -;1305|3|disk6;");
+  EXPECT_EQ(Picked(4, {"401", "403", "411"}),
+            "401|1|/;403|1|3;411|1|disk0;401|2|/Volumes/A;403|2|2;411|2|disk4;"
+            "401|3|/Volumes/B;403|3|2;411|3|disk4;401|4|/Volumes/C;403|4|2;411|4|disk6;");
+  EXPECT_EQ(ran("SPNVMeDataType"), 1u);
+  EXPECT_EQ(ran("disk4"), 1u);
+  EXPECT_EQ(ran("disk6"), 1u);
+
+  // A USB report that lists a medium keeps the walk as it was: no whole disk is asked for,
+  // and the volumes it does not list are left out or fixed as before.
+  ResetRows();
+  AnswerProfiler(
+      "SPUSBDataType",
+      Report("SPUSBDataType", Dict(Items(Dict(Items(Dict(S("_name", "USB stick") +
+                                                         S("bsd_name", "disk4") + kVolumes)))))));
+  parser_.FetchHDDDetails();
+  EXPECT_EQ(Picked(13, {"1305"}), "1305|1|disk0;1305|2|disk4;");
+  EXPECT_EQ(Picked(4, {"401", "411"}),
+            "401|1|/;411|1|disk0;401|2|/Volumes/A;411|2|disk4;401|3|/Volumes/B;411|3|disk0;"
+            "401|4|/Volumes/C;411|4|disk0;");
+  EXPECT_EQ(ran("disk4") + ran("disk6"), 2u);
+
+  // A Serial-ATA disk wins: the NVMe report is not run.
+  ResetRows();
+  AnswerProfiler("SPSerialATADataType",
+                 Report("SPSerialATADataType", Dict(Items(Sata("disk1", "Solid State", 1)))));
+  parser_.FetchHDDDetails();
+  EXPECT_EQ(Picked(13, {"1305"}), "1305|1|disk1;1305|2|disk4;");
+  EXPECT_EQ(ran("SPNVMeDataType"), 2u);
 }
 
 TEST_F(DiskCollectorTest, VolumeFilesStayInAPrivateFolderNamedByPosition) {

@@ -223,6 +223,7 @@ int RunScan(const CommandLine& command) {
     InstallPlatform(WithoutNetwork(InstallPlatform(nullptr)));
   }
   ReadTlsSettings();
+  ReadCollectorSettings();
   const std::string scanLog = LogPath() + "/" + kScanLogFileName;
   facts.dataFolder = DataDictPath();
 

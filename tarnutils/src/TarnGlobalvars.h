@@ -80,6 +80,9 @@ class TarnGlobvars {
   TARN_TEXT_PROPERTY(tlsPinnedPublicKeys)
   // Set when a TLS key is unusable: why every HTTPS request fails.
   TARN_TEXT_PROPERTY(tlsSettingsError)
+  // Whether the disk collector also reads the NVMe report and external volumes
+  // ("agent-conf.plist", ReadCollectorSettings).
+  TARN_VALUE_PROPERTY(bool, reportModernDisks, false)
 };
 
 #undef TARN_TEXT_PROPERTY

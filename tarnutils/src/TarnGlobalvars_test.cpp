@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "framework/imds/store_testutil.h"
 #include "framework/logging/logger.h"
 #include "platform/plist/plist_io.h"
 #include "tarnutils/src/proplisthandler.h"
@@ -258,6 +259,45 @@ TEST_F(AgentFolderTest, TlsSettingsFromAgentConfiguration) {
     EXPECT_EQ(vars.tlsCaFile(), c.caFile);
     EXPECT_EQ(vars.tlsPinnedPublicKeys(), c.pins);
     EXPECT_EQ(vars.tlsSettingsError(), c.refused ? std::optional(unusable) : std::nullopt);
+  }
+}
+
+TEST_F(AgentFolderTest, ModernDisksOnlyWhenTheKeySaysOn) {
+  const auto text = [](const char* value) { return PlistValue::MakeString(value); };
+  const struct {
+    PlistPtr value;  // null: no key
+    bool on;
+    std::string logged;  // "" : nothing at all
+  } cases[] = {
+      {nullptr, false, ""},
+      {text("1"), true,
+       "[INFO] ReadCollectorSettings : REPORT_MODERN_DISKS is on: NVMe disks "
+       "and external volumes are reported\n"},
+      {text("Yes"), true, "is on"},
+      {PlistValue::MakeBoolean(true), true, "is on"},
+      {PlistValue::MakeInteger(1), true, "is on"},
+      {text("0"), false, ""},
+      {PlistValue::MakeBoolean(false), false, ""},
+      {text("on"), false,
+       "[ERROR] ReadCollectorSettings : REPORT_MODERN_DISKS is not 1, true, yes, 0, false or "
+       "no; left off\n"},
+      {PlistValue::MakeInteger(2), false, "left off"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.value ? c.value->Description() : "no key");
+    InitTarnGlobalvars();
+    auto conf = PlistValue::MakeDictionary();
+    conf->SetValueForKey("Loglevel", text("3"));
+    if (c.value) conf->SetValueForKey("REPORT_MODERN_DISKS", c.value);
+    std::ofstream(Data("agent-conf.plist")) << ToXmlPlist(*conf);
+    testing::LogCapture log(4);
+    ReadCollectorSettings();
+    EXPECT_EQ(gv_globvars().reportModernDisks(), c.on);
+    if (c.logged.empty()) {
+      EXPECT_EQ(log.Text().find("ReadCollectorSettings"), std::string::npos) << log.Text();
+    } else {
+      EXPECT_TRUE(log.Contains(c.logged)) << log.Text();
+    }
   }
 }
 

@@ -142,9 +142,9 @@ int StartLoggingEngine(const char* fileName, int level) {
 
 namespace {
 
-// On or off for a TLS_VERIFY value: "1", "true", "yes" or true, and "0", "false", "no" or
-// false (texts in any letter case); the integers 1 and 0 count as their texts. Nothing for
-// any other value.
+// On or off for a switch (TLS_VERIFY, REPORT_MODERN_DISKS): "1", "true", "yes" or true, and
+// "0", "false", "no" or false (texts in any letter case); the integers 1 and 0 count as their
+// texts. Nothing for any other value.
 std::optional<bool> SwitchSetting(const PlistValue& value) {
   if (value.IsBoolean()) return value.AsBoolean();
   if (value.IsInteger()) {
@@ -220,6 +220,21 @@ void ReadTlsSettings() {
   UserLogMessage("ReadTlsSettings : server certificate checked: %s, CA file: %s, pinned keys: %s\n",
                  vars.tlsVerify() ? "yes" : "no", Describe(vars.tlsCaFile()),
                  Describe(vars.tlsPinnedPublicKeys()));
+}
+
+void ReadCollectorSettings() {
+  const PlistPtr value = AgentConfigurationValue(kReportModernDisksKey);
+  if (!value) return;
+  const std::optional<bool> on = SwitchSetting(*value);
+  if (!on) {
+    ErrorLogMessage("ReadCollectorSettings : %s is not 1, true, yes, 0, false or no; left off\n",
+                    kReportModernDisksKey);
+  } else if (*on) {
+    UserLogMessage(
+        "ReadCollectorSettings : %s is on: NVMe disks and external volumes are reported\n",
+        kReportModernDisksKey);
+  }
+  gv_globvars().Set_reportModernDisks(on.value_or(false));
 }
 
 int StopLoggingEngine() {

@@ -24,6 +24,11 @@ inline constexpr const char* kTlsCaFileKey = "TLS_CA_FILE";
 inline constexpr const char* kTlsVerifyKey = "TLS_VERIFY";
 inline constexpr const char* kTlsPinnedPublicKeyKey = "TLS_PINNED_PUBKEY";
 
+// Its key that turns on the disks of current Macs in the disk collector: the NVMe report when
+// no Serial-ATA or SAS disk is found, and external volumes' whole disks when the USB report
+// lists no medium. Off unless set on ("1", "true", "yes", true or 1).
+inline constexpr const char* kReportModernDisksKey = "REPORT_MODERN_DISKS";
+
 // The value of key in "agent-conf.plist" (the agent paths are derived first); absent when
 // the file or the key is missing.
 PlistPtr AgentConfigurationValue(const char* key);
@@ -38,6 +43,11 @@ int GetLogLevel();
 // system's authorities in force; a pin that is not a list of key hashes (the empty text
 // included) and a TLS_VERIFY that is neither on nor off fail every HTTPS request.
 void ReadTlsSettings();
+
+// Reads REPORT_MODERN_DISKS of "agent-conf.plist" into the settings object
+// (reportModernDisks). Without the key nothing is logged; on logs that it is on, and a value
+// that is neither on nor off ("0", "false", "no", false or 0) logs an error and stays off.
+void ReadCollectorSettings();
 
 // Starts the logging engine on fileName in the agent log directory at level,
 // and points standard error at the same open file. Returns 0.
