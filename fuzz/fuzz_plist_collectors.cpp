@@ -1,16 +1,16 @@
-// Property lists, XML and binary: ParsePlist and the in-place document must agree, and every
-// collector's parse step must take whatever parses (a raise is how a collector ends).
+// Property lists, XML and binary: whatever ParsePlist gives must keep its promises (nesting
+// within kMaxPlistDepth, texts and keys UTF-8 without a NUL character), and every collector's
+// parse step must take whatever parses (a raise is how a collector ends).
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "platform/exception/platform_exception.h"
-#include "platform/plist/plist_document.h"
 #include "platform/plist/plist_io.h"
+#include "platform/text/utf8.h"
 #include "tarninventory/src/invscanhandler.h"
 
 namespace {
@@ -26,11 +26,23 @@ void Guarded(Step step) {
   }
 }
 
-// The document read in place answers as the tree: same acceptance, same values.
-void ExpectDocumentAgrees(std::string_view bytes, const PlistPtr& tree) {
-  const std::unique_ptr<tarn::PlistDocument> document = tarn::PlistDocument::Parse(bytes);
-  if ((document != nullptr) != (tree != nullptr)) std::abort();
-  if (tree && !(*document->Root().ToValue() == *tree)) std::abort();
+bool IsFaithfulText(std::string_view text) {
+  return tarn::IsValidUtf8(text) && text.find('\0') == std::string_view::npos;
+}
+
+// The tree holds only what a property list can: the promises ParsePlist makes.
+void ExpectWithinPromises(const tarn::PlistValue& value, int depth) {
+  if (depth > tarn::kMaxPlistDepth) std::abort();
+  if (value.IsString() && !IsFaithfulText(value.String())) std::abort();
+  if (value.IsUnsignedInteger()) std::abort();
+  if (value.IsArray()) {
+    for (const PlistPtr& element : value.Elements()) ExpectWithinPromises(*element, depth + 1);
+  } else if (value.IsDictionary()) {
+    for (const auto& [key, child] : value.Entries()) {
+      if (!IsFaithfulText(key)) std::abort();
+      ExpectWithinPromises(*child, depth + 1);
+    }
+  }
 }
 
 // Every parse step on the bytes' tree; the rows stay in memory, nothing is recorded.
@@ -73,16 +85,8 @@ void RunParseSteps(const PlistPtr& root, std::string_view bytes) {
     if (volume) volumes->SetObjectForKey("disk1s1", volume);
     tarn::ParseDisksAndVolumes(internal, removable, volumes, rows);
   });
-  // The applications report read in place, as the software collector reads its file.
-  const std::unique_ptr<tarn::PlistDocument> report = tarn::PlistDocument::Parse(bytes);
-  if (report) {
-    tarn::SoftwareSet seen;
-    Guarded([&] {
-      tarn::ParseInstalledSoftware(
-          tarn::ValueForKey(tarn::ObjectAtIndex(report->Root(), 0), "_items"), "/Agent", seen,
-          facts, rows);
-    });
-  }
+  tarn::SoftwareSet seen;
+  Guarded([&] { tarn::ParseInstalledSoftware(items(), "/Agent", seen, facts, rows); });
 }
 
 }  // namespace
@@ -90,7 +94,7 @@ void RunParseSteps(const PlistPtr& root, std::string_view bytes) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string bytes(reinterpret_cast<const char*>(data), size);
   const PlistPtr root = tarn::ParsePlist(bytes);
-  ExpectDocumentAgrees(bytes, root);
+  if (root) ExpectWithinPromises(*root, 1);
   RunParseSteps(root, bytes);
   return 0;
 }

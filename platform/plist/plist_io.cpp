@@ -17,7 +17,8 @@
 
 #include "platform/exception/platform_exception.h"
 #include "platform/file/file_util.h"
-#include "platform/plist/plist_document.h"
+#include "platform/plist/plist_binary_reader.h"
+#include "platform/plist/plist_xml_reader.h"
 #include "platform/text/utf8.h"
 
 namespace tarn {
@@ -34,6 +35,8 @@ struct CFree {
 using MallocText = std::unique_ptr<char, CFree>;
 
 constexpr const char* kWriteError = "PlistWriteException";
+constexpr std::string_view kUtf8ByteOrderMark = "\xEF\xBB\xBF";
+constexpr std::string_view kBinaryMagic = "bplist00";
 
 // ---- PlistValue -> libplist tree. Raises where the value cannot be written faithfully.
 
@@ -112,9 +115,12 @@ void RequirePlistWritableText(std::string_view text) {
 }
 
 PlistPtr ParsePlist(std::string_view bytes) {
-  // The conversion checks every value itself.
-  const std::unique_ptr<PlistDocument> document = PlistDocument::ParseUnchecked(bytes);
-  return document ? document->Root().ToValue() : nullptr;
+  if (bytes.starts_with(kUtf8ByteOrderMark)) bytes.remove_prefix(kUtf8ByteOrderMark.size());
+  if (bytes.empty()) return nullptr;
+  if (bytes.starts_with(kBinaryMagic)) return ReadBinaryPlist(bytes);
+  // A NUL byte is not XML.
+  if (!IsValidUtf8(bytes) || bytes.find('\0') != std::string_view::npos) return nullptr;
+  return ReadXmlPlist(bytes, kMaxPlistDepth);
 }
 
 PlistPtr ReadPlistFile(const std::string& path) {

@@ -20,9 +20,10 @@ inline constexpr int kMaxPlistDepth = 256;
 // that they expand to more than about two values per byte, or to more string and data
 // content than sixteen times their size and a mebibyte.
 //
-// Integers arrive from libplist without their sign: values with the top bit set are read
-// back as negative signed integers. libplist keeps dates as 32-bit seconds since 2001, so
-// only dates between about 1933 and 2069 come through.
+// The XML form is read into the tree directly (plist_xml_reader.h), the binary form by
+// libplist and converted once. Values read as libplist reads them: integers as 64 bits
+// without a sign, so values with the top bit set are read back as negative signed integers;
+// dates as 32-bit seconds since 2001, so only dates between about 1933 and 2069 come through.
 PlistPtr ParsePlist(std::string_view bytes);
 
 // Reads the whole file and parses it. Absent when the file is missing, unreadable or not a

@@ -67,18 +67,18 @@ const char* DescriptionEscape(char c) {
   }
 }
 
-}  // namespace
-
-void RaiseWrongKind(PlistType actual, const char* operation) {
+[[noreturn]] void RaiseWrongKind(PlistType actual, const char* operation) {
   throw PlatformException(kInvalidArgumentException,
                           std::string(operation) + " sent to a " + TypeWord(actual) + " value");
 }
 
-void RaiseOutOfRange(std::size_t index, std::size_t count) {
+[[noreturn]] void RaiseOutOfRange(std::size_t index, std::size_t count) {
   throw PlatformException(kRangeException, "index " + std::to_string(index) +
                                                " beyond bounds for an array of " +
                                                std::to_string(count) + " elements");
 }
+
+}  // namespace
 
 void AppendDescriptionText(std::string& out, std::string_view text) {
   // The plain bytes before the first other one hold nothing to escape either.

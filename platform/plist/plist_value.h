@@ -169,11 +169,6 @@ std::size_t Count(const PlistPtr& container);
 // ones without a sign), anything else in its Description; absent for absent.
 std::optional<std::string> TextOf(const PlistPtr& value);
 
-// The raises of PlistValue's reading operations (operation "objectForKey:", "objectAtIndex:",
-// "count", ...), for readers of other trees that must answer as PlistValue does.
-[[noreturn]] void RaiseWrongKind(PlistType actual, const char* operation);
-[[noreturn]] void RaiseOutOfRange(std::size_t index, std::size_t count);
-
 // Appends a text as Description writes one: as it is when it is made only of letters, digits
 // and "_.$/:-", otherwise in double quotes with \", \\, \n and \t escaped.
 void AppendDescriptionText(std::string& out, std::string_view text);

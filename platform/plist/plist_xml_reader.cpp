@@ -2,7 +2,6 @@
 
 #include <libxml/parser.h>
 #include <libxml/parserInternals.h>
-#include <plist/plist.h>
 
 #include <array>
 #include <cctype>
@@ -18,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/text/utf8.h"
 #include "platform/text/xml_markup_bounds.h"
 
 namespace tarn {
@@ -26,25 +26,26 @@ namespace {
 // ---- Element texts to values, as libplist's XML reader reads them.
 
 // An optional sign, then the number as strtoull reads it in base 0 (so "0x1f" and octal
-// "010" too); a minus sign negates the unsigned value.
-plist_t IntegerNode(const std::string& text) {
+// "010" too); a minus sign negates the unsigned value. The 64 bits read as a signed integer,
+// as libplist's unsigned ones are read back.
+PlistPtr IntegerValue(const std::string& text) {
   const char* digits = text.c_str();
   while (std::isspace(static_cast<unsigned char>(*digits))) ++digits;
   const bool negative = *digits == '-';
   if (negative || *digits == '+') ++digits;
   const std::uint64_t magnitude = std::strtoull(digits, nullptr, 0);
-  return plist_new_uint(negative ? 0 - magnitude : magnitude);
+  return PlistValue::MakeInteger(static_cast<std::int64_t>(negative ? 0 - magnitude : magnitude));
 }
 
-plist_t RealNode(const std::string& text) {
-  return plist_new_real(std::strtod(text.c_str(), nullptr));
+PlistPtr RealValue(const std::string& text) {
+  return PlistValue::MakeReal(std::strtod(text.c_str(), nullptr));
 }
 
 // "YYYY-MM-DDTHH:MM:SS" (anything after it is ignored, fields that do not read stay at their
 // start) as whole seconds since 2001; a text shorter than 11 or longer than 31 bytes reads
 // as the Unix epoch, a time outside the 32-bit range as its lowest value. (An empty-element
 // tag, <date/>, is the reference date itself: see TreeBuilder::End.)
-plist_t DateNode(const std::string& text) {
+PlistPtr DateValue(const std::string& text) {
   constexpr std::int64_t kUnixTo2001 = 978307200;
   std::int64_t seconds = -kUnixTo2001;
   if (text.size() >= 11 && text.size() <= 31) {
@@ -53,7 +54,7 @@ plist_t DateNode(const std::string& text) {
     seconds = static_cast<std::int64_t>(::timegm(&parts)) - kUnixTo2001;
     if (seconds < INT32_MIN || seconds > INT32_MAX) seconds = INT32_MIN;
   }
-  return plist_new_date(static_cast<std::int32_t>(seconds), 0);
+  return PlistValue::MakeDate(static_cast<double>(seconds));
 }
 
 // The value of a base-64 digit, kPad for "=", kSkip for any other byte.
@@ -71,8 +72,8 @@ constexpr std::array<int, 256> kBase64Digits = [] {
 // Base 64 read in groups of four digits, bytes outside the alphabet skipped; "=" ends a
 // group early (one that starts with it gives nothing), and an unfinished last group is
 // dropped.
-plist_t DataNode(const std::string& text) {
-  std::vector<char> bytes;
+PlistPtr DataValue(const std::string& text) {
+  std::vector<std::uint8_t> bytes;
   bytes.reserve(text.size() / 4 * 3);
   std::array<int, 4> group{};
   std::size_t filled = 0;
@@ -84,14 +85,13 @@ plist_t DataNode(const std::string& text) {
     filled = 0;
     if (group[0] == kPad || group[1] == kPad) continue;
     const auto at = [&group](std::size_t i) { return group[i] < 0 ? 0 : group[i]; };
-    bytes.push_back(static_cast<char>((at(0) << 2) | (at(1) >> 4)));
+    bytes.push_back(static_cast<std::uint8_t>((at(0) << 2) | (at(1) >> 4)));
     if (group[2] == kPad) continue;
-    bytes.push_back(static_cast<char>(((at(1) & 0x0F) << 4) | (at(2) >> 2)));
+    bytes.push_back(static_cast<std::uint8_t>(((at(1) & 0x0F) << 4) | (at(2) >> 2)));
     if (group[3] == kPad) continue;
-    bytes.push_back(static_cast<char>(((at(2) & 0x03) << 6) | at(3)));
+    bytes.push_back(static_cast<std::uint8_t>(((at(2) & 0x03) << 6) | at(3)));
   }
-  static const char kNothing = 0;
-  return plist_new_data(bytes.empty() ? &kNothing : bytes.data(), bytes.size());
+  return PlistValue::MakeData(std::move(bytes));
 }
 
 // ---- Characters XML refuses.
@@ -221,34 +221,36 @@ std::optional<Kind> KindNamed(const char* name) {
 bool IsContainer(Kind kind) { return kind == Kind::kDict || kind == Kind::kArray; }
 bool HoldsElements(Kind kind) { return IsContainer(kind) || kind == Kind::kPlist; }
 
-plist_t ScalarNode(Kind kind, const std::string& text) {
+PlistPtr ScalarValue(Kind kind, std::string&& text) {
   switch (kind) {
     case Kind::kString:
-      return plist_new_string(text.c_str());
+      return PlistValue::MakeString(std::move(text));
     case Kind::kInteger:
-      return IntegerNode(text);
+      return IntegerValue(text);
     case Kind::kReal:
-      return RealNode(text);
+      return RealValue(text);
     case Kind::kDate:
-      return DateNode(text);
+      return DateValue(text);
     case Kind::kData:
-      return DataNode(text);
+      return DataValue(text);
     case Kind::kTrue:
-      return plist_new_bool(1);
+      return PlistValue::MakeBoolean(true);
     case Kind::kFalse:
-      return plist_new_bool(0);
+      return PlistValue::MakeBoolean(false);
     default:
       return nullptr;
   }
 }
 
-struct PlistFree {
-  void operator()(void* node) const { plist_free(static_cast<plist_t>(node)); }
-};
+// Texts and keys are UTF-8 without a NUL character. A document that is UTF-8 gives such
+// texts unless a character reference makes one (a lone surrogate, say).
+bool IsAcceptableText(std::string_view text) {
+  return IsValidUtf8(text) && text.find('\0') == std::string_view::npos;
+}
 
-// Builds the tree from libxml2's events. Every node is attached to its parent (or made the
-// root) as soon as it exists, so the root owns everything built; the first fault stops the
-// parser.
+// Builds the tree from libxml2's events. Every value is attached to its parent (or made the
+// root) as soon as it is complete, containers as soon as they open, so the root holds
+// everything built; the first fault stops the parser.
 class TreeBuilder {
  public:
   TreeBuilder(xmlParserCtxtPtr parser, int maxDepth, bool standIns)
@@ -258,14 +260,16 @@ class TreeBuilder {
     if (failed_) return;
     const std::optional<Kind> kind = KindNamed(reinterpret_cast<const char*>(name));
     if (prefix != nullptr || !kind || !Accepts(*kind)) return Fail();
-    if (IsContainer(*kind) && ++depth_ > maxDepth_) return Fail();
+    // A value lies one level below the containers open around it.
+    if (*kind != Kind::kPlist && *kind != Kind::kKey && depth_ + 1 > maxDepth_) return Fail();
     // The parser stands at the end of the tag: "/>" for an empty-element tag.
     const bool emptyTag = parser_->input != nullptr && parser_->input->cur != nullptr &&
                           parser_->input->cur[0] == '/';
     Frame frame{*kind, nullptr, {}, false, emptyTag};
     if (IsContainer(*kind)) {
-      frame.node = *kind == Kind::kDict ? plist_new_dict() : plist_new_array();
-      Attach(frame.node);
+      ++depth_;
+      frame.value = *kind == Kind::kDict ? PlistValue::MakeDictionary() : PlistValue::MakeArray();
+      Attach(frame.value);
     }
     text_.clear();
     open_.push_back(std::move(frame));
@@ -281,14 +285,16 @@ class TreeBuilder {
       --depth_;
       if (frame.hasKey) return Fail();  // a key without its value
     } else if (frame.kind == Kind::kKey) {
-      open_.back().key = text_;
+      if (!IsAcceptableText(text_)) return Fail();
+      open_.back().key = std::move(text_);
       open_.back().hasKey = true;
     } else if (frame.kind == Kind::kPlist) {
       if (!root_) return Fail();
     } else if (frame.kind == Kind::kDate && frame.emptyTag) {
-      Attach(plist_new_date(0, 0));
+      Attach(PlistValue::MakeDate(0));
     } else {
-      Attach(ScalarNode(frame.kind, text_));
+      if (frame.kind == Kind::kString && !IsAcceptableText(text_)) return Fail();
+      Attach(ScalarValue(frame.kind, std::move(text_)));
     }
   }
 
@@ -310,15 +316,13 @@ class TreeBuilder {
     xmlStopParser(parser_);
   }
 
-  // The finished tree; null after any fault.
-  plist_t Take() {
-    return failed_ || !open_.empty() ? nullptr : static_cast<plist_t>(root_.release());
-  }
+  // The finished tree; absent after any fault.
+  PlistPtr Take() { return failed_ || !open_.empty() ? nullptr : std::move(root_); }
 
  private:
   struct Frame {
     Kind kind;
-    plist_t node;     // containers
+    PlistPtr value;   // containers
     std::string key;  // dictionaries: the key read, awaiting its value
     bool hasKey;
     bool emptyTag;  // written as <name/>
@@ -340,28 +344,29 @@ class TreeBuilder {
     }
   }
 
-  void Attach(plist_t node) {
+  // A repeated key keeps its first place and takes the last value, as libplist keeps it.
+  void Attach(PlistPtr value) {
     if (open_.empty() || open_.back().kind == Kind::kPlist) {
-      root_.reset(node);
+      root_ = std::move(value);
       return;
     }
     Frame& parent = open_.back();
     if (parent.kind == Kind::kArray) {
-      plist_array_append_item(parent.node, node);
+      parent.value->Append(std::move(value));
       return;
     }
-    plist_dict_set_item(parent.node, parent.key.c_str(), node);
+    parent.value->SetValueForKey(parent.key, std::move(value));
     parent.hasKey = false;
   }
 
   xmlParserCtxtPtr parser_;
   int maxDepth_;
   bool standIns_;  // texts may hold the stand-ins of WithStandIns
-  int depth_ = 0;
+  int depth_ = 0;  // containers open
   bool failed_ = false;
   std::vector<Frame> open_;
   std::string text_;
-  std::unique_ptr<void, PlistFree> root_;
+  PlistPtr root_;
 };
 
 TreeBuilder& BuilderOf(void* context) {
@@ -407,7 +412,7 @@ xmlSAXHandler MakeHandler() {
 
 }  // namespace
 
-void* ReadXmlPlist(std::string_view xml, int maxDepth) {
+PlistPtr ReadXmlPlist(std::string_view xml, int maxDepth) {
   // Elements of a property list carry no attributes that matter, and no namespaces.
   const XmlMarkupCounts counts = CountXmlMarkup(xml);
   if (counts.mostAttributes > 16 || counts.namespaceDeclarations > 0) return nullptr;
@@ -436,12 +441,8 @@ void* ReadXmlPlist(std::string_view xml, int maxDepth) {
   parser->myDoc = nullptr;
   parser->sax = own;
   xmlFreeParserCtxt(parser);
-  plist_t root = builder.Take();
-  if (!wellFormed && root != nullptr) {
-    plist_free(root);
-    return nullptr;
-  }
-  return root;
+  PlistPtr root = builder.Take();
+  return wellFormed ? root : nullptr;
 }
 
 }  // namespace tarn

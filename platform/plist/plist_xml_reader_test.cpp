@@ -11,6 +11,9 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <vector>
+
+#include "platform/plist/plist_binary_reader.h"
 
 namespace tarn {
 namespace {
@@ -18,89 +21,74 @@ namespace {
 struct PlistFree {
   void operator()(void* node) const { plist_free(static_cast<plist_t>(node)); }
 };
-using Tree = std::unique_ptr<void, PlistFree>;
 
-Tree Ours(const std::string& xml) { return Tree(ReadXmlPlist(xml, 256)); }
+PlistPtr Ours(const std::string& xml) { return ReadXmlPlist(xml, 256); }
 
-Tree Libplists(const std::string& xml) {
+// libplist's own reading of the document, converted once.
+PlistPtr Libplists(const std::string& xml) {
   plist_t root = nullptr;
   plist_from_xml(xml.data(), static_cast<std::uint32_t>(xml.size()), &root);
-  return Tree(root);
+  const std::unique_ptr<void, PlistFree> tree(root);
+  return tree ? PlistFromLibplistTree(tree.get()) : nullptr;
 }
 
-// The first difference between two trees, or "" when they are the same node for node (reals
-// bit for bit, dictionary entries in order).
-std::string Difference(plist_t a, plist_t b, const std::string& path = "/") {
-  if (plist_get_node_type(a) != plist_get_node_type(b)) return path + ": kinds differ";
-  switch (plist_get_node_type(a)) {
-    case PLIST_ARRAY: {
-      if (plist_array_get_size(a) != plist_array_get_size(b)) return path + ": sizes differ";
-      for (std::uint32_t i = 0; i < plist_array_get_size(a); ++i) {
-        const std::string found = Difference(plist_array_get_item(a, i), plist_array_get_item(b, i),
-                                             path + std::to_string(i) + "/");
-        if (!found.empty()) return found;
-      }
-      return "";
-    }
-    case PLIST_DICT: {
-      if (plist_dict_get_size(a) != plist_dict_get_size(b)) return path + ": sizes differ";
-      plist_dict_iter rawA = nullptr;
-      plist_dict_iter rawB = nullptr;
-      plist_dict_new_iter(a, &rawA);
-      plist_dict_new_iter(b, &rawB);
-      const std::unique_ptr<void, decltype(&std::free)> iterA(rawA, &std::free);
-      const std::unique_ptr<void, decltype(&std::free)> iterB(rawB, &std::free);
-      for (;;) {
-        char* keyA = nullptr;
-        char* keyB = nullptr;
-        plist_t childA = nullptr;
-        plist_t childB = nullptr;
-        plist_dict_next_item(a, iterA.get(), &keyA, &childA);
-        plist_dict_next_item(b, iterB.get(), &keyB, &childB);
-        const std::unique_ptr<char, decltype(&std::free)> ownA(keyA, &std::free);
-        const std::unique_ptr<char, decltype(&std::free)> ownB(keyB, &std::free);
-        if (childA == nullptr || childB == nullptr) return "";
-        if (std::strcmp(keyA, keyB) != 0) return path + ": keys differ";
-        const std::string found = Difference(childA, childB, path + keyA + "/");
-        if (!found.empty()) return found;
-      }
-    }
-    case PLIST_REAL: {
-      double x = 0;
-      double y = 0;
-      plist_get_real_val(a, &x);
-      plist_get_real_val(b, &y);
-      return std::memcmp(&x, &y, sizeof x) == 0 ? "" : path + ": reals differ";
-    }
-    case PLIST_UINT: {
-      std::uint64_t x = 0;
-      std::uint64_t y = 0;
-      plist_get_uint_val(a, &x);
-      plist_get_uint_val(b, &y);
-      return x == y ? "" : path + ": " + std::to_string(x) + " against " + std::to_string(y);
-    }
-    case PLIST_DATE: {
-      std::int32_t x[2] = {};
-      std::int32_t y[2] = {};
-      plist_get_date_val(a, &x[0], &x[1]);
-      plist_get_date_val(b, &y[0], &y[1]);
-      return x[0] == y[0] && x[1] == y[1]
-                 ? ""
-                 : path + ": " + std::to_string(x[0]) + "." + std::to_string(x[1]) + " against " +
-                       std::to_string(y[0]) + "." + std::to_string(y[1]);
-    }
+std::string Bits(double value) {
+  std::uint64_t bits = 0;
+  std::memcpy(&bits, &value, sizeof bits);
+  return std::to_string(bits);
+}
+
+// What a scalar is, exactly: its kind, signedness, reals and dates bit for bit.
+std::string Exactly(const PlistValue& value) {
+  const std::string kind = std::to_string(static_cast<int>(value.type())) + ":";
+  switch (value.type()) {
+    case PlistType::kInteger:
+      return kind + (value.IsUnsignedInteger() ? "u" : "") + std::to_string(*value.AsUnsigned());
+    case PlistType::kReal:
+      return kind + Bits(*value.AsReal());
+    case PlistType::kDate:
+      return kind + Bits(*value.AsDate());
     default:
-      return plist_compare_node_value(a, b) ? "" : path + ": values differ";
+      return kind + value.Description();
   }
+}
+
+// The first difference between two trees, or "" when they are the same value for value
+// (dictionary entries in order).
+std::string Difference(const PlistValue& a, const PlistValue& b, const std::string& path = "/") {
+  if (a.type() != b.type()) return path + ": kinds differ";
+  if (a.IsArray()) {
+    if (a.Count() != b.Count()) return path + ": sizes differ";
+    for (std::size_t i = 0; i < a.Count(); ++i) {
+      const std::string found =
+          Difference(*a.Elements()[i], *b.Elements()[i], path + std::to_string(i) + "/");
+      if (!found.empty()) return found;
+    }
+    return "";
+  }
+  if (a.IsDictionary()) {
+    if (a.Count() != b.Count()) return path + ": sizes differ";
+    for (std::size_t i = 0; i < a.Count(); ++i) {
+      const auto& [keyA, childA] = a.Entries()[i];
+      const auto& [keyB, childB] = b.Entries()[i];
+      if (keyA != keyB) return path + ": keys differ";
+      const std::string found = Difference(*childA, *childB, path + keyA + "/");
+      if (!found.empty()) return found;
+    }
+    return "";
+  }
+  const std::string x = Exactly(a);
+  const std::string y = Exactly(b);
+  return x == y ? "" : path + ": " + x + " against " + y;
 }
 
 void ExpectAsLibplist(const std::string& xml) {
   SCOPED_TRACE(xml.substr(0, 200));
-  const Tree theirs = Libplists(xml);
-  const Tree ours = Ours(xml);
+  const PlistPtr theirs = Libplists(xml);
+  const PlistPtr ours = Ours(xml);
   ASSERT_NE(theirs, nullptr);
   ASSERT_NE(ours, nullptr);
-  EXPECT_EQ(Difference(static_cast<plist_t>(ours.get()), static_cast<plist_t>(theirs.get())), "");
+  EXPECT_EQ(Difference(*ours, *theirs), "");
 }
 
 std::string InArray(const std::string& values) {
@@ -110,10 +98,10 @@ std::string InArray(const std::string& values) {
          values + "</array></plist>\n";
 }
 
-TEST(XmlPlistReader, ReadsEveryRecordedReportAsLibplistDoes) {
-  int reports = 0;
-  for (const auto& entry :
-       std::filesystem::recursive_directory_iterator(TARN_SOURCE_DIR "/testdata/machines")) {
+// The XML property lists under the folder, each as its bytes.
+std::vector<std::string> XmlPlistsUnder(const std::filesystem::path& folder) {
+  std::vector<std::string> documents;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
     const std::string name = entry.path().filename().string();
     if (!entry.is_regular_file() || (!name.ends_with(".xml") && !name.ends_with(".plist"))) {
       continue;
@@ -121,11 +109,23 @@ TEST(XmlPlistReader, ReadsEveryRecordedReportAsLibplistDoes) {
     std::ifstream file(entry.path(), std::ios::binary);
     std::ostringstream bytes;
     bytes << file.rdbuf();
-    if (bytes.str().starts_with("bplist")) continue;
-    ExpectAsLibplist(bytes.str());
-    ++reports;
+    if (bytes.str().starts_with("bplist") || bytes.str().find("<plist") == std::string::npos) {
+      continue;
+    }
+    documents.push_back(bytes.str());
   }
-  EXPECT_GT(reports, 40);
+  return documents;
+}
+
+TEST(XmlPlistReader, ReadsEveryRecordedReportAsLibplistDoes) {
+  const std::vector<std::string> recorded = XmlPlistsUnder(TARN_SOURCE_DIR "/testdata/machines");
+  EXPECT_GT(recorded.size(), 40u);
+  for (const std::string& report : recorded) ExpectAsLibplist(report);
+  // Reports captured on real machines, where the shared test data lies beside the sources.
+  const std::filesystem::path captured = TARN_SOURCE_DIR "/../shared/real-captures";
+  if (std::filesystem::is_directory(captured)) {
+    for (const std::string& report : XmlPlistsUnder(captured)) ExpectAsLibplist(report);
+  }
 }
 
 TEST(XmlPlistReader, ReadsEveryValueAsLibplistDoes) {
@@ -161,6 +161,9 @@ TEST(XmlPlistReader, ReadsEveryValueAsLibplistDoes) {
       "<data>!!AAEC</data><data>AAEC====</data><data>AA==AA==</data><data>YWJj ZGVm</data>",
       // Containers and Booleans.
       "<true/><false/><dict/><array/><dict><key>a</key><array><true/></array></dict>",
+      // A repeated key: its first place, its last value.
+      "<dict><key>a</key><integer>1</integer><key>b</key><true/><key>a</key><string>x</string>"
+      "</dict>",
   };
   for (const char* value : values) ExpectAsLibplist(InArray(value));
 }
@@ -187,6 +190,10 @@ TEST(XmlPlistReader, RefusesWhatIsNotAPropertyList) {
       "<plist xmlns='u'><true/></plist>",
       // The private-use characters that stand in for controls, written by someone else.
       "<plist><string>\x01 \xF4\x8F\xBC\x81</string></plist>",
+      // Character references to what is not a character.
+      "<plist><string>&#xD800;</string></plist>",
+      "<plist><dict><key>&#xDFFF;</key><true/></dict></plist>",
+      "<plist><string>&#0;</string></plist>",
   };
   for (const char* document : documents) {
     EXPECT_EQ(Ours(document), nullptr) << document;
@@ -202,8 +209,11 @@ TEST(XmlPlistReader, NestingIsBoundedByTheReaderItself) {
   };
   EXPECT_NE(Ours(nested(256)), nullptr);
   EXPECT_EQ(Ours(nested(257)), nullptr);
-  EXPECT_EQ(Tree(ReadXmlPlist(nested(20), 19)), nullptr);
-  EXPECT_NE(Tree(ReadXmlPlist(nested(20), 20)), nullptr);
+  EXPECT_EQ(ReadXmlPlist(nested(20), 19), nullptr);
+  EXPECT_NE(ReadXmlPlist(nested(20), 20), nullptr);
+  // A value counts as one level below its container.
+  EXPECT_NE(ReadXmlPlist(nested(19, "<true/>"), 20), nullptr);
+  EXPECT_EQ(ReadXmlPlist(nested(20, "<true/>"), 20), nullptr);
   // What another reader took for quoted or skipped text hides nothing from this one.
   std::string hidden = "<plist><array x='>";
   for (int i = 0; i < 300000; ++i) hidden += "<array>";

@@ -115,11 +115,4 @@ PlistPtr ProplistXMLParser::GetArrayObjectFromPlist(const std::string& path) {
   return ValueForKey(ObjectAtIndex(report, 0), "_items");
 }
 
-std::unique_ptr<PlistDocument> ProplistXMLParser::ReadPlistDocument(const std::string& path) {
-  const std::optional<std::string> bytes = ReadWholeFile(path);
-  std::unique_ptr<PlistDocument> report = bytes ? PlistDocument::Parse(*bytes) : nullptr;
-  if (!report) LogUnreadableReport(path);
-  return report;
-}
-
 }  // namespace tarn

@@ -28,7 +28,6 @@
 #include <utility>
 #include <vector>
 
-#include "platform/plist/plist_document.h"
 #include "platform/plist/plist_value.h"
 
 namespace tarn {
@@ -186,10 +185,10 @@ void ParsePrinters(const PlistPtr& items, Rows& rows);
 void ParseCDDrive(const PlistPtr& report, Rows& rows);
 void ParseVideoController(const PlistPtr& items, Rows& rows);
 
-// The applications report's "_items", read in place. Applications already in swSet, the
-// agent's helper and copies of the agent outside agentBasePath are passed; an application
-// without "_name" raises. On success logs the count and sets facts.osIndex.
-void ParseInstalledSoftware(const PlistNode& items, const OptText& agentBasePath,
+// The applications report's "_items". Applications already in swSet, the agent's helper and
+// copies of the agent outside agentBasePath are passed; an application without "_name"
+// raises. On success logs the count and sets facts.osIndex.
+void ParseInstalledSoftware(const PlistPtr& items, const OptText& agentBasePath,
                             SoftwareSet& swSet, CollectorFacts& facts, Rows& rows);
 
 // Internal disks from the controllers of a Serial-ATA or SAS report, keyed by BSD name.
@@ -236,9 +235,6 @@ class ProplistXMLParser {
   // The same from a property-list file; absent (after "Error: %@\n" on the
   // console) when the file does not parse.
   PlistPtr GetArrayObjectFromPlist(const std::string& path);
-  // The property-list file parsed and kept as parsed, for reading it in place; absent (after
-  // the same console message) when it does not parse.
-  std::unique_ptr<PlistDocument> ReadPlistDocument(const std::string& path);
 
   // ---- Collectors, in the run's order: gather, parse, record.
   void FetchInstalledSoftwareInfo();

@@ -1,7 +1,5 @@
 // Installed applications.
-#include <array>
 #include <filesystem>
-#include <iterator>
 #include <system_error>
 #include <vector>
 
@@ -59,12 +57,10 @@ void ProplistXMLParser::FetchInstalledSoftwareInfo() {
       return;
     }
     RecordRowsOf([&](Rows& rows) {
-      // The report is the one large document of a run: it is read in place, and released
-      // (at the end of this step) before the rows are recorded.
-      const std::unique_ptr<PlistDocument> report = ReadPlistDocument(reportPath);
-      const PlistNode items =
-          report ? ValueForKey(ObjectAtIndex(report->Root(), 0), "_items") : PlistNode();
-      ParseInstalledSoftware(items, gv_globvars().tarnagentBasePath(), swSet, bufferDict, rows);
+      // The report is the one large document of a run: it is released (at the end of this
+      // step) before the rows are recorded.
+      ParseInstalledSoftware(GetArrayObjectFromPlist(reportPath),
+                             gv_globvars().tarnagentBasePath(), swSet, bufferDict, rows);
     });
     RemoveFile(reportPath);
   } catch (const PlatformException& failure) {
@@ -75,8 +71,7 @@ void ProplistXMLParser::FetchInstalledSoftwareInfo() {
 
 namespace {
 
-// What the collector reads of one item of the applications report, its dictionary walked
-// once for the four keys.
+// What the collector reads of one item of the applications report.
 struct ApplicationFields {
   OptText name;
   OptText version;
@@ -84,16 +79,14 @@ struct ApplicationFields {
   OptText info;
 };
 
-ApplicationFields FieldsOf(const PlistNode& item) {
-  static constexpr const char* kKeys[] = {"_name", "version", "path", "info"};
-  std::array<PlistNode, std::size(kKeys)> values;
-  ValuesForKeys(item, kKeys, values);
-  return {TextOf(values[0]), TextOf(values[1]), TextOf(values[2]), TextOf(values[3])};
+ApplicationFields FieldsOf(const PlistPtr& item) {
+  return {TextOf(ValueForKey(item, "_name")), TextOf(ValueForKey(item, "version")),
+          TextOf(ValueForKey(item, "path")), TextOf(ValueForKey(item, "info"))};
 }
 
 }  // namespace
 
-void ParseInstalledSoftware(const PlistNode& items, const OptText& agentBasePath,
+void ParseInstalledSoftware(const PlistPtr& items, const OptText& agentBasePath,
                             SoftwareSet& swSet, CollectorFacts& facts, Rows& rows) {
   std::int32_t recorded = 0;
   for (std::size_t i = 0; i < Count(items); ++i) {

@@ -450,12 +450,12 @@ std::string App(const std::string& name, const std::string& version, const std::
               Key("path", path) + Key("info", "Copyright " + name));
 }
 
-// The items of an applications report, read in place as the collector reads its file.
+// The items of an applications report, read as the collector reads its file.
 struct AppsReport {
   explicit AppsReport(const std::string& items)
-      : document(PlistDocument::Parse(Report("SPApplicationsDataType", items))) {}
-  PlistNode Items() const { return ValueForKey(ObjectAtIndex(document->Root(), 0), "_items"); }
-  std::unique_ptr<PlistDocument> document;
+      : report(ParsePlist(Report("SPApplicationsDataType", items))) {}
+  PlistPtr Items() const { return ValueForKey(ObjectAtIndex(report, 0), "_items"); }
+  PlistPtr report;
 };
 
 TEST(SoftwareParse, ApplicationsDeduplicatedWithTheAgentsOwnCopyOnly) {
