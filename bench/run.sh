@@ -17,3 +17,6 @@ work=$(mktemp -d /tmp/tarn-bench-XXXXXX)
 trap 'rm -rf "$work"' EXIT
 "$build/tarn_bench" --scanner "current=$build/tarninventory" \
   --floor "$build/tarn_bench_floor" --source . --work "$work" --csv "$build/bench-results.csv" "$@"
+# Wall time of the tools run one after another and side by side, with the durations of a
+# slow real Mac replayed (about 50 s; the same divided by 10: bench/gather_bench.sh --quick).
+bash bench/gather_bench.sh "$build/tarninventory"

@@ -86,6 +86,10 @@ Platform::Platform(std::unique_ptr<ToolRunner> tools, std::unique_ptr<HostInfo> 
       host_(host ? std::move(host) : std::make_unique<NoHostInfo>()),
       http_(http ? std::move(http) : std::make_unique<NoHttpTransport>()) {}
 
+std::unique_ptr<ToolRunner> Platform::ReplaceTools(std::unique_ptr<ToolRunner> tools) {
+  return std::exchange(tools_, tools ? std::move(tools) : std::make_unique<NoToolRunner>());
+}
+
 Platform& CurrentPlatform() {
   auto& installed = InstalledPlatform();
   if (!installed) installed = MakeLivePlatform();

@@ -42,6 +42,24 @@ class ToolRunner {
   // started. The file keeps whatever the tool wrote either way. Never raises.
   virtual int RunToFile(const std::string& launchPath, const std::vector<std::string>& arguments,
                         const std::string& outputPath) = 0;
+
+  // As Run and RunToFile, but the console lines the runner would write about this run (the
+  // tool's standard error, a failure of the runner itself) are appended to lines instead,
+  // in order, for the caller to write when it hands the result on. A runner that writes no
+  // console lines of its own keeps these defaults.
+  virtual std::optional<std::string> RunKeepingLog(const std::string& launchPath,
+                                                   const std::vector<std::string>& arguments,
+                                                   WaitPolicy wait,
+                                                   std::vector<std::string>& lines) {
+    (void)lines;
+    return Run(launchPath, arguments, wait);
+  }
+  virtual int RunToFileKeepingLog(const std::string& launchPath,
+                                  const std::vector<std::string>& arguments,
+                                  const std::string& outputPath, std::vector<std::string>& lines) {
+    (void)lines;
+    return RunToFile(launchPath, arguments, outputPath);
+  }
 };
 
 // Shell-form statuses of RunToFile: a redirection the shell cannot open ends it with exit
@@ -183,6 +201,9 @@ class Platform {
            std::unique_ptr<HttpTransport> http);
 
   ToolRunner& Tools() { return *tools_; }
+  // Puts another tool runner in place and gives back the one it replaces; null installs the
+  // stand-in that launches nothing.
+  std::unique_ptr<ToolRunner> ReplaceTools(std::unique_ptr<ToolRunner> tools);
   HostInfo& Host() { return *host_; }
   HttpTransport& Http() { return *http_; }
 

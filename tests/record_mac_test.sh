@@ -84,6 +84,12 @@ expect_in "$recording/manifest.plist" "<string>/usr/bin/sw_vers</string>"
 grep -qF "$root" "$recording/manifest.plist" && fail "the manifest names the stand-in root"
 expect_in "$recording/sw_vers-productVersion.txt" "14.5"
 expect_in "$work/new.out" "Running /usr/bin/sw_vers -productVersion"
+# Every command carries the seconds it took, with three decimals, as a real number.
+commands=$(grep -c "<key>launchPath</key>" "$recording/manifest.plist")
+timed=$(grep -A1 "<key>seconds</key>" "$recording/manifest.plist" |
+	grep -cE "^[[:space:]]*<real>[0-9]+\.[0-9]{3}</real>$")
+{ [ "$commands" -gt 0 ] && [ "$timed" -eq "$commands" ]; } ||
+	fail "$timed of $commands commands have their seconds: $(cat "$recording/manifest.plist")"
 expect_in "$work/new.out" "takes minutes"
 expect_in "$work/new.out" "Warning: $recording identifies this Mac and its users"
 # The NVMe report, the volumes, and the stick's whole disk once (not the disk image's).

@@ -3,7 +3,8 @@
 #
 # Runs every reporting tool the scanner runs, with exactly the scanner's arguments, keeps
 # each tool's standard output in its own file and writes manifest.plist, which maps each
-# command (launch path + argument array) to its output file and exit status and holds the
+# command (launch path + argument array) to its output file, exit status and how long it
+# took (seconds, to the millisecond; a replay can take the same time) and holds the
 # host facts (host name, computer name, IPv4 interface addresses, virtual-memory page
 # counts). The folder can then be copied under testdata/machines/ and replayed anywhere.
 #
@@ -24,6 +25,8 @@ set -u
 set -o pipefail
 set -o noclobber
 umask 077
+# The format of the "time" keyword: elapsed seconds with three decimals.
+TIMEFORMAT=%3R
 
 tool_root=${RECORD_MAC_TOOL_ROOT:-}
 
@@ -95,10 +98,10 @@ xml_escape() {
 		LC_ALL=C sed -e 's/&/\&amp;/g' -e 's/</\&lt;/g' -e 's/>/\&gt;/g'
 }
 
-# add_command OUTPUT_NAME EXIT_STATUS LAUNCH_PATH [ARGUMENT...]
+# add_command OUTPUT_NAME EXIT_STATUS SECONDS LAUNCH_PATH [ARGUMENT...]
 add_command() {
-	local name=$1 status=$2 launch=$3 argument
-	shift 3
+	local name=$1 status=$2 seconds=$3 launch=$4 argument
+	shift 4
 	{
 		printf '\t\t<dict>\n'
 		printf '\t\t\t<key>launchPath</key>\n\t\t\t<string>%s</string>\n' "$(xml_escape "$launch")"
@@ -114,24 +117,33 @@ add_command() {
 		fi
 		printf '\t\t\t<key>output</key>\n\t\t\t<string>%s</string>\n' "$(xml_escape "$name")"
 		printf '\t\t\t<key>exitCode</key>\n\t\t\t<integer>%d</integer>\n' "$status"
+		printf '\t\t\t<key>seconds</key>\n\t\t\t<real>%s</real>\n' "$seconds"
 		printf '\t\t</dict>\n'
 	} >>"$commands_xml"
 }
 
 # record OUTPUT_NAME LAUNCH_PATH [ARGUMENT...]
 # Runs the tool directly (no shell in between), its standard output into OUTPUT_NAME in the
-# output folder (the working directory).
+# output folder (the working directory); its standard error stays on the terminal. The time
+# it took is measured by the shell itself.
 record() {
-	local name=$1 launch=$2 status=0
+	local name=$1 launch=$2 status=0 seconds
 	shift 2
 	if [ ! -x "$tool_root$launch" ]; then
 		echo "  not installed, left out: $launch" >&2
 		return 1
 	fi
 	printf 'Running %s\n' "$launch $*"
-	"$tool_root$launch" "$@" >"./$name" || status=$?
-	add_command "$name" "$status" "$launch" "$@"
-	printf '  -> %s (exit %d)\n' "$name" "$status"
+	{ time "$tool_root$launch" "$@" >"./$name" 2>&3; } 3>&2 2>|"$work/seconds" || status=$?
+	seconds=$(tail -n 1 "$work/seconds")
+	# A locale with a decimal comma; anything else is not a time.
+	seconds=${seconds/,/.}
+	case $seconds in
+	[0-9]*.[0-9][0-9][0-9]) ;;
+	*) seconds=0 ;;
+	esac
+	add_command "$name" "$status" "$seconds" "$launch" "$@"
+	printf '  -> %s (exit %d, %s s)\n' "$name" "$status" "$seconds"
 	return 0
 }
 

@@ -106,8 +106,9 @@ class SpawnFileActions {
 #elif defined(POSIX_SPAWN_CLOEXEC_DEFAULT)
     return true;  // SpawnAttributes::CloseUnnamedDescriptors
 #else
-    // Close every open descriptor that would survive the exec (the process is
-    // single-threaded, so the set cannot change before the spawn).
+    // Close every open descriptor that would survive the exec. Tools may be started from
+    // several threads at once: a pipe another thread makes between this scan and the spawn
+    // is not in the list, which is why the two fuller ways above are preferred.
     const long limit = std::min(::sysconf(_SC_OPEN_MAX), 65536L);
     for (int fd = STDERR_FILENO + 1; fd < limit; ++fd) {
       const int flags = ::fcntl(fd, F_GETFD);
@@ -222,10 +223,12 @@ class PipeReader {
 // Passes a tool's standard error to this process's, one console line per line of it, each
 // naming the tool, with control characters written "\xNN": whatever a tool prints there
 // (through this process's standard error it lands in the scan log) cannot start a line that
-// looks like one of the log's own. At most kBudget bytes per run are passed on.
+// looks like one of the log's own. At most kBudget bytes per run are passed on. With `kept`,
+// the lines are appended there instead of written.
 class ErrorForwarder {
  public:
-  explicit ErrorForwarder(const std::string& launchPath) : prefix_(launchPath + ": ") {}
+  ErrorForwarder(const std::string& launchPath, std::vector<std::string>* kept)
+      : prefix_(launchPath + ": "), kept_(kept) {}
   ErrorForwarder(const ErrorForwarder&) = delete;
   ErrorForwarder& operator=(const ErrorForwarder&) = delete;
   ~ErrorForwarder() {
@@ -253,16 +256,25 @@ class ErrorForwarder {
   void Write(std::string_view line) {
     if (dropped_) return;
     if (line.size() > kBudget - passed_) {
-      ConsoleLogMessage(prefix_ + "(further standard error not logged)");
+      Emit(prefix_ + "(further standard error not logged)");
       dropped_ = true;
       pending_.clear();
       return;
     }
     passed_ += line.size();
-    ConsoleLogMessage(prefix_ + EscapeControlCharacters(line));
+    Emit(prefix_ + EscapeControlCharacters(line));
+  }
+
+  void Emit(std::string message) {
+    if (kept_ != nullptr) {
+      kept_->push_back(std::move(message));
+    } else {
+      ConsoleLogMessage(message);
+    }
   }
 
   std::string prefix_;
+  std::vector<std::string>* kept_;
   std::string pending_;
   std::size_t passed_ = 0;
   bool dropped_ = false;
@@ -272,8 +284,9 @@ class ErrorForwarder {
 // and its standard error, forwarded as it comes.
 class ChildStreams {
  public:
-  ChildStreams(std::optional<PipeReader> output, PipeReader errors, const std::string& launchPath)
-      : output_(std::move(output)), errors_(std::move(errors)), forwarder_(launchPath) {}
+  ChildStreams(std::optional<PipeReader> output, PipeReader errors, const std::string& launchPath,
+               std::vector<std::string>* kept)
+      : output_(std::move(output)), errors_(std::move(errors)), forwarder_(launchPath, kept) {}
 
   bool AtEnd() const { return errors_.AtEnd() && (!output_ || output_->AtEnd()); }
 
@@ -381,7 +394,8 @@ void WaitBounded(ChildProcess& child, ChildStreams& streams,
 
 std::optional<std::string> RunCapturing(const std::string& launchPath,
                                         const std::vector<std::string>& arguments, WaitPolicy wait,
-                                        const PosixToolRunner::Timing& timing) {
+                                        const PosixToolRunner::Timing& timing,
+                                        std::vector<std::string>* kept) {
   std::optional<Pipe> output = MakePipe();
   std::optional<Pipe> errors = MakePipe();
   if (!output || !errors) return std::nullopt;
@@ -392,7 +406,7 @@ std::optional<std::string> RunCapturing(const std::string& launchPath,
   if (!pid) return std::nullopt;
   ChildProcess child(*pid);
   ChildStreams streams(PipeReader(std::move(output->readEnd)),
-                       PipeReader(std::move(errors->readEnd)), launchPath);
+                       PipeReader(std::move(errors->readEnd)), launchPath, kept);
   if (wait == WaitPolicy::kUnbounded) {
     WaitWithoutLimit(child, streams);
   } else {
@@ -404,24 +418,34 @@ std::optional<std::string> RunCapturing(const std::string& launchPath,
   return text;
 }
 
-}  // namespace
+// The runner's own line about a run that failed inside it, written or kept.
+void ReportFailure(const std::string& launchPath, const std::exception& failure,
+                   std::vector<std::string>* kept) {
+  std::string message = "PosixToolRunner: running " + EscapeControlCharacters(launchPath) +
+                        " failed: " + EscapeControlCharacters(failure.what());
+  if (kept != nullptr) {
+    kept->push_back(std::move(message));
+  } else {
+    ConsoleLogMessage(message);
+  }
+}
 
-std::optional<std::string> PosixToolRunner::Run(const std::string& launchPath,
-                                                const std::vector<std::string>& arguments,
-                                                WaitPolicy wait) {
+std::optional<std::string> RunWithOutput(const std::string& launchPath,
+                                         const std::vector<std::string>& arguments,
+                                         WaitPolicy wait, const PosixToolRunner::Timing& timing,
+                                         std::vector<std::string>* kept) {
   try {
-    return RunCapturing(launchPath, arguments, wait, timing_);
+    return RunCapturing(launchPath, arguments, wait, timing, kept);
   } catch (const PlatformException&) {
     throw;
   } catch (const std::exception& failure) {
-    ConsoleLog("PosixToolRunner: running %s failed: %s", launchPath.c_str(), failure.what());
+    ReportFailure(launchPath, failure, kept);
     return std::nullopt;
   }
 }
 
-int PosixToolRunner::RunToFile(const std::string& launchPath,
-                               const std::vector<std::string>& arguments,
-                               const std::string& outputPath) {
+int RunIntoFile(const std::string& launchPath, const std::vector<std::string>& arguments,
+                const std::string& outputPath, std::vector<std::string>* kept) {
   try {
     UniqueFd output = CreateFreshOutputFile(outputPath);
     if (!output.valid()) return kShellOutputFailed;
@@ -432,14 +456,41 @@ int PosixToolRunner::RunToFile(const std::string& launchPath,
     errors->writeEnd.Close();
     if (!pid) return kShellCannotLaunch;
     ChildProcess child(*pid);
-    ChildStreams streams(std::nullopt, PipeReader(std::move(errors->readEnd)), launchPath);
+    ChildStreams streams(std::nullopt, PipeReader(std::move(errors->readEnd)), launchPath, kept);
     WaitWithoutLimit(child, streams);
     streams.DrainAvailable();
     return child.ShellStatus();
   } catch (const std::exception& failure) {
-    ConsoleLog("PosixToolRunner: running %s failed: %s", launchPath.c_str(), failure.what());
+    ReportFailure(launchPath, failure, kept);
     return kShellCannotLaunch;
   }
+}
+
+}  // namespace
+
+std::optional<std::string> PosixToolRunner::Run(const std::string& launchPath,
+                                                const std::vector<std::string>& arguments,
+                                                WaitPolicy wait) {
+  return RunWithOutput(launchPath, arguments, wait, timing_, nullptr);
+}
+
+int PosixToolRunner::RunToFile(const std::string& launchPath,
+                               const std::vector<std::string>& arguments,
+                               const std::string& outputPath) {
+  return RunIntoFile(launchPath, arguments, outputPath, nullptr);
+}
+
+std::optional<std::string> PosixToolRunner::RunKeepingLog(
+    const std::string& launchPath, const std::vector<std::string>& arguments, WaitPolicy wait,
+    std::vector<std::string>& lines) {
+  return RunWithOutput(launchPath, arguments, wait, timing_, &lines);
+}
+
+int PosixToolRunner::RunToFileKeepingLog(const std::string& launchPath,
+                                         const std::vector<std::string>& arguments,
+                                         const std::string& outputPath,
+                                         std::vector<std::string>& lines) {
+  return RunIntoFile(launchPath, arguments, outputPath, &lines);
 }
 
 }  // namespace tarn

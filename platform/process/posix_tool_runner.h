@@ -35,6 +35,12 @@ class PosixToolRunner final : public ToolRunner {
                                  WaitPolicy wait) override;
   int RunToFile(const std::string& launchPath, const std::vector<std::string>& arguments,
                  const std::string& outputPath) override;
+  std::optional<std::string> RunKeepingLog(const std::string& launchPath,
+                                           const std::vector<std::string>& arguments,
+                                           WaitPolicy wait,
+                                           std::vector<std::string>& lines) override;
+  int RunToFileKeepingLog(const std::string& launchPath, const std::vector<std::string>& arguments,
+                          const std::string& outputPath, std::vector<std::string>& lines) override;
 
  private:
   Timing timing_;

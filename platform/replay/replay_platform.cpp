@@ -3,8 +3,11 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <chrono>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -23,6 +26,7 @@ struct RecordedCommand {
   std::vector<std::string> arguments;
   std::string outputPath;  // absolute or relative to the working folder, ready to open
   std::int64_t exitCode = 0;
+  std::chrono::microseconds duration{0};
 };
 
 std::optional<std::string> TextAt(const PlistPtr& dictionary, std::string_view key) {
@@ -33,6 +37,17 @@ std::optional<std::string> TextAt(const PlistPtr& dictionary, std::string_view k
 std::optional<std::int64_t> IntegerAt(const PlistPtr& dictionary, std::string_view key) {
   const PlistPtr value = dictionary->ValueForKey(key);
   return value && value->IsInteger() ? value->AsInteger() : std::nullopt;
+}
+
+// A recorded duration in seconds; zero when absent, negative or not a number.
+std::chrono::microseconds DurationAt(const PlistPtr& dictionary, std::string_view key) {
+  const PlistPtr value = dictionary->ValueForKey(key);
+  double seconds = 0;
+  if (value && value->IsReal()) seconds = *value->AsReal();
+  if (value && value->IsInteger()) seconds = static_cast<double>(value->AsInteger().value_or(0));
+  // Nothing a tool could have taken: up to a day.
+  if (!(seconds > 0) || seconds > 86400) return std::chrono::microseconds(0);
+  return std::chrono::microseconds(static_cast<std::int64_t>(seconds * 1e6));
 }
 
 std::optional<std::vector<std::string>> TextArray(const PlistPtr& value) {
@@ -55,7 +70,8 @@ std::optional<RecordedCommand> CommandFrom(const PlistPtr& entry, const std::str
   // An output file must sit beside the manifest: a name, not a path.
   if (!launchPath || !arguments || !output || !IsPlainFileName(*output)) return std::nullopt;
   return RecordedCommand{std::move(*launchPath), std::move(*arguments), directory + "/" + *output,
-                         IntegerAt(entry, "exitCode").value_or(0)};
+                         IntegerAt(entry, "exitCode").value_or(0),
+                         DurationAt(entry, "seconds")};
 }
 
 std::vector<RecordedCommand> CommandsFrom(const PlistPtr& manifest, const std::string& directory) {
@@ -75,13 +91,21 @@ std::vector<RecordedCommand> CommandsFrom(const PlistPtr& manifest, const std::s
 
 class ReplayToolRunner final : public ToolRunner {
  public:
-  explicit ReplayToolRunner(std::vector<RecordedCommand> commands)
-      : commands_(std::move(commands)) {}
+  ReplayToolRunner(std::vector<RecordedCommand> commands, ReplayOptions options)
+      : commands_(std::move(commands)), options_(std::move(options)) {
+    if (!options_.sleep) {
+      options_.sleep = [](std::chrono::microseconds length) {
+        std::this_thread::sleep_for(length);
+      };
+    }
+  }
 
   std::optional<std::string> Run(const std::string& launchPath,
-                                 const std::vector<std::string>& arguments, WaitPolicy) override {
+                                 const std::vector<std::string>& arguments,
+                                 WaitPolicy wait) override {
     const RecordedCommand* command = Find(launchPath, arguments);
     if (command == nullptr) RaiseLaunchFailure(launchPath, "not recorded on this machine");
+    TakeRecordedTime(*command, wait == WaitPolicy::kBounded);
     auto output = ReadWholeFile(command->outputPath);
     if (!output) RaiseLaunchFailure(launchPath, "recorded output missing");
     if (!IsValidUtf8(*output)) return std::nullopt;
@@ -92,6 +116,7 @@ class ReplayToolRunner final : public ToolRunner {
                 const std::string& outputPath) override {
     const RecordedCommand* command = Find(launchPath, arguments);
     if (command == nullptr) return kShellCannotLaunch;
+    TakeRecordedTime(*command, false);
     // The recorded output is copied as the tool would have written it.
     const UniqueFd recorded(::open(command->outputPath.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat info {};
@@ -104,6 +129,13 @@ class ReplayToolRunner final : public ToolRunner {
   }
 
  private:
+  void TakeRecordedTime(const RecordedCommand& command, bool bounded) const {
+    if (!options_.timing || command.duration.count() == 0) return;
+    options_.sleep(bounded ? std::min<std::chrono::microseconds>(command.duration,
+                                                                 options_.boundedWait)
+                           : command.duration);
+  }
+
   const RecordedCommand* Find(const std::string& launchPath,
                               const std::vector<std::string>& arguments) const {
     for (const auto& command : commands_) {
@@ -113,6 +145,7 @@ class ReplayToolRunner final : public ToolRunner {
   }
 
   std::vector<RecordedCommand> commands_;
+  ReplayOptions options_;
 };
 
 std::vector<InterfaceAddress> InterfacesFrom(const PlistPtr& host) {
@@ -174,7 +207,8 @@ class ReplayHostInfo final : public HostInfo {
 
 }  // namespace
 
-std::unique_ptr<Platform> MakeReplayPlatform(const std::string& machineDirectory) {
+std::unique_ptr<Platform> MakeReplayPlatform(const std::string& machineDirectory,
+                                             ReplayOptions options) {
   const std::string manifestPath = machineDirectory + "/manifest.plist";
   const PlistPtr manifest = ReadPlistFile(manifestPath);
   if (!manifest || !manifest->IsDictionary()) {
@@ -182,7 +216,8 @@ std::unique_ptr<Platform> MakeReplayPlatform(const std::string& machineDirectory
     return nullptr;
   }
   return std::make_unique<Platform>(
-      std::make_unique<ReplayToolRunner>(CommandsFrom(manifest, machineDirectory)),
+      std::make_unique<ReplayToolRunner>(CommandsFrom(manifest, machineDirectory),
+                                         std::move(options)),
       std::make_unique<ReplayHostInfo>(manifest->ValueForKey("host"), MakeLiveHostInfo()),
       std::make_unique<CurlHttpTransport>());
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -10,7 +12,8 @@ namespace tarn {
 // A platform that answers from a recorded machine: the folder holds "manifest.plist", a
 // dictionary with
 //   "commands": array of {"launchPath", "arguments" (array of text), "output" (a file name
-//               beside the manifest), optional "exitCode" (integer, default 0)};
+//               beside the manifest), optional "exitCode" (integer, default 0), optional
+//               "seconds" (real or integer: how long the tool took when recorded)};
 //   "host":     {"hostName", "localizedName",
 //               "interfaces" (array of {"name", "family", "address"}),
 //               "vmStatistics" {"pageSize", "free", "active", "inactive", "wired"}}.
@@ -22,6 +25,17 @@ namespace tarn {
 //
 // Gives nothing, after a console message, when the manifest cannot be read or is not a
 // dictionary.
-std::unique_ptr<Platform> MakeReplayPlatform(const std::string& machineDirectory);
+struct ReplayOptions {
+  // Each recorded command takes its recorded "seconds" before it answers; a bounded run no
+  // longer than boundedWait (the live runner's longest bounded wait), after which it answers
+  // with the recorded output as it always does.
+  bool timing = false;
+  std::chrono::milliseconds boundedWait{31000};
+  // How a run waits; tests count the waits instead.
+  std::function<void(std::chrono::microseconds)> sleep;
+};
+
+std::unique_ptr<Platform> MakeReplayPlatform(const std::string& machineDirectory,
+                                             ReplayOptions options = {});
 
 }  // namespace tarn

@@ -5,7 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
+#include <vector>
 #include <fstream>
 #include <string>
 
@@ -152,6 +154,45 @@ TEST_F(ReplayPlatformTest, MissingFactsAndDamagedEntriesReadAsFailures) {
   std::filesystem::create_directories(directory_ / "array");
   WriteFile("array/manifest.plist", "<plist><array/></plist>");
   EXPECT_EQ(MakeReplayPlatform(PathOf("array")), nullptr);
+}
+
+TEST_F(ReplayPlatformTest, RecordedDurationsAreTakenOnlyWhenAsked) {
+  WriteFile("slow.txt", "slow\n");
+  WriteFile("quick.txt", "quick\n");
+  WriteFile("manifest.plist",
+            "<plist version=\"1.0\"><dict><key>commands</key><array>"
+            "<dict><key>launchPath</key><string>/usr/sbin/slow</string><key>arguments</key>"
+            "<array/><key>output</key><string>slow.txt</string>"
+            "<key>seconds</key><real>40.5</real></dict>"
+            "<dict><key>launchPath</key><string>/usr/sbin/quick</string><key>arguments</key>"
+            "<array/><key>output</key><string>quick.txt</string>"
+            "<key>seconds</key><integer>2</integer></dict>"
+            "<dict><key>launchPath</key><string>/usr/sbin/untimed</string><key>arguments</key>"
+            "<array/><key>output</key><string>quick.txt</string></dict>"
+            "</array></dict></plist>");
+  std::vector<std::chrono::microseconds> waits;
+  ReplayOptions options;
+  options.timing = true;
+  options.sleep = [&](std::chrono::microseconds length) { waits.push_back(length); };
+  const auto timed = MakeReplayPlatform(directory_.string(), options);
+  ASSERT_NE(timed, nullptr);
+  ToolRunner& tools = timed->Tools();
+  // A bounded run of a tool that outlasted the bound answers after the bound, with what the
+  // tool printed; an unbounded one and a run into a file take the whole recorded time.
+  EXPECT_EQ(tools.Run("/usr/sbin/slow", {}, WaitPolicy::kBounded), "slow\n");
+  EXPECT_EQ(tools.Run("/usr/sbin/slow", {}, WaitPolicy::kUnbounded), "slow\n");
+  EXPECT_EQ(tools.RunToFile("/usr/sbin/quick", {}, PathOf("out.txt")), 0);
+  EXPECT_EQ(tools.Run("/usr/sbin/untimed", {}, WaitPolicy::kBounded), "quick\n");
+  using std::chrono::microseconds;
+  EXPECT_EQ(waits, (std::vector<microseconds>{microseconds(31000000), microseconds(40500000),
+                                               microseconds(2000000)}));
+
+  // Off (the default): no waits.
+  options.timing = false;
+  waits.clear();
+  const auto untimed = MakeReplayPlatform(directory_.string(), options);
+  EXPECT_EQ(untimed->Tools().Run("/usr/sbin/slow", {}, WaitPolicy::kUnbounded), "slow\n");
+  EXPECT_TRUE(waits.empty());
 }
 
 }  // namespace

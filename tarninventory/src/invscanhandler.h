@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "platform/plist/plist_value.h"
+#include "platform/process/side_by_side_runner.h"
 
 namespace tarn {
 
@@ -42,6 +43,15 @@ inline constexpr const char* kSystemProfiler = "/usr/sbin/system_profiler";
 inline constexpr const char* kSysctl = "/usr/sbin/sysctl";
 inline constexpr const char* kSwVers = "/usr/bin/sw_vers";
 inline constexpr const char* kDiskutil = "/usr/sbin/diskutil";
+inline constexpr const char* kUsers = "/usr/bin/users";
+
+// Every tool run the collectors (and the agent's details read before them) ask for, each
+// once, in the order to start them, with the wait each is asked with first; the volume
+// infos and the SAS report follow from the outputs they depend on. A new collector adds its
+// commands here: the driver starts them all side by side as the run begins. With
+// modernDisks (REPORT_MODERN_DISKS), the NVMe report and the whole disk of each external
+// volume as well.
+std::vector<PlannedCommand> CollectorCommands(bool modernDisks);
 
 using OptText = std::optional<std::string>;
 

@@ -25,6 +25,16 @@ class SharedTools : public ToolRunner {
                 const std::string& outputPath) override {
     return inner_->Tools().RunToFile(launchPath, arguments, outputPath);
   }
+  std::optional<std::string> RunKeepingLog(const std::string& launchPath,
+                                           const std::vector<std::string>& arguments,
+                                           WaitPolicy wait,
+                                           std::vector<std::string>& lines) override {
+    return inner_->Tools().RunKeepingLog(launchPath, arguments, wait, lines);
+  }
+  int RunToFileKeepingLog(const std::string& launchPath, const std::vector<std::string>& arguments,
+                          const std::string& outputPath, std::vector<std::string>& lines) override {
+    return inner_->Tools().RunToFileKeepingLog(launchPath, arguments, outputPath, lines);
+  }
 
  private:
   std::shared_ptr<Platform> inner_;

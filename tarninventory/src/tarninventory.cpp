@@ -46,6 +46,11 @@ constexpr const char* kScanLogBaseName = "tarndevicescan";
 constexpr const char* kScanLogFileName = "tarndevicescan.log";
 // Key of "agent-conf.plist" naming a recorded machine to replay instead of running tools.
 constexpr const char* kToolReplayDirectoryKey = "TOOL_REPLAY_DIRECTORY";
+// Key of "agent-conf.plist": "1" makes a recorded machine's tools take their recorded time.
+constexpr const char* kToolReplayTimingKey = "TOOL_REPLAY_TIMING";
+// Key of "agent-conf.plist": "1" runs the tools one after another, each when its collector
+// asks for it, instead of side by side from the start of the run.
+constexpr const char* kToolGatherSerialKey = "TOOL_GATHER_SERIAL";
 
 std::string DataDictPath() { return gv_globvars().tarnagentDataDictPath().value_or(""); }
 std::string LogPath() { return gv_globvars().tarnagentLogPath().value_or(""); }
@@ -80,6 +85,14 @@ bool OndemandAsksFullScan(int argc, const char* const* argv) {
   return argc > 2 && EqualsIgnoringCase(argv[2], "1");
 }
 
+// True when "agent-conf.plist" holds the text "1" (or the number 1) at the key.
+bool AgentConfigurationIsOn(const char* key) {
+  const PlistPtr value = AgentConfigurationValue(key);
+  if (!value) return false;
+  if (value->IsString()) return value->String() == "1";
+  return value->IsInteger() && value->AsInteger() == 1;
+}
+
 // Replaces the live platform by a recorded machine when "agent-conf.plist"
 // names one; a relative folder is taken from the data directory.
 void InstallConfiguredPlatform() {
@@ -89,7 +102,9 @@ void InstallConfiguredPlatform() {
     return;
   }
   const std::string machine = folder->front() == '/' ? *folder : DataDictPath() + "/" + *folder;
-  std::unique_ptr<Platform> replay = MakeReplayPlatform(machine);
+  ReplayOptions options;
+  options.timing = AgentConfigurationIsOn(kToolReplayTimingKey);
+  std::unique_ptr<Platform> replay = MakeReplayPlatform(machine, std::move(options));
   if (!replay) {
     ErrorLogMessage("Recorded machine at %s could not be read, running the tools of this computer\n",
                     machine.c_str());
@@ -251,6 +266,13 @@ int RunScan(const CommandLine& command) {
   const SystemClock clock;
   const RunContext context = ContextOfThisRun(clock);
   run.scanType = DecideRunType(context, run.scanType);
+  // From here on the run needs every tool's result: they start now, side by side, and each
+  // is handed over (with what was logged about it) when the run asks for it.
+  std::optional<SideBySideGather> gather;
+  if (!AgentConfigurationIsOn(kToolGatherSerialKey)) {
+    gather.emplace(context.platform, CollectorCommands(context.settings.reportModernDisks()),
+                   CurrentDirectory());
+  }
 
   InitializeAgentParams();
   invClassObj().Initialize();
@@ -261,6 +283,7 @@ int RunScan(const CommandLine& command) {
   // needs no resource id, writes its documents instead of sending them and records nothing.
   if (run.localFolder || EnsureResourceId(context, accessLogPath)) {
     CollectInventoryData(auditId);
+    gather.reset();
     PreparedUpload upload = PrepareUpload(context, auditId, accessLogPath);
     const std::string currentTime = upload.currentTime;
     if (run.localFolder) {
@@ -272,6 +295,7 @@ int RunScan(const CommandLine& command) {
   } else {
     facts.uploadResult = 1;
   }
+  gather.reset();
   facts.diffScan = IsDiffScan();
   FinishInventoryScan(accessLogPath);
   TellOutcome(console, OutcomeOf(ThisRunsAccessLogLine(accessLogPath, accessLogStart), facts),

@@ -1,0 +1,205 @@
+#include "platform/process/side_by_side_runner.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "platform/console_log.h"
+
+namespace tarn {
+
+struct SideBySideToolRunner::Task {
+  PlannedCommand command;
+  enum class State { kWaiting, kRunning, kEnded } state = State::kWaiting;
+  // The result, set once ended.
+  std::vector<std::string> lines;
+  std::optional<std::string> output;
+  int status = 0;
+  std::exception_ptr raised;
+  std::string filePath;  // the private output of a planned toFile task, the requested path of a
+                         // one-off one
+  bool oneOff = false;
+
+  bool Is(const std::string& launchPath, const std::vector<std::string>& arguments,
+          bool toFile) const {
+    return command.toFile == toFile && command.launchPath == launchPath &&
+           command.arguments == arguments;
+  }
+};
+
+SideBySideToolRunner::SideBySideToolRunner(std::unique_ptr<ToolRunner> inner,
+                                           const std::string& scratchParent, int parallel)
+    : inner_(std::move(inner)), scratch_(scratchParent) {
+  const int count = std::max(parallel, 1);
+  workers_.reserve(static_cast<std::size_t>(count));
+  for (int i = 0; i < count; ++i) workers_.emplace_back([this] { WorkerLoop(); });
+}
+
+SideBySideToolRunner::~SideBySideToolRunner() { Stop(); }
+
+void SideBySideToolRunner::Stop() {
+  {
+    const std::lock_guard lock(mutex_);
+    stopping_ = true;
+    waiting_.clear();
+  }
+  changed_.notify_all();
+  for (std::thread& worker : workers_) {
+    if (worker.joinable()) worker.join();
+  }
+}
+
+std::unique_ptr<ToolRunner> SideBySideToolRunner::Finish() {
+  Stop();
+  return std::move(inner_);
+}
+
+void SideBySideToolRunner::Plan(std::vector<PlannedCommand> commands) {
+  {
+    const std::lock_guard lock(mutex_);
+    PlanLocked(std::move(commands));
+  }
+  changed_.notify_all();
+}
+
+void SideBySideToolRunner::PlanLocked(std::vector<PlannedCommand> commands) {
+  if (stopping_) return;
+  for (PlannedCommand& command : commands) {
+    // Without a private folder a file output is not planned: the request then runs as asked.
+    if (command.toFile && !scratch_.valid()) continue;
+    const bool known = std::any_of(planned_.begin(), planned_.end(), [&](const TaskPtr& task) {
+      return task->Is(command.launchPath, command.arguments, command.toFile);
+    });
+    if (known) continue;
+    auto task = std::make_shared<Task>();
+    task->command = std::move(command);
+    if (task->command.toFile) {
+      task->filePath = scratch_.FilePath("planned-" + std::to_string(++fileCount_));
+    }
+    planned_.push_back(task);
+    waiting_.push_back(std::move(task));
+  }
+}
+
+void SideBySideToolRunner::WorkerLoop() {
+  for (;;) {
+    TaskPtr task;
+    {
+      std::unique_lock lock(mutex_);
+      changed_.wait(lock, [this] { return stopping_ || !waiting_.empty(); });
+      if (stopping_) return;
+      task = std::move(waiting_.front());
+      waiting_.pop_front();
+      task->state = Task::State::kRunning;
+    }
+    Execute(*task);
+    std::vector<PlannedCommand> next;
+    if (task->command.then && !task->raised) {
+      const std::optional<std::string> content =
+          task->command.toFile ? ReadWholeFile(task->filePath) : task->output;
+      try {
+        if (content) next = task->command.then(*content);
+      } catch (...) {
+        // An output the follow-up cannot read plans nothing: the requests run as asked.
+      }
+    }
+    {
+      const std::lock_guard lock(mutex_);
+      task->state = Task::State::kEnded;
+      PlanLocked(std::move(next));
+    }
+    changed_.notify_all();
+  }
+}
+
+void SideBySideToolRunner::Execute(Task& task) {
+  const PlannedCommand& command = task.command;
+  try {
+    if (!command.toFile) {
+      task.output =
+          inner_->RunKeepingLog(command.launchPath, command.arguments, command.wait, task.lines);
+    } else {
+      task.status = inner_->RunToFileKeepingLog(command.launchPath, command.arguments,
+                                                task.filePath, task.lines);
+    }
+  } catch (...) {
+    task.raised = std::current_exception();
+  }
+}
+
+SideBySideToolRunner::TaskPtr SideBySideToolRunner::Answer(
+    const std::string& launchPath, const std::vector<std::string>& arguments, bool toFile,
+    WaitPolicy wait, const std::string& outputPath) {
+  std::unique_lock lock(mutex_);
+  TaskPtr task;
+  for (const TaskPtr& candidate : planned_) {
+    if (candidate->Is(launchPath, arguments, toFile)) task = candidate;
+  }
+  if (!task) {
+    task = std::make_shared<Task>();
+    task->command = PlannedCommand{launchPath, arguments, toFile, wait, nullptr};
+    task->filePath = outputPath;
+    task->oneOff = true;
+    waiting_.push_front(task);
+  } else if (task->state == Task::State::kWaiting) {
+    waiting_.erase(std::find(waiting_.begin(), waiting_.end(), task));
+    waiting_.push_front(task);
+  }
+  changed_.notify_all();
+  changed_.wait(lock, [&] { return task->state == Task::State::kEnded; });
+  return task;
+}
+
+std::optional<std::string> SideBySideToolRunner::Run(const std::string& launchPath,
+                                                     const std::vector<std::string>& arguments,
+                                                     WaitPolicy wait) {
+  const TaskPtr task = Answer(launchPath, arguments, false, wait, std::string());
+  for (const std::string& line : task->lines) ConsoleLogMessage(line);
+  if (task->raised) std::rethrow_exception(task->raised);
+  return task->output;
+}
+
+namespace {
+
+// Copies the private output of a planned run into path as the tool would have written it.
+// A path without a private output is left as it is.
+int HandOver(const std::string& privatePath, const std::string& path, int status) {
+  const UniqueFd kept(::open(privatePath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+  if (!kept.valid()) return status;
+  const UniqueFd file = CreateFreshOutputFile(path);
+  if (!file.valid() || !CopyContents(kept.get(), file.get())) return kShellOutputFailed;
+  return status;
+}
+
+}  // namespace
+
+int SideBySideToolRunner::RunToFile(const std::string& launchPath,
+                                    const std::vector<std::string>& arguments,
+                                    const std::string& outputPath) {
+  const TaskPtr task = Answer(launchPath, arguments, true, WaitPolicy::kUnbounded, outputPath);
+  for (const std::string& line : task->lines) ConsoleLogMessage(line);
+  if (task->raised) return kShellCannotLaunch;
+  if (task->oneOff) return task->status;  // it wrote straight to the requested path
+  return HandOver(task->filePath, outputPath, task->status);
+}
+
+SideBySideGather::SideBySideGather(Platform& platform, std::vector<PlannedCommand> plan,
+                                   const std::string& scratchParent, int parallel)
+    : platform_(platform) {
+  auto runner = std::make_unique<SideBySideToolRunner>(platform.ReplaceTools(nullptr),
+                                                       scratchParent, parallel);
+  runner_ = runner.get();
+  runner_->Plan(std::move(plan));
+  platform_.ReplaceTools(std::move(runner));
+}
+
+SideBySideGather::~SideBySideGather() {
+  // The platform gives the runner back; the runner gives back the one it wrapped.
+  std::unique_ptr<ToolRunner> mine = platform_.ReplaceTools(nullptr);
+  platform_.ReplaceTools(runner_->Finish());
+}
+
+}  // namespace tarn
