@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "tarnutils/src/testutil.h"
 #include "tests/agent_folder.h"
 #include "tests/inventory_server.h"
 #include "tests/scan_checks.h"
@@ -39,8 +40,13 @@ struct RunTrace {
 
 // Scans the machine (and, when given, its later recording with a scheduled scan), with the
 // tools run serially or side by side.
+std::filesystem::path RecordedMachines() {
+  return std::filesystem::path(TARN_SOURCE_DIR) / "testdata" / "machines";
+}
+
 RunTrace Scan(InventoryServer& server, const std::string& machine, const std::string& later,
-              bool serial, const std::string& moreKeys = "") {
+              bool serial, const std::string& moreKeys = "",
+              const std::filesystem::path& machines = RecordedMachines()) {
   AgentFolder agent(std::string("gather-") + (serial ? "serial-" : "parallel-") + machine);
   agent.WriteResourceId("42");
   agent.ServeAt(server.port());
@@ -56,7 +62,7 @@ RunTrace Scan(InventoryServer& server, const std::string& machine, const std::st
     AgentFolder::WritePlist(agent.data() / "agent-conf.plist",
                             "\t<key>Loglevel</key><integer>3</integer>\n"
                             "\t<key>TOOL_REPLAY_DIRECTORY</key><string>" +
-                                std::string(TARN_SOURCE_DIR) + "/testdata/machines/" + recorded +
+                                (machines / recorded).string() +
                                 "</string>\n" +
                                 (serial ? "\t<key>TOOL_GATHER_SERIAL</key><string>1</string>\n"
                                         : "") +
@@ -76,8 +82,7 @@ RunTrace Scan(InventoryServer& server, const std::string& machine, const std::st
 
 TEST(SideBySideGather, LeavesWhatASerialRunLeavesOnEveryRecordedMachine) {
   InventoryServer server;
-  const std::filesystem::path machines = std::filesystem::path(TARN_SOURCE_DIR) / "testdata" /
-                                         "machines";
+  const std::filesystem::path machines = RecordedMachines();
   int compared = 0;
   for (const auto& entry : std::filesystem::directory_iterator(machines)) {
     const std::string name = entry.path().filename().string();
@@ -104,6 +109,32 @@ TEST(SideBySideGather, LeavesWhatASerialRunLeavesOnEveryRecordedMachine) {
   EXPECT_EQ(parallel.bodies, serial.bodies);
   EXPECT_EQ(parallel.scanLog, serial.scanLog);
   EXPECT_NE(serial.scanLog.find("SPNVMeDataType"), std::string::npos);
+}
+
+// A machine whose tools fail in different ways while the slow applications report is still
+// running: one output is missing (the tool cannot be launched), one is not text. Side by
+// side, each failure is logged where the serial run logs it, and everything else matches.
+TEST(SideBySideGather, ToolsThatFailWhileOthersRunLeaveWhatASerialRunLeaves) {
+  const TempDir temp("gather-faults");
+  const std::filesystem::path machine = temp.path() / "faulty";
+  std::filesystem::copy(RecordedMachines() / "macbook-m1", machine);
+  std::string manifest = ReadFileText(machine / "manifest.plist");
+  const std::string applications = "<string>system_profiler-SPApplicationsDataType.xml</string>";
+  manifest.replace(manifest.find(applications), applications.size(),
+                   applications + "<key>seconds</key><real>0.8</real>");
+  WriteFileText(machine / "manifest.plist", manifest);
+  std::filesystem::remove(machine / "system_profiler-SPDisplaysDataType.xml");
+  WriteFileText(machine / "system_profiler-SPHardwareDataType.xml", "\xff\xfe not text");
+
+  InventoryServer server;
+  const std::string timing = "\t<key>TOOL_REPLAY_TIMING</key><string>1</string>\n";
+  const RunTrace serial = Scan(server, "faulty", "", true, timing, temp.path());
+  const RunTrace parallel = Scan(server, "faulty", "", false, timing, temp.path());
+  ASSERT_EQ(serial.bodies.size(), 1u);
+  EXPECT_EQ(parallel.bodies, serial.bodies);
+  EXPECT_EQ(parallel.snapshot, serial.snapshot);
+  EXPECT_EQ(parallel.scanLog, serial.scanLog);
+  EXPECT_NE(serial.scanLog.find("recorded output missing"), std::string::npos);
 }
 
 }  // namespace
