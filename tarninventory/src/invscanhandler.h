@@ -275,6 +275,9 @@ class ProplistXMLParser {
 
   // Facts one collector learns and a later one reads.
   CollectorFacts bufferDict;
+  // REPORT_MODERN_DISKS, from the run's settings: the disk collector may add the NVMe report
+  // and the whole disks of external volumes.
+  bool reportModernDisks = false;
   // Applications seen so far.
   SoftwareSet swSet;
 };

@@ -25,7 +25,6 @@
 #include "tarninventory/src/invscanhandler.h"
 #include "tarninventory/src/tarninventoryutil.h"
 #include "tarnutils/src/TarnDiagnostics.h"
-#include "tarnutils/src/TarnGlobalvars.h"
 #include "tarnutils/src/TarnSystemutil_mac.h"
 #include "tarnutils/src/proplisthandler.h"
 
@@ -291,7 +290,7 @@ void AppendInstanceRows(const PlistPtr& instances, std::int32_t classId, Rows& r
 
 void ProplistXMLParser::FetchHDDDetails() {
   try {
-    const bool modern = HasGlobvars() && gv_globvars().reportModernDisks();
+    const bool modern = reportModernDisks;
     PlistPtr internal = FetchDiskDrives(true);
     if (!internal) internal = FetchDiskDrives(false);
     if (modern && Count(internal) == 0) {

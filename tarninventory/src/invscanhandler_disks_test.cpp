@@ -458,7 +458,7 @@ TEST_F(DiskCollectorTest, ModernDisksFromNvmeAndExternalVolumes) {
   EXPECT_EQ(ran("SPNVMeDataType") + ran("disk4") + ran("disk6"), 0u);
 
   ResetRows();
-  gv_globvars().Set_reportModernDisks(true);
+  parser_.reportModernDisks = true;
   parser_.FetchHDDDetails();
   EXPECT_EQ(Picked(13, {"1301", "1303", "1305"}),
             "1301|1|APPLE SSD disk0;1303|1|SSD;1305|1|disk0;"

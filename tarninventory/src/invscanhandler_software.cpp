@@ -8,6 +8,7 @@
 #include "platform/file/file_util.h"
 #include "platform/platform.h"
 #include "tarninventory/src/invscanhandler.h"
+#include "tarninventory/src/scandata.h"
 #include "tarninventory/src/tarninventoryutil.h"
 #include "tarnutils/src/TarnDiagnostics.h"
 #include "tarnutils/src/TarnGlobalvars.h"
@@ -16,7 +17,6 @@
 namespace tarn {
 namespace {
 
-constexpr std::int32_t kSoftwareClass = 18;
 constexpr const char* kSoftwareSignature = "-[ProplistXMLParser FetchInstalledSoftwareInfo]";
 
 // The agent's own names: the helper is never reported, the agent only as its installed copy.
@@ -104,15 +104,15 @@ void ParseInstalledSoftware(const PlistPtr& items, const OptText& agentBasePath,
     // Same name and version: one application, however often it is installed.
     if (!swSet.emplace(*name, version.value_or(kFiller)).second) continue;
     ++recorded;
-    AddRow(rows, 1801, kSoftwareClass, recorded, name);
-    AddRow(rows, 1802, kSoftwareClass, recorded, version ? *version : kFiller);
-    AddRow(rows, 1803, kSoftwareClass, recorded, application.info.value_or(kFiller));
-    AddRow(rows, 1812, kSoftwareClass, recorded, path ? *path : kFiller);
-    AddFillers(rows, kSoftwareClass, recorded, {1804, 1805, 1806});
-    AddRow(rows, 1807, kSoftwareClass, recorded, kNotAvailable);
-    AddFillers(rows, kSoftwareClass, recorded, {1808, 1809});
-    AddRow(rows, 1810, kSoftwareClass, recorded, kNotAvailable);
-    AddFillers(rows, kSoftwareClass, recorded, {1811, 1813, 1814, 1815});
+    AddRow(rows, 1801, kSoftwareClassId, recorded, name);
+    AddRow(rows, 1802, kSoftwareClassId, recorded, version ? *version : kFiller);
+    AddRow(rows, 1803, kSoftwareClassId, recorded, application.info.value_or(kFiller));
+    AddRow(rows, 1812, kSoftwareClassId, recorded, path ? *path : kFiller);
+    AddFillers(rows, kSoftwareClassId, recorded, {1804, 1805, 1806});
+    AddRow(rows, 1807, kSoftwareClassId, recorded, kNotAvailable);
+    AddFillers(rows, kSoftwareClassId, recorded, {1808, 1809});
+    AddRow(rows, 1810, kSoftwareClassId, recorded, kNotAvailable);
+    AddFillers(rows, kSoftwareClassId, recorded, {1811, 1813, 1814, 1815});
   }
   UserLogMessage("FetchInstalledSoftwareInfo : %d Softwares found \n", recorded);
   facts.osIndex = static_cast<std::uint32_t>(recorded) + 1;

@@ -8,6 +8,7 @@
 #include "platform/exception/platform_exception.h"
 #include "platform/platform.h"
 #include "tarninventory/src/invscanhandler.h"
+#include "tarninventory/src/scandata.h"
 #include "tarninventory/src/tarninventoryutil.h"
 #include "tarnutils/src/TarnDiagnostics.h"
 #include "tarnutils/src/TarnGlobalvars.h"
@@ -19,7 +20,6 @@ namespace {
 
 constexpr std::int32_t kOsClass = 1;
 constexpr std::int32_t kProcessorClass = 3;
-constexpr std::int32_t kSoftwareClass = 18;
 constexpr std::int32_t kComputerClass = 20;
 constexpr std::int32_t kEnclosureClass = 24;
 constexpr std::int32_t kMemoryDeviceClass = 27;
@@ -224,17 +224,17 @@ void ParseOsSoftwareRow(const std::string& osName, const CollectorFacts& facts, 
   ConsoleWhere(kSendOsSignature, __LINE__, "OsName : %s", osName.c_str());
   ConsoleWhere(kSendOsSignature, __LINE__, "Osversion : %s", Shown(facts.productVersion));
   ConsoleWhere(kSendOsSignature, __LINE__, "serialnum : %s", Shown(facts.serial_number));
-  AddRow(rows, 1801, kSoftwareClass, instance, osName);
-  AddRow(rows, 1802, kSoftwareClass, instance, facts.productVersion);
-  AddRow(rows, 1803, kSoftwareClass, instance, kAppleInc);
-  AddFillers(rows, kSoftwareClass, instance, {1804, 1805, 1806});
-  AddRow(rows, 1807, kSoftwareClass, instance, kNotAvailable);
-  AddFillers(rows, kSoftwareClass, instance, {1808, 1809});
-  AddRow(rows, 1810, kSoftwareClass, instance, facts.serial_number);
-  AddFillers(rows, kSoftwareClass, instance, {1811, 1812, 1813});
+  AddRow(rows, 1801, kSoftwareClassId, instance, osName);
+  AddRow(rows, 1802, kSoftwareClassId, instance, facts.productVersion);
+  AddRow(rows, 1803, kSoftwareClassId, instance, kAppleInc);
+  AddFillers(rows, kSoftwareClassId, instance, {1804, 1805, 1806});
+  AddRow(rows, 1807, kSoftwareClassId, instance, kNotAvailable);
+  AddFillers(rows, kSoftwareClassId, instance, {1808, 1809});
+  AddRow(rows, 1810, kSoftwareClassId, instance, facts.serial_number);
+  AddFillers(rows, kSoftwareClassId, instance, {1811, 1812, 1813});
   // Tells the server that this software row is the operating system.
-  AddRow(rows, 1814, kSoftwareClass, instance, "OS_EXT");
-  AddRow(rows, 1815, kSoftwareClass, instance, kFiller);
+  AddRow(rows, 1814, kSoftwareClassId, instance, "OS_EXT");
+  AddRow(rows, 1815, kSoftwareClassId, instance, kFiller);
   ConsoleLog("End of SendOSINFO method \n");
 }
 

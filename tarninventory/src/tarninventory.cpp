@@ -282,7 +282,7 @@ int RunScan(const CommandLine& command) {
   // The driver goes on whatever the upload's result; the last line reports it. A local run
   // needs no resource id, writes its documents instead of sending them and records nothing.
   if (run.localFolder || EnsureResourceId(context, accessLogPath)) {
-    CollectInventoryData(auditId);
+    CollectInventoryData(context, auditId);
     gather.reset();
     PreparedUpload upload = PrepareUpload(context, auditId, accessLogPath);
     const std::string currentTime = upload.currentTime;
@@ -411,7 +411,7 @@ void RunCollectorSequence(const std::vector<CollectorStep>& steps) {
   }
 }
 
-int CollectInventoryData(const std::string& auditId) {
+int CollectInventoryData(const RunContext& context, const std::string& auditId) {
   (void)auditId;  // the collectors do not use it; the upload does
   if (LoadTarnDataDictionary(kInventoryDataDictionary) != 0) {
     return 0;
@@ -419,6 +419,7 @@ int CollectInventoryData(const std::string& auditId) {
   UnLoadTable("WMIFetchedValue");
   CreateTable("WMIFetchedValue");
   ProplistXMLParser parser;
+  parser.reportModernDisks = context.settings.reportModernDisks();
   RunCollectorSequence({
       {"Calling FetchInstalledSoftwareInfo method\n", [&] { parser.FetchInstalledSoftwareInfo(); }},
       {"Calling FetchOSandProcessorInfo method\n", [&] { parser.FetchOSandProcessorInfo(); }},

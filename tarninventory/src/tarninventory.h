@@ -15,6 +15,8 @@
 
 namespace tarn {
 
+struct RunContext;
+
 // Argument codes of the scan-type word.
 inline constexpr int kArgAssetscan = 1;
 inline constexpr int kArgOndemand = 2;
@@ -71,6 +73,6 @@ void RunCollectorSequence(const std::vector<CollectorStep>& steps);
 
 // Re-loads the inventory data dictionary, empties WMIFetchedValue and runs
 // the collectors. Always 0.
-int CollectInventoryData(const std::string& auditId);
+int CollectInventoryData(const RunContext& context, const std::string& auditId);
 
 }  // namespace tarn

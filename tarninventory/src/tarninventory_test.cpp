@@ -13,6 +13,7 @@
 #include "framework/imds/dataset.h"
 #include "framework/imds/store_testutil.h"
 #include "platform/exception/platform_exception.h"
+#include "tarninventory/src/runcontext.h"
 #include "tarninventory/src/scanrun.h"
 #include "tarnutils/src/TarnGlobalvars.h"
 #include "tarnutils/src/testutil.h"
@@ -179,7 +180,8 @@ TEST_F(DriverTest, CollectingStartsFromAnEmptyValueTable) {
             1);
   // A computer without any of the tools: the OS collector's fillers come first.
   testing::FakePlatform fake;
-  EXPECT_EQ(CollectInventoryData("12345"), 0);
+  const SystemClock clock;
+  EXPECT_EQ(CollectInventoryData(ContextOfThisRun(clock), "12345"), 0);
   const TableData* table = GetTableDataByName("WMIFetchedValue");
   ASSERT_NE(table, nullptr);
   ASSERT_GT(table->rowCount, 0);
