@@ -8,10 +8,9 @@ cd "$(dirname "$0")/.."
 command -v heaptrack >/dev/null || { echo "bench/heap.sh: heaptrack is not installed" >&2; exit 2; }
 build=${BENCH_BUILD_DIR:-build-bench}
 size=${2:-5000}
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DTARN_BENCH=ON -DTARN_TESTS=OFF >/dev/null
-cmake --build "$build" -j "$(nproc 2>/dev/null || echo 2)" \
-  --target tarninventory tarn_bench tarn_bench_floor >"$build/build.log" 2>&1 ||
-  { tail -n 40 "$build/build.log" >&2; exit 1; }
+# shellcheck source=bench/build.sh
+. bench/build.sh
+build_bench "$build" Release
 work=$(mktemp -d /tmp/tarn-heap-XXXXXX)
 trap 'rm -rf "$work"' EXIT
 

@@ -6,12 +6,12 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 command -v perf >/dev/null || { echo "bench/profile.sh: perf is not installed" >&2; exit 2; }
-build=${BENCH_BUILD_DIR:-build-bench}
+# A build of its own: symbols and line tables, optimised as the benchmark's.
+build=${PROFILE_BUILD_DIR:-build-profile}
 size=${1:-5000}
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARN_BENCH=ON -DTARN_TESTS=OFF >/dev/null
-cmake --build "$build" -j "$(nproc 2>/dev/null || echo 2)" \
-  --target tarninventory tarn_bench tarn_bench_floor >"$build/build.log" 2>&1 ||
-  { tail -n 40 "$build/build.log" >&2; exit 1; }
+# shellcheck source=bench/build.sh
+. bench/build.sh
+build_bench "$build" RelWithDebInfo
 work=$(mktemp -d /tmp/tarn-profile-XXXXXX)
 trap 'rm -rf "$work"' EXIT
 mkdir -p "$work/samples"

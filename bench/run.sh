@@ -8,11 +8,10 @@
 #   bash bench/run.sh --scanner before=/path/to/older/tarninventory
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# shellcheck source=bench/build.sh
+. bench/build.sh
 build=${BENCH_BUILD_DIR:-build-bench}
-jobs=$(nproc 2>/dev/null || echo 2)
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DTARN_BENCH=ON -DTARN_TESTS=OFF >/dev/null
-cmake --build "$build" -j "$jobs" --target tarninventory tarn_bench tarn_bench_floor \
-  >"$build/build.log" 2>&1 || { tail -n 40 "$build/build.log" >&2; exit 1; }
+build_bench "$build" Release
 work=$(mktemp -d /tmp/tarn-bench-XXXXXX)
 trap 'rm -rf "$work"' EXIT
 "$build/tarn_bench" --scanner "current=$build/tarninventory" \

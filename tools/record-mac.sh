@@ -147,25 +147,14 @@ record() {
 	return 0
 }
 
-# The volume name at INDEX of "VolumesFromDisks" in a diskutil list property list; fails
-# past the end of the array.
-volume_at() {
-	local list=$1 index=$2
+# The value at PATH (keys and indexes joined by ":") of a property list as text ("true"/"false"
+# for Booleans); fails when there is none.
+plist_value() {
+	local file=$1 path=$2
 	if [ -x "$tool_root$PLISTBUDDY" ]; then
-		"$tool_root$PLISTBUDDY" -c "Print :VolumesFromDisks:$index" "$list" 2>/dev/null
+		"$tool_root$PLISTBUDDY" -c "Print :$path" "$file" 2>/dev/null
 	else
-		"$tool_root$PLUTIL" -extract "VolumesFromDisks.$index" raw -o - "$list" 2>/dev/null
-	fi
-}
-
-# The value of a top-level KEY of a diskutil info property list as text ("true"/"false" for
-# Booleans); fails when there is none.
-value_of() {
-	local info=$1 key=$2
-	if [ -x "$tool_root$PLISTBUDDY" ]; then
-		"$tool_root$PLISTBUDDY" -c "Print :$key" "$info" 2>/dev/null
-	else
-		"$tool_root$PLUTIL" -extract "$key" raw -o - "$info" 2>/dev/null
+		"$tool_root$PLUTIL" -extract "${path//:/.}" raw -o - "$file" 2>/dev/null
 	fi
 }
 
@@ -198,7 +187,7 @@ record users.txt "$USERS" " "
 # Info files are numbered by position; a volume name never becomes part of a file name.
 volumes=0
 if record diskutil-list.plist "$DISKUTIL" list -plist && [ -s diskutil-list.plist ]; then
-	while volume=$(volume_at diskutil-list.plist "$volumes"); do
+	while volume=$(plist_value diskutil-list.plist "VolumesFromDisks:$volumes"); do
 		volumes=$((volumes + 1))
 		record "diskutil-info-$volumes.plist" "$DISKUTIL" info -plist "$volume"
 	done
@@ -213,12 +202,12 @@ while [ "$index" -lt "$volumes" ]; do
 	index=$((index + 1))
 	info=diskutil-info-$index.plist
 	[ -s "$info" ] || continue
-	[ "$(value_of "$info" BusProtocol)" != "Disk Image" ] || continue
-	if [ "$(value_of "$info" Internal)" != false ] &&
-		[ "$(value_of "$info" RemovableMediaOrExternalDevice)" != true ]; then
+	[ "$(plist_value "$info" BusProtocol)" != "Disk Image" ] || continue
+	if [ "$(plist_value "$info" Internal)" != false ] &&
+		[ "$(plist_value "$info" RemovableMediaOrExternalDevice)" != true ]; then
 		continue
 	fi
-	parent=$(value_of "$info" ParentWholeDisk) || continue
+	parent=$(plist_value "$info" ParentWholeDisk) || continue
 	[ -n "$parent" ] || continue
 	case $whole_disks in
 	*" $parent "*) continue ;;
