@@ -22,9 +22,6 @@
 
 namespace tarn {
 
-// The key of the scan data in the snapshot file's root dictionary.
-inline constexpr const char* kSnapshotScanDataKey = "INVDatadict";
-
 class FullScanHandler {
  public:
   // What a snapshot file held besides the scan data, as it was when it was loaded; a save over

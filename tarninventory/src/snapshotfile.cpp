@@ -11,7 +11,6 @@
 namespace tarn {
 namespace {
 
-constexpr std::string_view kSnapshotKey = "INVDatadict";
 constexpr std::string_view kHeader =
     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
     "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
@@ -125,7 +124,7 @@ class PlainReader {
     }
     if (!Take("<dict>") || !SkipSpace()) return std::nullopt;
     if (!Take("</dict>")) {
-      if (!Take("<key>") || !ReadText(key_) || key_ != kSnapshotKey || !Take("</key>") ||
+      if (!Take("<key>") || !ReadText(key_) || key_ != kSnapshotScanDataKey || !Take("</key>") ||
           !SkipSpace() || !ReadScanData(snapshot) || !SkipSpace() || !Take("</dict>")) {
         return std::nullopt;
       }

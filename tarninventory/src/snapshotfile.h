@@ -22,6 +22,9 @@
 
 namespace tarn {
 
+// The root dictionary's key of the scan data in a snapshot file.
+inline constexpr const char* kSnapshotScanDataKey = "INVDatadict";
+
 // The snapshot file's text for a root dictionary holding otherEntries (in their order, as
 // libplist writes them) and then "INVDatadict" holding scanData: exactly
 // ToXmlPlist(root). Raises PlatformException where ToXmlPlist would (text that is not UTF-8
