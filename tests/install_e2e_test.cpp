@@ -71,7 +71,8 @@ TEST(CommandLineTest, VersionAndHelpAnswerAndTouchNothing) {
                            "[flag] [auditid]",
                            "--local DIR", "--version", "ondemand [flag]", "default 12345",
                            "BASE/data/serverinfo.plist", "BASE/data/agent-conf.plist",
-                           "BASE/logs/tarndevicescan.log", "BASE/data/invFullData"}) {
+                           "BASE/logs/tarndevicescan.log", "BASE/data/invFullData",
+                           "REPORT_MODERN_DISKS", "TOOL_GATHER_SERIAL"}) {
     EXPECT_NE(help.standardOutput.find(text), std::string::npos) << text;
   }
   EXPECT_FALSE(fs::exists(agent.logs()));
