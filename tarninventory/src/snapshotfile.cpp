@@ -191,14 +191,18 @@ class PlainReader {
     }
   }
 
-  // An optional declaration, the platform's DOCTYPE if any, then "<plist ...>".
+  // The declaration this program writes, at the very start, or none; the platform's DOCTYPE
+  // if any; then "<plist ...>". Any other declaration is left to the general reader, which
+  // knows what XML allows there.
   bool ReadProlog() {
+    static constexpr std::string_view kDeclaration =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>";
     static constexpr std::string_view kDoctype =
         "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
         "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">";
+    Take(kDeclaration);
     SkipSpace();
-    if (Take("<?xml") && !ReadAttributes("?>")) return false;
-    SkipSpace();
+    if (in_.substr(pos_).starts_with("<?")) return false;
     Take(kDoctype);
     SkipSpace();
     return Take("<plist") && ReadAttributes(">");

@@ -164,6 +164,12 @@ TEST(SnapshotFileTest, OnlyThePlainShapeIsReadDirectly) {
        "<?xml version=\"1.0\" encoding=\"UTF-8\"=\"?>\n<plist>" +
            std::string("<dict><key>INVDatadict</key><dict/></dict></plist>"),
        false},
+      {"declaration without a version (found by fuzzing)",
+       "<?xml versidicon=\"1.0\" encoding=\"UTF-8\"?>\n<plist>" +
+           std::string("<dict><key>INVDatadict</key><dict/></dict></plist>"),
+       false},
+      {"declaration after white space", " " + document("<dict/>"), false},
+      {"no declaration", "<plist version=\"1.0\"><dict/></plist>", true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
