@@ -24,6 +24,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -382,6 +383,10 @@ void KeepOutputs(const Options& options, const std::string& name, int applicatio
   agent.UseMachine(base);
   agent.Run("assetscan");
   agent.Keep(to / "full", server.LastBody());
+  // The difference scan compares the snapshot's modification time with the one recorded, to
+  // the second: it starts in a later second than the accepted scan, as a real schedule does.
+  const std::time_t second = std::time(nullptr);
+  while (std::time(nullptr) == second) std::this_thread::sleep_for(std::chrono::milliseconds(20));
   agent.RestoreState(accepted);
   agent.UseMachine(changed);
   agent.Run("scheduled");
