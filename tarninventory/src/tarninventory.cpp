@@ -17,6 +17,7 @@
 #include "platform/console_log.h"
 #include "platform/exception/platform_exception.h"
 #include "platform/file/file_util.h"
+#include "platform/memory/freed_memory.h"
 #include "platform/plist/plist_value.h"
 #include "platform/replay/replay_platform.h"
 #include "platform/text/utf8.h"
@@ -421,7 +422,12 @@ int CollectInventoryData(const RunContext& context, const std::string& auditId) 
   ProplistXMLParser parser;
   parser.reportModernDisks = context.settings.reportModernDisks();
   RunCollectorSequence({
-      {"Calling FetchInstalledSoftwareInfo method\n", [&] { parser.FetchInstalledSoftwareInfo(); }},
+      {"Calling FetchInstalledSoftwareInfo method\n",
+       [&] {
+         parser.FetchInstalledSoftwareInfo();
+         // The applications report, the largest by far, is gone: its pages go back.
+         ReturnFreedMemory();
+       }},
       {"Calling FetchOSandProcessorInfo method\n", [&] { parser.FetchOSandProcessorInfo(); }},
       {"Calling FetchVideoControllerInfo method\n", [&] { parser.FetchVideoControllerInfo(); }},
       {"Calling FetchCDDriveInfo method\n", [&] { parser.FetchCDDriveInfo(); }},
