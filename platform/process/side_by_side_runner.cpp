@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <exception>
 #include <utility>
 
@@ -22,6 +24,8 @@ struct SideBySideToolRunner::Task {
   std::string filePath;  // the private output of a planned toFile task, the requested path of a
                          // one-off one
   bool oneOff = false;
+  // A file output is handed over once (moved, not copied): a later request runs anew.
+  bool handedOver = false;
 
   bool Is(const std::string& launchPath, const std::vector<std::string>& arguments,
           bool toFile) const {
@@ -136,7 +140,7 @@ SideBySideToolRunner::TaskPtr SideBySideToolRunner::Answer(
   std::unique_lock lock(mutex_);
   TaskPtr task;
   for (const TaskPtr& candidate : planned_) {
-    if (candidate->Is(launchPath, arguments, toFile)) task = candidate;
+    if (!candidate->handedOver && candidate->Is(launchPath, arguments, toFile)) task = candidate;
   }
   if (!task) {
     task = std::make_shared<Task>();
@@ -164,9 +168,22 @@ std::optional<std::string> SideBySideToolRunner::Run(const std::string& launchPa
 
 namespace {
 
-// Copies the private output of a planned run into path as the tool would have written it.
-// A path without a private output is left as it is.
+// True when path is absent or a regular file: what the live runner replaces with a fresh file.
+bool IsReplaceableOutputPath(const std::string& path) {
+  struct stat existing {};
+  if (::lstat(path.c_str(), &existing) != 0) return errno == ENOENT;
+  return S_ISREG(existing.st_mode);
+}
+
+// Moves the private output of a planned run to path as the tool would have written it there;
+// where it cannot be moved (another file system), it is copied into a fresh file under the
+// live runner's rules. A path without a private output is left as it is.
 int HandOver(const std::string& privatePath, const std::string& path, int status) {
+  // A rename replaces the entry itself, never what a link points to, and keeps the private
+  // file's owner and mode 0600: no bytes are copied however large the report.
+  if (IsReplaceableOutputPath(path) && ::rename(privatePath.c_str(), path.c_str()) == 0) {
+    return status;
+  }
   const UniqueFd kept(::open(privatePath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
   if (!kept.valid()) return status;
   const UniqueFd file = CreateFreshOutputFile(path);
@@ -183,6 +200,10 @@ int SideBySideToolRunner::RunToFile(const std::string& launchPath,
   for (const std::string& line : task->lines) ConsoleLogMessage(line);
   if (task->raised) return kShellCannotLaunch;
   if (task->oneOff) return task->status;  // it wrote straight to the requested path
+  {
+    const std::lock_guard lock(mutex_);
+    task->handedOver = true;
+  }
   return HandOver(task->filePath, outputPath, task->status);
 }
 

@@ -32,16 +32,18 @@ struct PlannedCommand {
 // A tool runner that runs planned commands side by side, at most `parallel` tools at a time,
 // on worker threads over the inner runner, and answers a request for a planned command
 // (same launch path and arguments, Run or RunToFile as planned) with its result, waiting
-// while it still runs. A planned command runs once however often it is asked for. A request
-// for a command still waiting moves it to the front; an unplanned request runs, as asked,
+// while it still runs. A planned command runs once however often it is asked for (a file
+// output: until it is handed over, below). A request for a command still waiting moves it to
+// the front; an unplanned request runs, as asked,
 // on the next free worker (so no more than `parallel` tools ever run).
 //
 // What the inner runner logs about a run (the tool's standard error, its own failures) is
 // kept and written when the result is handed to a request, every time it is, and a launch
 // failure raises there: the log reads as if each request had run its tool at that moment.
-// A RunToFile answer copies the private output into the requested path under the same
-// rules as the live runner (created afresh, mode 0600, never through a link); no private
-// file means the tool never made one, and the requested path is left as it is.
+// A RunToFile answer moves the private output to the requested path under the same rules as
+// the live runner (replacing a file, mode 0600, never through a link), so it is handed over
+// once: a later request for the same file output runs the tool again, as without the gather.
+// No private file means the tool never made one, and the requested path is left as it is.
 class SideBySideToolRunner final : public ToolRunner {
  public:
   static constexpr int kDefaultParallel = 4;
