@@ -3,9 +3,9 @@
 #include <libxml/parser.h>
 #include <libxml/parserInternals.h>
 
+#include <algorithm>
 #include <array>
 #include <cctype>
-#include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -410,6 +410,15 @@ xmlSAXHandler MakeHandler() {
   return handler;
 }
 
+// Hands the parser the next piece of the text (the view is what is left unread).
+int ReadChunk(void* context, char* buffer, int length) {
+  auto& unread = *static_cast<std::string_view*>(context);
+  const std::size_t count = std::min(unread.size(), static_cast<std::size_t>(std::max(length, 0)));
+  std::memcpy(buffer, unread.data(), count);
+  unread.remove_prefix(count);
+  return static_cast<int>(count);
+}
+
 }  // namespace
 
 PlistPtr ReadXmlPlist(std::string_view xml, int maxDepth) {
@@ -422,8 +431,11 @@ PlistPtr ReadXmlPlist(std::string_view xml, int maxDepth) {
     if (!withStandIns) return nullptr;
     xml = *withStandIns;
   }
-  if (xml.size() > static_cast<std::size_t>(INT_MAX)) return nullptr;
-  xmlParserCtxtPtr parser = xmlCreateMemoryParserCtxt(xml.data(), static_cast<int>(xml.size()));
+  // The parser reads the text a chunk at a time and drops what it has read: no copy of a
+  // large report is made.
+  std::string_view unread = xml;
+  xmlParserCtxtPtr parser = xmlCreateIOParserCtxt(nullptr, nullptr, ReadChunk, nullptr, &unread,
+                                                  XML_CHAR_ENCODING_NONE);
   if (parser == nullptr) return nullptr;
   static const xmlSAXHandler kHandler = MakeHandler();
   xmlSAXHandler handler = kHandler;
