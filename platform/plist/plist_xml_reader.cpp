@@ -434,8 +434,8 @@ PlistPtr ReadXmlPlist(std::string_view xml, int maxDepth) {
   // The parser reads the text a chunk at a time and drops what it has read: no copy of a
   // large report is made.
   std::string_view unread = xml;
-  xmlParserCtxtPtr parser = xmlCreateIOParserCtxt(nullptr, nullptr, ReadChunk, nullptr, &unread,
-                                                  XML_CHAR_ENCODING_NONE);
+  xmlParserCtxtPtr parser =
+      xmlCreateIOParserCtxt(nullptr, nullptr, ReadChunk, nullptr, &unread, XML_CHAR_ENCODING_NONE);
   if (parser == nullptr) return nullptr;
   static const xmlSAXHandler kHandler = MakeHandler();
   xmlSAXHandler handler = kHandler;

@@ -69,9 +69,9 @@ class GatedRunner final : public ToolRunner {
 };
 
 PlannedCommand Command(const std::string& launchPath, const std::string& argument = "") {
-  return {launchPath, argument.empty() ? std::vector<std::string>{}
-                                       : std::vector<std::string>{argument},
-          false, WaitPolicy::kBounded, nullptr};
+  return {launchPath,
+          argument.empty() ? std::vector<std::string>{} : std::vector<std::string>{argument}, false,
+          WaitPolicy::kBounded, nullptr};
 }
 
 TEST(SideBySideToolRunner, RunsFourAtOnceEachCommandOnceAndFollowUpsWhenKnown) {
@@ -113,8 +113,8 @@ TEST(SideBySideToolRunner, RunsFourAtOnceEachCommandOnceAndFollowUpsWhenKnown) {
   const std::unique_ptr<ToolRunner> stopped = runner.Finish();  // inner stays alive
 
   EXPECT_EQ(inner.MostAtOnce(), 4);
-  std::map<std::string, int> expected{{"/list ", 1}, {"/info /list output", 1},
-                                      {"/fails ", 1}, {"/unplanned x", 2}};
+  std::map<std::string, int> expected{
+      {"/list ", 1}, {"/info /list output", 1}, {"/fails ", 1}, {"/unplanned x", 2}};
   for (int i = 0; i < 7; ++i) expected["/tool " + std::to_string(i)] = 1;
   EXPECT_EQ(inner.Runs(), expected);
 }
@@ -139,7 +139,7 @@ class SideBySideRealToolsTest : public ::testing::Test {
   static std::vector<std::string> Shell(const std::string& script) { return {"-c", script}; }
 
   // Asks in this order: the tool that hangs past its bound, the failing one, two quick ones
-  // (which end long before the hanging one), one into a file. The log as the runs left it,
+  // (which end long before the hanging one), one into a file, twice. The log as the runs left it,
   // time stamps masked.
   std::string AskAll(ToolRunner& runner, std::vector<std::string>& answers) {
     ::testing::internal::CaptureStderr();
@@ -157,6 +157,10 @@ class SideBySideRealToolsTest : public ::testing::Test {
     struct stat info {};
     answers.push_back(::stat(report.c_str(), &info) == 0 ? std::to_string(info.st_mode & 0777)
                                                          : "no mode");
+    std::filesystem::remove(report);
+    // Asked again: the report is made again (the first was handed over, not shared).
+    answers.push_back(std::to_string(runner.RunToFile("/bin/sh", Shell(kReport), report)));
+    answers.push_back(ReadWholeFile(report).value_or("no file"));
     std::filesystem::remove(report);
     return std::regex_replace(::testing::internal::GetCapturedStderr(),
                               std::regex(R"(^\S+ \S+ \S+\[\d+\] )", std::regex::multiline), "");
@@ -179,14 +183,15 @@ TEST_F(SideBySideRealToolsTest, LogAndResultsAreThoseOfASerialRun) {
   std::vector<std::string> serialAnswers;
   const auto serialRunner = Live();
   const std::string serialLog = AskAll(*serialRunner, serialAnswers);
-  EXPECT_EQ(serialAnswers,
-            (std::vector<std::string>{
-                "partial\n",
-                "launch path not accessible: /nonexistent/tool: No such file or directory",
-                "quick\n", "quick\n", std::to_string(3 << 8), "report", "384"}));
+  EXPECT_EQ(
+      serialAnswers,
+      (std::vector<std::string>{
+          "partial\n", "launch path not accessible: /nonexistent/tool: No such file or directory",
+          "quick\n", "quick\n", std::to_string(3 << 8), "report", "384", std::to_string(3 << 8),
+          "report"}));
   EXPECT_EQ(serialLog,
             "/bin/sh: hang-warning\n/bin/sh: quick-warning\n/bin/sh: quick-warning\n"
-            "/bin/sh: report-line\n");
+            "/bin/sh: report-line\n/bin/sh: report-line\n");
 
   SideBySideToolRunner runner(Live(), folder_.string());
   runner.Plan(Plan());

@@ -42,8 +42,8 @@ std::string CurrentDirectory() {
 }
 
 void AddRow(Rows& rows, std::int32_t propertyId, std::int32_t classId, std::int32_t instance,
-            OptText value) {
-  rows.push_back({propertyId, classId, instance, std::move(value)});
+            OptView value) {
+  rows.Add(propertyId, classId, instance, value);
 }
 
 void AddFillers(Rows& rows, std::int32_t classId, std::int32_t instance,
@@ -53,8 +53,9 @@ void AddFillers(Rows& rows, std::int32_t classId, std::int32_t instance,
   }
 }
 
-void RecordRow(const CollectedRow& row) {
-  AddRowWMIFetchValueTable(row.propertyId, row.classId, row.instance, 0, row.value);
+void RecordRow(std::int32_t propertyId, std::int32_t classId, std::int32_t instance,
+               OptView value) {
+  AddRowWMIFetchValueTable(propertyId, classId, instance, 0, value);
 }
 
 std::string adjustBytes(const PlistPtr& number) {

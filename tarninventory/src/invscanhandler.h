@@ -54,6 +54,8 @@ inline constexpr const char* kUsers = "/usr/bin/users";
 std::vector<PlannedCommand> CollectorCommands(bool modernDisks);
 
 using OptText = std::optional<std::string>;
+// A text viewed where it is held (a tool report, a row), or none.
+using OptView = std::optional<std::string_view>;
 
 // One value a parse step found: a row of the value table (flag 0).
 struct CollectedRow {
@@ -69,15 +71,17 @@ struct CollectedRow {
 // always shown them (matching logs each instance as it ends).
 class Rows {
  public:
-  using Recorder = std::function<void(const CollectedRow&)>;
+  // Takes each row as it is found; the value's text is only valid during the call.
+  using Recorder = std::function<void(std::int32_t propertyId, std::int32_t classId,
+                                      std::int32_t instance, OptView value)>;
   Rows() = default;
   explicit Rows(Recorder recorder) : recorder_(std::move(recorder)) {}
 
-  void push_back(CollectedRow row) {
+  void Add(std::int32_t propertyId, std::int32_t classId, std::int32_t instance, OptView value) {
     if (recorder_) {
-      recorder_(row);
+      recorder_(propertyId, classId, instance, value);
     } else {
-      collected_.push_back(std::move(row));
+      collected_.push_back({propertyId, classId, instance, value ? OptText(*value) : OptText()});
     }
   }
   // The rows collected (none when a recorder takes them).
@@ -95,12 +99,12 @@ class Rows {
 
 // Appends one row; the filler "-" for each property id, in the order given.
 void AddRow(Rows& rows, std::int32_t propertyId, std::int32_t classId, std::int32_t instance,
-            OptText value);
+            OptView value);
 void AddFillers(Rows& rows, std::int32_t classId, std::int32_t instance,
                 std::initializer_list<std::int32_t> propertyIds);
 
 // Hands one row to the recorder (AddRowWMIFetchValueTable).
-void RecordRow(const CollectedRow& row);
+void RecordRow(std::int32_t propertyId, std::int32_t classId, std::int32_t instance, OptView value);
 
 // Runs step(rows) with a sink that records each row as the step finds it; a raise goes on
 // with the rows found before it recorded.
@@ -198,8 +202,8 @@ void ParseVideoController(const PlistPtr& items, Rows& rows);
 // The applications report's "_items". Applications already in swSet, the agent's helper and
 // copies of the agent outside agentBasePath are passed; an application without "_name"
 // raises. On success logs the count and sets facts.osIndex.
-void ParseInstalledSoftware(const PlistPtr& items, const OptText& agentBasePath,
-                            SoftwareSet& swSet, CollectorFacts& facts, Rows& rows);
+void ParseInstalledSoftware(const PlistPtr& items, const OptText& agentBasePath, SoftwareSet& swSet,
+                            CollectorFacts& facts, Rows& rows);
 
 // Internal disks from the controllers of a Serial-ATA or SAS report, keyed by BSD name.
 // Raises on odd input, e.g. a recorded disk without "device_model", "device_serial" or

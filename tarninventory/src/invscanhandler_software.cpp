@@ -1,4 +1,5 @@
 // Installed applications.
+#include <array>
 #include <filesystem>
 #include <system_error>
 #include <vector>
@@ -34,8 +35,8 @@ std::string DeletingLastPathComponent(std::string path) {
 }
 
 // Only the copy of the agent installed in the agent's own folder is reported.
-bool IsInstalledAgentCopy(const OptText& path, const OptText& basePath) {
-  return path && basePath && DeletingLastPathComponent(*path) == *basePath;
+bool IsInstalledAgentCopy(const OptView& path, const OptText& basePath) {
+  return path && basePath && DeletingLastPathComponent(std::string(*path)) == *basePath;
 }
 
 }  // namespace
@@ -59,8 +60,8 @@ void ProplistXMLParser::FetchInstalledSoftwareInfo() {
     RecordRowsOf([&](Rows& rows) {
       // The report is the one large document of a run: it is released (at the end of this
       // step) before the rows are recorded.
-      ParseInstalledSoftware(GetArrayObjectFromPlist(reportPath),
-                             gv_globvars().tarnagentBasePath(), swSet, bufferDict, rows);
+      ParseInstalledSoftware(GetArrayObjectFromPlist(reportPath), gv_globvars().tarnagentBasePath(),
+                             swSet, bufferDict, rows);
     });
     RemoveFile(reportPath);
   } catch (const PlatformException& failure) {
@@ -71,29 +72,41 @@ void ProplistXMLParser::FetchInstalledSoftwareInfo() {
 
 namespace {
 
-// What the collector reads of one item of the applications report.
-struct ApplicationFields {
-  OptText name;
-  OptText version;
-  OptText path;
-  OptText info;
-};
-
-ApplicationFields FieldsOf(const PlistPtr& item) {
-  return {TextOf(ValueForKey(item, "_name")), TextOf(ValueForKey(item, "version")),
-          TextOf(ValueForKey(item, "path")), TextOf(ValueForKey(item, "info"))};
+// The value's text as TextOf gives it: viewed in the report when it is a string (the usual
+// case), otherwise made into `made`, which the view then points into.
+OptView TextIn(const PlistPtr& value, OptText& made) {
+  if (value && value->IsString()) return std::string_view(value->String());
+  made = TextOf(value);
+  return made ? OptView(*made) : std::nullopt;
 }
+
+// What the collector reads of one item of the applications report, viewed in the report.
+struct ApplicationFields {
+  OptView name;
+  OptView version;
+  OptView path;
+  OptView info;
+  std::array<OptText, 4> made;  // the texts of values that are not strings
+
+  void Read(const PlistPtr& item) {
+    name = TextIn(ValueForKey(item, "_name"), made[0]);
+    version = TextIn(ValueForKey(item, "version"), made[1]);
+    path = TextIn(ValueForKey(item, "path"), made[2]);
+    info = TextIn(ValueForKey(item, "info"), made[3]);
+  }
+};
 
 }  // namespace
 
-void ParseInstalledSoftware(const PlistPtr& items, const OptText& agentBasePath,
-                            SoftwareSet& swSet, CollectorFacts& facts, Rows& rows) {
+void ParseInstalledSoftware(const PlistPtr& items, const OptText& agentBasePath, SoftwareSet& swSet,
+                            CollectorFacts& facts, Rows& rows) {
   std::int32_t recorded = 0;
+  ApplicationFields application;
   for (std::size_t i = 0; i < Count(items); ++i) {
-    const ApplicationFields application = FieldsOf(ObjectAtIndex(items, i));
-    const OptText& name = application.name;
-    const OptText& version = application.version;
-    const OptText& path = application.path;
+    application.Read(ObjectAtIndex(items, i));
+    const OptView& name = application.name;
+    const OptView& version = application.version;
+    const OptView& path = application.path;
     if (name == kAgentHelperName) continue;
     if (name == kAgentName && !IsInstalledAgentCopy(path, agentBasePath)) continue;
     if (!name) {

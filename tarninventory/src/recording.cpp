@@ -17,7 +17,7 @@ constexpr const char* kNullText = "(null)";
 
 constexpr const char* kSaveScanDataSignature =
     "void SaveScanData(std::int32_t, std::int32_t, std::int32_t, std::int32_t, "
-    "const std::optional<std::string>&)";
+    "std::optional<std::string_view>)";
 constexpr const char* kWriteToINVScanDataSignature =
     "void WriteToINVScanData(const PlistPtr&, std::int32_t)";
 
@@ -43,7 +43,7 @@ void FileGathered(ScanRun& run, bool file) {
 }  // namespace
 
 void SaveScanData(std::int32_t propertyId, std::int32_t classId, std::int32_t instanceNumber,
-                  std::int32_t /*flag*/, const std::optional<std::string>& value) {
+                  std::int32_t /*flag*/, std::optional<std::string_view> value) {
   ScanRun& run = CurrentScanRun();
   try {
     if (run.previndexID == -1) run.previndexID = instanceNumber;
@@ -60,7 +60,7 @@ void SaveScanData(std::int32_t propertyId, std::int32_t classId, std::int32_t in
       FileGathered(run, run.propertyDict.size() > 0);
       run.previndexID = instanceNumber;
     }
-    run.propertyDict.Set(propertyId, value ? std::string_view(*value) : kNullText);
+    run.propertyDict.Set(propertyId, value.value_or(kNullText));
     if (propertyId == invClassObj().GetLastPropertyID()) {
       FileGathered(run, true);
       run.previndexID = instanceNumber;

@@ -14,7 +14,7 @@ namespace tarn {
 // instance when the class or instance number changes or when the
 // catalogue's last property id is recorded. The flag is not used.
 void SaveScanData(std::int32_t propertyId, std::int32_t classId, std::int32_t instanceNumber,
-                  std::int32_t flag, const std::optional<std::string>& value);
+                  std::int32_t flag, std::optional<std::string_view> value);
 // Files a finished instance: appends it with its "KEY" to invScanData and,
 // in a difference scan, files it as new or modified in invDiffData.
 void WriteToINVScanData(const PendingInstance& instance, std::int32_t classId);

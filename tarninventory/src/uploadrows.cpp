@@ -128,8 +128,9 @@ void addtoTable(const PlistPtr& instance, std::int32_t classId, std::int32_t ins
   if (!instance) return;
   const std::vector<PlistValue::Entry> entries = instance->Entries();
   for (const auto& [propertyId, value] : entries) {
-    AddRowWMIFetchValueTable(IntValue(propertyId), classId, instanceNumber, 0,
-                             value ? std::optional<std::string>(value->String()) : std::nullopt);
+    AddRowWMIFetchValueTable(
+        IntValue(propertyId), classId, instanceNumber, 0,
+        value ? std::optional<std::string_view>(value->String()) : std::nullopt);
   }
 }
 
@@ -142,7 +143,7 @@ void addtoTable(const PlistPtr& instances, std::int32_t classId) {
 
 void AddRowWMIFetchValueTable(std::int32_t propertyId, std::int32_t classId,
                               std::int32_t instanceNumber, std::int32_t flag,
-                              const std::optional<std::string>& value) {
+                              std::optional<std::string_view> value) {
   SaveScanData(propertyId, classId, propertyId == kOsSoftwareInstanceProperty ? 1 : instanceNumber,
                flag, value);
   const std::int32_t valueId = ++CurrentScanRun().valueIdCounter;
@@ -151,8 +152,8 @@ void AddRowWMIFetchValueTable(std::int32_t propertyId, std::int32_t classId,
     std::optional<std::string> escaped;
     std::string_view text = kAbsentValue;
     if (value) {
-      if (NeedsAlteration(*value)) escaped = alterChars(value->c_str());
-      text = escaped ? std::string_view(*escaped) : std::string_view(*value);
+      if (NeedsAlteration(*value)) escaped = alterChars(std::string(*value).c_str());
+      text = escaped ? std::string_view(*escaped) : *value;
     }
     RowBuilder row(6);
     row.Int(0, valueId)

@@ -25,7 +25,7 @@ void addtoTable(const PlistPtr& instances, std::int32_t classId);
 // value escaped by alterChars ("-" when absent).
 void AddRowWMIFetchValueTable(std::int32_t propertyId, std::int32_t classId,
                               std::int32_t instanceNumber, std::int32_t flag,
-                              const std::optional<std::string>& value);
+                              std::optional<std::string_view> value);
 
 // Adds the WMIData row (owner "S-1-1-0" without a security id).
 void CreateWMIParentTablevalues(std::uint32_t number, const std::optional<std::string>& securityId);
