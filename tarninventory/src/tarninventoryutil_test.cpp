@@ -1,6 +1,8 @@
 #include "tarninventory/src/tarninventoryutil.h"
 
 #include <gtest/gtest.h>
+#include <libxml/parser.h>
+#include <libxml/tree.h>
 
 #include <algorithm>
 #include <fstream>
@@ -10,6 +12,7 @@
 #include <vector>
 
 #include "framework/imds/dataset.h"
+#include "framework/imds/dotoxml.h"
 #include "framework/imds/store_testutil.h"
 #include "framework/imds/xmltodo.h"
 #include "framework/persistent/xmldatadictparser.h"
@@ -292,6 +295,55 @@ TEST_F(RecorderTest, UploadRowsOfAFullScan) {
             "1|COMPUTER_NAME|mac-01;1|DOMAIN_NETBIOS_NAME|MAC-01;1|MSP_NAME|msp;"
             "1|CUSTOMER_NAME|Customer & Co;1|currScanTime|1700000200;1|prevScanTime|0;"
             "1|scanType|0;");
+}
+
+// Names from the host with markup and bytes that are not UTF-8: the upload rows still make a
+// well-formed document with exactly the rows written, the names read back as sent.
+TEST_F(RecorderTest, NamesFromTheHostCannotChangeTheDocumentsShape) {
+  gv_globvars().Set_localComputerName("Bob\xFF's <\"Mac\"> & Co");
+  gv_globvars().Set_localNameSpace("W\xC3<G/>");
+  // The agent's own settings are written as they are: this test's one has no markup.
+  gv_globvars().Set_tarnCustomerName("Customer");
+  CreateWMIParentTablevalues(0, std::nullopt);
+  ASSERT_NE(createComputerInfoRow(), nullptr);
+  ASSERT_NE(createInvAuditEntryRow(1), nullptr);
+  AddAgentParamsforInvinXML("1700000000", std::nullopt);
+  const char* const tables[] = {"WMIData", "AgentParams", "Resource", "InvAuditEntry"};
+  const std::optional<std::string> body = ConvertDOtoXMLBuffer(tables, "TarnWMIData");
+  ASSERT_TRUE(body);
+
+  const std::unique_ptr<xmlDoc, void (*)(xmlDoc*)> document(
+      xmlReadMemory(body->data(), static_cast<int>(body->size()), nullptr, nullptr,
+                    XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING),
+      xmlFreeDoc);
+  ASSERT_NE(document, nullptr) << *body;
+  const std::string name = "Bob\xEF\xBF\xBD's <\"Mac\"> & Co";
+  const std::string domain = "W\xEF\xBF\xBD<G/>";
+  std::vector<std::string> rows;
+  for (const xmlNode* node = xmlDocGetRootElement(document.get())->children; node != nullptr;
+       node = node->next) {
+    if (node->type != XML_ELEMENT_NODE) continue;
+    std::string row = reinterpret_cast<const char*>(node->name);
+    for (const char* column : {"COMPUTER_NAME", "NAME_SPACE", "NAME", "DOMAIN_NETBIOS_NAME", "PARAM_VALUE"}) {
+      xmlChar* value = xmlGetProp(node, reinterpret_cast<const xmlChar*>(column));
+      if (value != nullptr) row += std::string("|") + reinterpret_cast<const char*>(value);
+      xmlFree(value);
+    }
+    rows.push_back(row);
+  }
+  const std::vector<std::string> expected = {
+      "WMIData|" + name + "|" + domain,
+      "AgentParams|" + name,
+      "AgentParams|" + domain,
+      "AgentParams|12abc",
+      "AgentParams|msp",
+      "AgentParams|Customer",
+      "AgentParams|7",
+      "AgentParams|1700000000",
+      "AgentParams|1",
+      "Resource|" + name + "|" + domain,
+      "InvAuditEntry"};
+  EXPECT_EQ(rows, expected) << *body;
 }
 
 // Applications against a snapshot of as many: the snapshot's first tenth are gone, as many
