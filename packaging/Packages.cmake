@@ -58,6 +58,11 @@ if(TARN_TESTS)
     TARN_INSTALL_BINDIR="${CMAKE_INSTALL_BINDIR}")
   add_test(NAME packaging_tests COMMAND packaging_tests)
 
+  # `cmake --install` into a fresh prefix: exactly the agent folder and the server, with their
+  # modes; the server, moved, starts on the catalogue beside it.
+  add_test(NAME install_layout COMMAND bash ${PROJECT_SOURCE_DIR}/tests/install_layout_test.sh
+    ${PROJECT_BINARY_DIR})
+
   # Every shell script of the repository passes shellcheck.
   add_test(NAME shellcheck COMMAND bash ${PROJECT_SOURCE_DIR}/tests/shellcheck.sh)
   set_tests_properties(shellcheck PROPERTIES SKIP_RETURN_CODE 77)
