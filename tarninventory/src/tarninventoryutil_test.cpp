@@ -18,9 +18,9 @@
 #include "framework/persistent/xmldatadictparser.h"
 #include "tarninventory/src/FullScanHandler.h"
 #include "tarninventory/src/InvClassHandler.h"
-#include "tarninventory/src/scandata.h"
 #include "tarninventory/src/inventoryupload.h"
 #include "tarninventory/src/runcontext.h"
+#include "tarninventory/src/scandata.h"
 #include "tarninventory/src/scanrun.h"
 #include "tarninventory/src/scansettings.h"
 #include "tarnutils/src/JsonEncoder.h"
@@ -324,25 +324,25 @@ TEST_F(RecorderTest, NamesFromTheHostCannotChangeTheDocumentsShape) {
        node = node->next) {
     if (node->type != XML_ELEMENT_NODE) continue;
     std::string row = reinterpret_cast<const char*>(node->name);
-    for (const char* column : {"COMPUTER_NAME", "NAME_SPACE", "NAME", "DOMAIN_NETBIOS_NAME", "PARAM_VALUE"}) {
+    for (const char* column :
+         {"COMPUTER_NAME", "NAME_SPACE", "NAME", "DOMAIN_NETBIOS_NAME", "PARAM_VALUE"}) {
       xmlChar* value = xmlGetProp(node, reinterpret_cast<const xmlChar*>(column));
       if (value != nullptr) row += std::string("|") + reinterpret_cast<const char*>(value);
       xmlFree(value);
     }
     rows.push_back(row);
   }
-  const std::vector<std::string> expected = {
-      "WMIData|" + name + "|" + domain,
-      "AgentParams|" + name,
-      "AgentParams|" + domain,
-      "AgentParams|12abc",
-      "AgentParams|msp",
-      "AgentParams|Customer",
-      "AgentParams|7",
-      "AgentParams|1700000000",
-      "AgentParams|1",
-      "Resource|" + name + "|" + domain,
-      "InvAuditEntry"};
+  const std::vector<std::string> expected = {"WMIData|" + name + "|" + domain,
+                                             "AgentParams|" + name,
+                                             "AgentParams|" + domain,
+                                             "AgentParams|12abc",
+                                             "AgentParams|msp",
+                                             "AgentParams|Customer",
+                                             "AgentParams|7",
+                                             "AgentParams|1700000000",
+                                             "AgentParams|1",
+                                             "Resource|" + name + "|" + domain,
+                                             "InvAuditEntry"};
   EXPECT_EQ(rows, expected) << *body;
 }
 
