@@ -50,7 +50,8 @@ void SideBySideToolRunner::Stop() {
     stopping_ = true;
     waiting_.clear();
   }
-  changed_.notify_all();
+  queued_.notify_all();
+  ended_.notify_all();
   for (std::thread& worker : workers_) {
     if (worker.joinable()) worker.join();
   }
@@ -66,7 +67,7 @@ void SideBySideToolRunner::Plan(std::vector<PlannedCommand> commands) {
     const std::lock_guard lock(mutex_);
     PlanLocked(std::move(commands));
   }
-  changed_.notify_all();
+  queued_.notify_all();
 }
 
 void SideBySideToolRunner::PlanLocked(std::vector<PlannedCommand> commands) {
@@ -93,7 +94,7 @@ void SideBySideToolRunner::WorkerLoop() {
     TaskPtr task;
     {
       std::unique_lock lock(mutex_);
-      changed_.wait(lock, [this] { return stopping_ || !waiting_.empty(); });
+      queued_.wait(lock, [this] { return stopping_ || !waiting_.empty(); });
       if (stopping_) return;
       task = std::move(waiting_.front());
       waiting_.pop_front();
@@ -110,12 +111,15 @@ void SideBySideToolRunner::WorkerLoop() {
         // An output the follow-up cannot read plans nothing: the requests run as asked.
       }
     }
+    bool planned = false;
     {
       const std::lock_guard lock(mutex_);
       task->state = Task::State::kEnded;
+      planned = !next.empty();
       PlanLocked(std::move(next));
     }
-    changed_.notify_all();
+    ended_.notify_all();
+    if (planned) queued_.notify_all();
   }
 }
 
@@ -152,8 +156,8 @@ SideBySideToolRunner::TaskPtr SideBySideToolRunner::Answer(
     waiting_.erase(std::find(waiting_.begin(), waiting_.end(), task));
     waiting_.push_front(task);
   }
-  changed_.notify_all();
-  changed_.wait(lock, [&] { return task->state == Task::State::kEnded; });
+  queued_.notify_one();
+  ended_.wait(lock, [&] { return task->state == Task::State::kEnded; });
   return task;
 }
 

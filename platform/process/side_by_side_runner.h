@@ -85,7 +85,8 @@ class SideBySideToolRunner final : public ToolRunner {
   std::unique_ptr<ToolRunner> inner_;
   ScratchDirectory scratch_;
   std::mutex mutex_;
-  std::condition_variable changed_;
+  std::condition_variable queued_;  // a command waits for a worker, or the runner stops
+  std::condition_variable ended_;   // a task has ended
   std::vector<TaskPtr> planned_;
   std::deque<TaskPtr> waiting_;
   bool stopping_ = false;
