@@ -321,13 +321,7 @@ TEST(MachineScan, ApplicationsKeepTheirNamesAndLeaveOutTheAgentAndDuplicates) {
   ASSERT_EQ(agent.Run({"assetscan"}).exitCode, 0);
   ASSERT_EQ(server.Uploads().size(), 1u);
   const std::string rows = RowsOfClass(server.Uploads()[0].body, 18);
-  auto count = [&](const std::string& piece) {
-    std::size_t found = 0;
-    for (auto at = rows.find(piece); at != std::string::npos; at = rows.find(piece, at + 1)) {
-      ++found;
-    }
-    return found;
-  };
+  auto count = [&](const std::string& piece) { return CountOf(rows, piece); };
   EXPECT_EQ(count("|VLC;"), 1u);
   EXPECT_EQ(count("|Microsoft Error Reporting;"), 1u);
   EXPECT_EQ(count("|Python;"), 3u);
@@ -357,33 +351,19 @@ TEST(MachineScan, TheChangedMachineSendsItsDifference) {
   ASSERT_EQ(agent.Run({"scheduled"}).exitCode, 0);
   EXPECT_TRUE(LastLineIs(agent, "Scheduled", {"DiffData", "Success"})) << agent.AccessLog();
   ASSERT_EQ(server.Uploads().size(), 2u);
+  // One application as the difference document lists it: the fillers between its values.
   auto application = [](const std::string& name, const std::string& version,
                         const std::string& info, const std::string& path) {
-    return "        {\n"
-           "          \"1801\": \"" +
-           name +
-           "\",\n"
-           "          \"1802\": \"" +
-           version +
-           "\",\n"
-           "          \"1803\": \"" +
-           info +
-           "\",\n"
-           "          \"1804\": \"-\",\n"
-           "          \"1805\": \"-\",\n"
-           "          \"1806\": \"-\",\n"
-           "          \"1807\": \"Not available\",\n"
-           "          \"1808\": \"-\",\n"
-           "          \"1809\": \"-\",\n"
-           "          \"1810\": \"Not available\",\n"
-           "          \"1811\": \"-\",\n"
-           "          \"1812\": \"" +
-           path +
-           "\",\n"
-           "          \"1813\": \"-\",\n"
-           "          \"1814\": \"-\",\n"
-           "          \"1815\": \"-\"\n"
-           "        }\n";
+    std::string text = "        {\n";
+    const std::pair<int, std::string> values[] = {
+        {1801, name}, {1802, version},         {1803, info}, {1804, "-"}, {1805, "-"},
+        {1806, "-"},  {1807, "Not available"}, {1808, "-"},  {1809, "-"}, {1810, "Not available"},
+        {1811, "-"},  {1812, path},            {1813, "-"},  {1814, "-"}, {1815, "-"}};
+    for (const auto& [property, value] : values) {
+      text += "          \"" + std::to_string(property) + "\": \"" + value + "\"" +
+              (property == 1815 ? "\n" : ",\n");
+    }
+    return text + "        }\n";
   };
   const std::string expected =
       "{\n"

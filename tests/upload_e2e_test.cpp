@@ -121,10 +121,6 @@ TEST_F(UploadTest, WithoutAResourceIdTheServerIsAskedAndARefusalStopsTheRun) {
     // No collector ran.
     EXPECT_EQ(agent.ScanLog().find("Calling FetchInstalledSoftwareInfo method"), std::string::npos);
   }
-  AgentFolder agent("resid-down");
-  agent.UseMachine("macbook-sample");
-  EXPECT_EQ(agent.Run({"assetscan"}).exitCode, 0);
-  EXPECT_TRUE(LastLineIs(agent, "Manual", {"ResIDNotfound", "---"})) << agent.AccessLog();
 }
 
 TEST_F(UploadTest, HttpsWithACertificateMadeNowIsAccepted) {

@@ -187,27 +187,5 @@ TEST(SnapshotFileTest, OnlyThePlainShapeIsReadDirectly) {
   }
 }
 
-TEST(SnapshotFileTest, TextThatCannotBeWrittenRaisesAsToXmlPlistDoes) {
-  for (const std::string& bad : {std::string("caf\xE9"), std::string("a\0b", 3)}) {
-    PlistPtr scanData = PlistValue::MakeDictionary();
-    PlistPtr instance = PlistValue::MakeDictionary();
-    instance->SetValueForKey("1801", Text(bad));
-    scanData->SetValueForKey("18", PlistValue::MakeArray({instance}));
-    std::string expected;
-    try {
-      ToXmlPlist(*Root({}, scanData));
-      FAIL() << "ToXmlPlist wrote it";
-    } catch (const PlatformException& failure) {
-      expected = failure.description();
-    }
-    try {
-      SnapshotXml({}, *ScanData::FromPlist(*scanData));
-      FAIL() << "SnapshotXml wrote it";
-    } catch (const PlatformException& failure) {
-      EXPECT_EQ(failure.description(), expected);
-    }
-  }
-}
-
 }  // namespace
 }  // namespace tarn

@@ -2,12 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include "platform/http/curl_http_transport.h"
-#include "platform/http/loopback_server.h"
 #include "tarnutils/src/TarnGlobalvars.h"
 #include "tarnutils/src/testutil.h"
 
@@ -312,43 +309,6 @@ TEST_F(HttpHandlerTest, TlsPolicyFollowsTheSettings) {
       EXPECT_EQ(request.tls.unusable, c.error);
     }
   }
-}
-
-TEST_F(HttpHandlerTest, TalksToALoopbackServerThroughTheLiveTransport) {
-  std::mutex mutex;
-  std::vector<httplib::Request> seen;
-  testing::LoopbackServer server([&](httplib::Server& routes) {
-    const auto answer = [&](const httplib::Request& request, httplib::Response& response) {
-      const std::lock_guard lock(mutex);
-      seen.push_back(request);
-      response.set_header("X-Tarn-Header", "tarn");
-      response.set_content("<doc/>", "application/xml");
-    };
-    routes.Get(".*", answer);
-    routes.Post(".*", answer);
-  });
-  ASSERT_NE(server.port(), 0);
-  const ScopedPlatform live(
-      std::make_unique<Platform>(nullptr, nullptr, std::make_unique<CurlHttpTransport>()));
-  gv_globvars().Set_tarnlastaccessName("127.0.0.1");
-  gv_globvars().Set_tarnServerPort(static_cast<std::uint32_t>(server.port()));
-  HttpHandlermac client = HttpHandlermac::initWithTarnServerInfo();
-  client.SetValidateServer(true);
-
-  EXPECT_EQ(client.TarnSendData("/inventory?computer=Mac Book", "<DataObject/>"), 0u);
-  std::optional<std::string> body;
-  EXPECT_EQ(client.TarnGetData("client-data/C1/r.xml", body), 0u);
-  EXPECT_EQ(body, "<doc/>");
-  const std::lock_guard lock(mutex);
-  ASSERT_EQ(seen.size(), 2u);
-  EXPECT_EQ(seen[0].method, "POST");
-  EXPECT_EQ(seen[0].target, "//inventory?computer=Mac%20Book");
-  EXPECT_EQ(seen[0].get_header_value("Content-type"), "application/xml");
-  EXPECT_EQ(seen[0].get_header_value("Accept"), "text/xml");
-  EXPECT_EQ(seen[0].get_header_value("Connection"), "close");
-  EXPECT_EQ(seen[0].body, "<DataObject/>");
-  EXPECT_EQ(seen[1].method, "GET");
-  EXPECT_EQ(seen[1].target, "/client-data/C1/r.xml");
 }
 
 }  // namespace

@@ -82,16 +82,6 @@ TEST_F(AgentFolderTest, InstallPathsFromTheWorkingDirectory) {
   EXPECT_EQ(*gv_globvars().tarnagentBasePath(), base_.str() + "/other");
 }
 
-TEST_F(AgentFolderTest, DefaultsOfTheSettingsObject) {
-  const TarnGlobvars& vars = gv_globvars();
-  EXPECT_EQ(vars.tarnServerPort(), 8020u);
-  EXPECT_EQ(vars.tarnServerSecurePort(), 8383u);
-  EXPECT_EQ(vars.tarnDSPort(), 0u);
-  EXPECT_EQ(vars.tarnconfig_Policy(), -1);
-  EXPECT_FALSE(vars.isRemoteOffAgent());
-  EXPECT_FALSE(vars.tarnServerName());
-}
-
 TEST_F(AgentFolderTest, ServerDetailsFromTheWorkingCopy) {
   WritePlist("serverinfo.plist", {{"SERVERNAME", "srv.example.com"},
                                   {"SERVERIPADDRESS", "10.0.0.1"},
@@ -206,25 +196,22 @@ TEST_F(AgentFolderTest, TlsSettingsFromAgentConfiguration) {
     std::optional<std::string> pins;
     bool refused;  // every HTTPS request fails
   };
+  // TLS_VERIFY alone: verify, and whether every HTTPS request fails.
+  const auto verifyOnly = [](PlistPtr value, bool verify, bool refused) {
+    return Case{{{"TLS_VERIFY", std::move(value)}}, verify, std::nullopt, std::nullopt, refused};
+  };
+  using V = PlistValue;
   const std::vector<Case> cases = {
       {{{"Loglevel", text("3")}}, false, std::nullopt, std::nullopt, false},
-      {{{"TLS_VERIFY", text("1")}}, true, std::nullopt, std::nullopt, false},
-      {{{"TLS_VERIFY", text("TRUE")}}, true, std::nullopt, std::nullopt, false},
-      {{{"TLS_VERIFY", text("Yes")}}, true, std::nullopt, std::nullopt, false},
-      {{{"TLS_VERIFY", PlistValue::MakeBoolean(true)}}, true, std::nullopt, std::nullopt, false},
-      {{{"TLS_VERIFY", PlistValue::MakeInteger(1)}}, true, std::nullopt, std::nullopt, false},
-      {{{"TLS_VERIFY", text("0")}}, false, std::nullopt, std::nullopt, false},
-      {{{"TLS_VERIFY", text("False")}}, false, std::nullopt, std::nullopt, false},
-      {{{"TLS_VERIFY", text("NO")}}, false, std::nullopt, std::nullopt, false},
-      {{{"TLS_VERIFY", PlistValue::MakeBoolean(false)}}, false, std::nullopt, std::nullopt, false},
-      {{{"TLS_VERIFY", PlistValue::MakeInteger(0)}}, false, std::nullopt, std::nullopt, false},
+      verifyOnly(text("1"), true, false), verifyOnly(text("TRUE"), true, false),
+      verifyOnly(text("Yes"), true, false), verifyOnly(V::MakeBoolean(true), true, false),
+      verifyOnly(V::MakeInteger(1), true, false), verifyOnly(text("0"), false, false),
+      verifyOnly(text("False"), false, false), verifyOnly(text("NO"), false, false),
+      verifyOnly(V::MakeBoolean(false), false, false), verifyOnly(V::MakeInteger(0), false, false),
       // Anything else checks the chain and fails every request.
-      {{{"TLS_VERIFY", text("")}}, true, std::nullopt, std::nullopt, true},
-      {{{"TLS_VERIFY", text(" ")}}, true, std::nullopt, std::nullopt, true},
-      {{{"TLS_VERIFY", text(" true")}}, true, std::nullopt, std::nullopt, true},
-      {{{"TLS_VERIFY", text("on")}}, true, std::nullopt, std::nullopt, true},
-      {{{"TLS_VERIFY", PlistValue::MakeInteger(2)}}, true, std::nullopt, std::nullopt, true},
-      {{{"TLS_VERIFY", PlistValue::MakeReal(1.0)}}, true, std::nullopt, std::nullopt, true},
+      verifyOnly(text(""), true, true), verifyOnly(text(" "), true, true),
+      verifyOnly(text(" true"), true, true), verifyOnly(text("on"), true, true),
+      verifyOnly(V::MakeInteger(2), true, true), verifyOnly(V::MakeReal(1.0), true, true),
       {{{"TLS_VERIFY", text("maybe")}, {"TLS_CA_FILE", text("ca.pem")}},
        true,
        Data("ca.pem"),
