@@ -18,11 +18,13 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <initializer_list>
 #include <memory>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -199,9 +201,26 @@ void ParsePrinters(const PlistPtr& items, Rows& rows);
 void ParseCDDrive(const PlistPtr& report, Rows& rows);
 void ParseVideoController(const PlistPtr& items, Rows& rows);
 
-// The applications report's "_items". Applications already in swSet, the agent's helper and
-// copies of the agent outside agentBasePath are passed; an application without "_name"
-// raises. On success logs the count and sets facts.osIndex.
+// What the software collector reads of one item of the applications report.
+struct ApplicationFields {
+  OptText name;     // "_name"
+  OptText version;  // "version"
+  OptText path;     // "path"
+  OptText info;     // "info"
+  // Set for an item that could not be read (no dictionary): what reading it raised.
+  std::exception_ptr unreadable;
+};
+// The fields of each of the applications report's "_items", in order, up to and including an
+// item that cannot be read: all the rows are made from, so that the report can be released
+// before they are recorded.
+std::vector<ApplicationFields> ApplicationsIn(const PlistPtr& items);
+// The rows of the applications. Applications already in swSet, the agent's helper and copies
+// of the agent outside agentBasePath are passed; an application without "_name" raises. On
+// success logs the count and sets facts.osIndex.
+void AddApplicationRows(std::span<const ApplicationFields> applications,
+                        const OptText& agentBasePath, SoftwareSet& swSet, CollectorFacts& facts,
+                        Rows& rows);
+// Both steps on the applications report's "_items".
 void ParseInstalledSoftware(const PlistPtr& items, const OptText& agentBasePath, SoftwareSet& swSet,
                             CollectorFacts& facts, Rows& rows);
 

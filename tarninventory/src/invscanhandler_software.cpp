@@ -1,6 +1,7 @@
 // Installed applications.
-#include <array>
+#include <exception>
 #include <filesystem>
+#include <span>
 #include <system_error>
 #include <vector>
 
@@ -35,8 +36,8 @@ std::string DeletingLastPathComponent(std::string path) {
 }
 
 // Only the copy of the agent installed in the agent's own folder is reported.
-bool IsInstalledAgentCopy(const OptView& path, const OptText& basePath) {
-  return path && basePath && DeletingLastPathComponent(std::string(*path)) == *basePath;
+bool IsInstalledAgentCopy(const OptText& path, const OptText& basePath) {
+  return path && basePath && DeletingLastPathComponent(*path) == *basePath;
 }
 
 }  // namespace
@@ -57,11 +58,12 @@ void ProplistXMLParser::FetchInstalledSoftwareInfo() {
                    status);
       return;
     }
+    // The report is the one large document of a run: only the four texts of each application
+    // are kept, and the report is released before the rows are recorded.
+    const std::vector<ApplicationFields> applications =
+        ApplicationsIn(GetArrayObjectFromPlist(reportPath));
     RecordRowsOf([&](Rows& rows) {
-      // The report is the one large document of a run: it is released (at the end of this
-      // step) before the rows are recorded.
-      ParseInstalledSoftware(GetArrayObjectFromPlist(reportPath), gv_globvars().tarnagentBasePath(),
-                             swSet, bufferDict, rows);
+      AddApplicationRows(applications, gv_globvars().tarnagentBasePath(), swSet, bufferDict, rows);
     });
     RemoveFile(reportPath);
   } catch (const PlatformException& failure) {
@@ -70,43 +72,33 @@ void ProplistXMLParser::FetchInstalledSoftwareInfo() {
   }
 }
 
-namespace {
-
-// The value's text as TextOf gives it: viewed in the report when it is a string (the usual
-// case), otherwise made into `made`, which the view then points into.
-OptView TextIn(const PlistPtr& value, OptText& made) {
-  if (value && value->IsString()) return std::string_view(value->String());
-  made = TextOf(value);
-  return made ? OptView(*made) : std::nullopt;
+std::vector<ApplicationFields> ApplicationsIn(const PlistPtr& items) {
+  std::vector<ApplicationFields> applications;
+  applications.reserve(Count(items));
+  for (std::size_t i = 0; i < Count(items); ++i) {
+    ApplicationFields& fields = applications.emplace_back();
+    try {
+      const PlistPtr item = ObjectAtIndex(items, i);
+      fields = {TextOf(ValueForKey(item, "_name")), TextOf(ValueForKey(item, "version")),
+                TextOf(ValueForKey(item, "path")), TextOf(ValueForKey(item, "info")), nullptr};
+    } catch (const PlatformException&) {
+      // Read no further: the rows stop here with the same raise.
+      fields.unreadable = std::current_exception();
+      break;
+    }
+  }
+  return applications;
 }
 
-// What the collector reads of one item of the applications report, viewed in the report.
-struct ApplicationFields {
-  OptView name;
-  OptView version;
-  OptView path;
-  OptView info;
-  std::array<OptText, 4> made;  // the texts of values that are not strings
-
-  void Read(const PlistPtr& item) {
-    name = TextIn(ValueForKey(item, "_name"), made[0]);
-    version = TextIn(ValueForKey(item, "version"), made[1]);
-    path = TextIn(ValueForKey(item, "path"), made[2]);
-    info = TextIn(ValueForKey(item, "info"), made[3]);
-  }
-};
-
-}  // namespace
-
-void ParseInstalledSoftware(const PlistPtr& items, const OptText& agentBasePath, SoftwareSet& swSet,
-                            CollectorFacts& facts, Rows& rows) {
+void AddApplicationRows(std::span<const ApplicationFields> applications,
+                        const OptText& agentBasePath, SoftwareSet& swSet, CollectorFacts& facts,
+                        Rows& rows) {
   std::int32_t recorded = 0;
-  ApplicationFields application;
-  for (std::size_t i = 0; i < Count(items); ++i) {
-    application.Read(ObjectAtIndex(items, i));
-    const OptView& name = application.name;
-    const OptView& version = application.version;
-    const OptView& path = application.path;
+  for (const ApplicationFields& application : applications) {
+    if (application.unreadable) std::rethrow_exception(application.unreadable);
+    const OptText& name = application.name;
+    const OptText& version = application.version;
+    const OptText& path = application.path;
     if (name == kAgentHelperName) continue;
     if (name == kAgentName && !IsInstalledAgentCopy(path, agentBasePath)) continue;
     if (!name) {
@@ -129,6 +121,11 @@ void ParseInstalledSoftware(const PlistPtr& items, const OptText& agentBasePath,
   }
   UserLogMessage("FetchInstalledSoftwareInfo : %d Softwares found \n", recorded);
   facts.osIndex = static_cast<std::uint32_t>(recorded) + 1;
+}
+
+void ParseInstalledSoftware(const PlistPtr& items, const OptText& agentBasePath, SoftwareSet& swSet,
+                            CollectorFacts& facts, Rows& rows) {
+  AddApplicationRows(ApplicationsIn(items), agentBasePath, swSet, facts, rows);
 }
 
 }  // namespace tarn
