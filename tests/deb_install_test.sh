@@ -14,6 +14,8 @@
 #   PREFIX: the install prefix the packages were made for (the agent folder)
 # Exits 77 (skipped) when not root, without debootstrap, or without namespaces.
 set -euo pipefail
+# shellcheck source=tests/server_wait.sh
+. "$(dirname "$0")/server_wait.sh"
 
 build=$(cd "${1:?build folder}" && pwd)
 source_dir=$(cd "${2:?source folder}" && pwd)
@@ -119,12 +121,8 @@ read -r -a command <<<"$exec_start"
 chroot --userspec="$user:$user" "$root" "${command[@]}" >"$work/server.log" 2>&1 &
 server=$!
 trap 'kill "$server" 2>/dev/null || true' EXIT
-for _ in $(seq 1 100); do
-  grep -q '^listening on ' "$work/server.log" && break
-  kill -0 "$server" 2>/dev/null || break
-  sleep 0.1
-done
-grep -q '^listening on ' "$work/server.log" || { cat "$work/server.log"; fail "server did not start"; }
+wait_until_listening "$work/server.log" "$server" ||
+  { cat "$work/server.log"; fail "server did not start"; }
 address=$(sed -n 's/^listening on //p' "$work/server.log")
 echo "   $address, as $user"
 

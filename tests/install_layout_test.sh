@@ -4,6 +4,8 @@
 # elsewhere, still finds its catalogue beside itself.
 # Usage: tests/install_layout_test.sh BUILD_DIR
 set -euo pipefail
+# shellcheck source=tests/server_wait.sh
+. "$(dirname "$0")/server_wait.sh"
 
 build=$(cd "${1:?build folder}" && pwd)
 work=$(mktemp -d)
@@ -39,11 +41,7 @@ mv "$work/prefix" "$work/moved"
 "$work/moved/bin/tarn-refserver" --db "$work/db.sqlite" --port 0 >"$work/server.log" 2>&1 &
 server=$!
 trap 'kill "$server" 2>/dev/null || true; rm -rf "$work"' EXIT
-for _ in $(seq 1 100); do
-  grep -q '^listening on ' "$work/server.log" && break
-  kill -0 "$server" 2>/dev/null || break
-  sleep 0.1
-done
+wait_until_listening "$work/server.log" "$server" || true
 if ! grep -qF "classes from $work/moved/share/tarninventory/Mac_InvClasses.xml" "$work/server.log" ||
   ! grep -q '^listening on ' "$work/server.log"; then
   echo "FAILED: the moved server did not start on its own catalogue"
