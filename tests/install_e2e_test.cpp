@@ -111,7 +111,8 @@ TEST(EndOfRunTest, TheLastLineOnStandardErrorSaysWhatHappened) {
   result = agent.Run({"assetscan"});
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_EQ(LastLine(result.standardError),
-            "tarninventory: FullData Failure (server not reachable: transport error 7)" + see);
+            "tarninventory: FullData Failure (server not reachable at 1 address: transport error "
+            "7)" + see);
 
   InventoryServer server;
   agent.ServeAt(server.port());

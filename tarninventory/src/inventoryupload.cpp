@@ -14,12 +14,12 @@
 #include "platform/console_log.h"
 #include "tarninventory/src/FullScanHandler.h"
 #include "tarninventory/src/accesslog.h"
+#include "tarninventory/src/diffdocument.h"
 #include "tarninventory/src/fileattributes.h"
 #include "tarninventory/src/localinventory.h"
 #include "tarninventory/src/runcontext.h"
 #include "tarninventory/src/scanrun.h"
 #include "tarninventory/src/scansettings.h"
-#include "tarninventory/src/diffdocument.h"
 #include "tarninventory/src/uploadrows.h"
 #include "tarnutils/src/HttpHandler_mac.h"
 #include "tarnutils/src/JsonEncoder.h"
@@ -156,20 +156,21 @@ PreparedUpload PrepareUpload(const RunContext& context, const std::string& audit
     upload.body = FullScanBody(auditId, upload.currentTime, previousTime);
   } else {
     const std::string previous = PreviousTimeOrZero(previousTime);
-    upload.address += "&scanType=0&prevScanTime=" + previous +
-                      "&jsonFormat=1&currScanTime=" + upload.currentTime;
+    upload.address +=
+        "&scanType=0&prevScanTime=" + previous + "&jsonFormat=1&currScanTime=" + upload.currentTime;
     PrintAccessLogColumn(accessLogPath, kDiffData);
     upload.body = DiffScanBody(context, auditId, upload.currentTime, previous);
   }
   return upload;
 }
 
-DWORD SendUpload(PreparedUpload upload, const std::string& accessLogPath) {
+SentUpload SendUpload(PreparedUpload upload, const std::string& accessLogPath) {
   UserLogMessage("SendInventoryData:urltosend: %s\n", upload.address.c_str());
   HttpHandlermac client = HttpHandlermac::initWithTarnServerInfo();
-  const DWORD result = client.TarnSendData(upload.address, std::move(upload.body));
-  PrintAccessLogColumn(accessLogPath, result == 0 ? kSuccess : kFailure);
-  return result;
+  const SentUpload sent{client.TarnSendData(upload.address, std::move(upload.body)),
+                        client.PostAddressCount()};
+  PrintAccessLogColumn(accessLogPath, sent.result == 0 ? kSuccess : kFailure);
+  return sent;
 }
 
 DWORD SaveLocalUpload(const RunContext& context, const PreparedUpload& upload,
@@ -232,6 +233,5 @@ void RecordAcceptedScan(const RunContext& context, const std::string& currentTim
   }
   StateStore(context).WriteToProplist();
 }
-
 
 }  // namespace tarn

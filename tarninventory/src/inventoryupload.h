@@ -34,9 +34,15 @@ struct PreparedUpload {
 PreparedUpload PrepareUpload(const RunContext& context, const std::string& auditId,
                              const std::string& accessLogPath);
 
-// Posts the upload and writes the STATUS column. 0 when the server accepted it, otherwise
-// the HTTP client's result.
-DWORD SendUpload(PreparedUpload upload, const std::string& accessLogPath);
+// What posting the upload gave: 0 when the server accepted it, otherwise the HTTP client's
+// result; and how many server addresses it was offered to.
+struct SentUpload {
+  DWORD result = 1;
+  std::size_t addresses = 0;
+};
+
+// Posts the upload and writes the STATUS column.
+SentUpload SendUpload(PreparedUpload upload, const std::string& accessLogPath);
 
 // A local run (--local): the documents of the upload are written into the run's local folder
 // instead of being sent, each path on standard output; a difference scan writes the

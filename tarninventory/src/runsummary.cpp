@@ -7,6 +7,12 @@
 namespace tarn {
 namespace {
 
+// " at N addresses" (" at 1 address"); nothing when the count is not known.
+std::string AtAddresses(std::size_t count) {
+  if (count == 0) return "";
+  return " at " + std::to_string(count) + (count == 1 ? " address" : " addresses");
+}
+
 // The detail of a run that stopped or failed, by the result word it wrote.
 std::string DetailOf(const std::string& result, const RunFacts& facts) {
   if (result == kSuccess) {
@@ -16,13 +22,15 @@ std::string DetailOf(const std::string& result, const RunFacts& facts) {
     if (facts.localFolder) return "could not write into " + *facts.localFolder;
     if (facts.uploadResult == 1u) return "the server did not accept the upload";
     if (facts.uploadResult) {
-      return "server not reachable: transport error " + std::to_string(*facts.uploadResult);
+      return "server not reachable" + AtAddresses(facts.uploadAddresses) + ": transport error " +
+             std::to_string(*facts.uploadResult);
     }
     return "";
   }
   if (result == kResIDNotfound) return "no resource id: the server did not give one";
   if (result == kInvClassDoFail) {
-    return "the class catalogue " + facts.dataFolder + "/Mac_InvClasses.xml is missing or "
+    return "the class catalogue " + facts.dataFolder +
+           "/Mac_InvClasses.xml is missing or "
            "unreadable";
   }
   // DatadictFail, InvDatadictFail, and the two dictionaries that leave no word.

@@ -1,11 +1,12 @@
 // The line a run ends with on the standard error it was started with: the scan kind, the
 // result word of the access log and where the scan log is, e.g.
-//   "tarninventory: FullData Failure (server not reachable: transport error 7); see
-//    /opt/tarninventory/logs/tarndevicescan.log"
+//   "tarninventory: FullData Failure (server not reachable at 3 addresses: transport
+//    error 7); see /opt/tarninventory/logs/tarndevicescan.log"
 // The scan log takes standard error over once logging starts, so the driver keeps a copy of
 // the original descriptor for this line.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -33,10 +34,11 @@ std::optional<AccessLogRun> ReadAccessLogRun(std::string_view runText);
 
 // Where the run stood at its end, besides its access-log line.
 struct RunFacts {
-  bool diffScan = false;                    // the run type it ended with
-  std::optional<DWORD> uploadResult;        // SendInventoryData's result, when it ran
-  std::optional<std::string> localFolder;   // --local: where the documents went
-  std::string dataFolder;                   // BASE/data
+  bool diffScan = false;                   // the run type it ended with
+  std::optional<DWORD> uploadResult;       // SendInventoryData's result, when it ran
+  std::size_t uploadAddresses = 0;         // the server addresses the upload was offered to
+  std::optional<std::string> localFolder;  // --local: where the documents went
+  std::string dataFolder;                  // BASE/data
 };
 
 // The outcome of a run whose access-log line is `line` (nothing: it could not be written).

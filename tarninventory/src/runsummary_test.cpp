@@ -18,6 +18,7 @@ TEST(RunSummaryTest, TheLineFollowsTheWordsOfTheAccessLog) {
     std::optional<DWORD> uploadResult;
     std::optional<std::string> localFolder;
     std::string line;
+    std::size_t addresses = 0;  // the server addresses the upload was offered to
   };
   const std::string see = "; see /opt/t/logs/tarndevicescan.log\n";
   const Case cases[] = {
@@ -25,9 +26,18 @@ TEST(RunSummaryTest, TheLineFollowsTheWordsOfTheAccessLog) {
        std::nullopt, "tarninventory: FullData Success" + see},
       // The access log's words win over the run type the driver ended with.
       {start + AccessLogColumnPiece(kDiffData) + AccessLogColumnPiece(kFailure) + end, false, 7,
-       std::nullopt, "tarninventory: DiffData Failure (server not reachable: transport error 7)" + see},
+       std::nullopt,
+       "tarninventory: DiffData Failure (server not reachable at 3 addresses: transport error 7)" +
+           see,
+       3},
+      {start + AccessLogColumnPiece(kFullData) + AccessLogColumnPiece(kFailure) + end, false, 6,
+       std::nullopt,
+       "tarninventory: FullData Failure (server not reachable at 1 address: transport error 6)" +
+           see,
+       1},
       {start + AccessLogColumnPiece(kFullData) + AccessLogColumnPiece(kFailure) + end, false, 1,
-       std::nullopt, "tarninventory: FullData Failure (the server did not accept the upload)" + see},
+       std::nullopt,
+       "tarninventory: FullData Failure (the server did not accept the upload)" + see},
       {start + AccessLogColumnPiece(kFullData) + AccessLogColumnPiece(kSuccess) + end, false, 0,
        "/tmp/out", "tarninventory: FullData Success (written to /tmp/out)" + see},
       {start + AccessLogColumnPiece(kDiffData) + AccessLogColumnPiece(kFailure) + end, true, 1,
@@ -36,18 +46,22 @@ TEST(RunSummaryTest, TheLineFollowsTheWordsOfTheAccessLog) {
        "tarninventory: DiffData ResIDNotfound (no resource id: the server did not give one)" + see},
       {start + AccessLogFailurePiece(kInvClassDoFail) + end, false, std::nullopt, std::nullopt,
        "tarninventory: FullData InvClassDoFail (the class catalogue "
-       "/opt/t/data/Mac_InvClasses.xml is missing or unreadable)" + see},
+       "/opt/t/data/Mac_InvClasses.xml is missing or unreadable)" +
+           see},
       {start + AccessLogFailurePiece(kDatadictFail) + end, false, std::nullopt, std::nullopt,
        "tarninventory: FullData DatadictFail (a data dictionary in /opt/t/data is missing or "
-       "unreadable)" + see},
+       "unreadable)" +
+           see},
       // The framework and on-premise dictionaries leave no word.
       {start + end, true, std::nullopt, std::nullopt,
        "tarninventory: DiffData stopped (a data dictionary in /opt/t/data is missing or "
-       "unreadable)" + see},
-      {AccessLogStartPiece("01-02-2024", kModeInvalidArgs, "10:00:00") + end, false,
-       std::nullopt, std::nullopt,
+       "unreadable)" +
+           see},
+      {AccessLogStartPiece("01-02-2024", kModeInvalidArgs, "10:00:00") + end, false, std::nullopt,
+       std::nullopt,
        "tarninventory: InvalidArgs (give a scan word: assetscan, ondemand, scheduled or "
-       "postinstall)" + see},
+       "postinstall)" +
+           see},
       // An access log that could not be written.
       {"", false, std::nullopt, std::nullopt, "tarninventory: FullData stopped" + see},
   };
@@ -56,9 +70,10 @@ TEST(RunSummaryTest, TheLineFollowsTheWordsOfTheAccessLog) {
     facts.diffScan = c.diffScan;
     facts.uploadResult = c.uploadResult;
     facts.localFolder = c.localFolder;
-    EXPECT_EQ(SummaryLine(OutcomeOf(ReadAccessLogRun(c.text), facts),
-                          "/opt/t/logs/tarndevicescan.log"),
-              c.line);
+    facts.uploadAddresses = c.addresses;
+    EXPECT_EQ(
+        SummaryLine(OutcomeOf(ReadAccessLogRun(c.text), facts), "/opt/t/logs/tarndevicescan.log"),
+        c.line);
   }
   EXPECT_EQ(SummaryLine({"", "stopped", "folders open to others"}, std::nullopt),
             "tarninventory: stopped (folders open to others)\n");

@@ -1,6 +1,7 @@
 #include "tarninventory/src/tarninventory.h"
 
 #include <fcntl.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,7 +9,6 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
-#include <strings.h>
 
 #include "framework/imds/dataset.h"
 #include "framework/imds/xmltodo.h"
@@ -24,11 +24,11 @@
 #include "tarninventory/src/InvClassHandler.h"
 #include "tarninventory/src/accesslog.h"
 #include "tarninventory/src/commandline.h"
-#include "tarninventory/src/invscanhandler.h"
 #include "tarninventory/src/inventoryupload.h"
+#include "tarninventory/src/invscanhandler.h"
 #include "tarninventory/src/localinventory.h"
-#include "tarninventory/src/runsummary.h"
 #include "tarninventory/src/runcontext.h"
+#include "tarninventory/src/runsummary.h"
 #include "tarninventory/src/scanrun.h"
 #include "tarninventory/src/scansettings.h"
 #include "tarnutils/src/TarnDiagnostics.h"
@@ -107,8 +107,9 @@ void InstallConfiguredPlatform() {
   options.timing = AgentConfigurationIsOn(kToolReplayTimingKey);
   std::unique_ptr<Platform> replay = MakeReplayPlatform(machine, std::move(options));
   if (!replay) {
-    ErrorLogMessage("Recorded machine at %s could not be read, running the tools of this computer\n",
-                    machine.c_str());
+    ErrorLogMessage(
+        "Recorded machine at %s could not be read, running the tools of this computer\n",
+        machine.c_str());
     return;
   }
   InstallPlatform(std::move(replay));
@@ -227,8 +228,7 @@ int RunScan(const CommandLine& command) {
       TellOutcome(console, {"", "stopped", "no temporary folder for a local run"}, std::nullopt);
       return 1;
     }
-    facts.localFolder =
-        std::filesystem::absolute(*command.localFolder).lexically_normal().string();
+    facts.localFolder = std::filesystem::absolute(*command.localFolder).lexically_normal().string();
   }
   const int level = GetLogLevel();
   RotateLog(kScanLogBaseName);
@@ -243,8 +243,8 @@ int RunScan(const CommandLine& command) {
   const std::string scanLog = LogPath() + "/" + kScanLogFileName;
   facts.dataFolder = DataDictPath();
 
-  const std::string accessLogPath = throwaway ? throwaway->FilePath(kAccessLogFileName)
-                                              : AccessLogPath(LogPath());
+  const std::string accessLogPath =
+      throwaway ? throwaway->FilePath(kAccessLogFileName) : AccessLogPath(LogPath());
   if (!throwaway) {
     RotateLog(kAccessLogBaseName);
   }
@@ -290,8 +290,10 @@ int RunScan(const CommandLine& command) {
     if (run.localFolder) {
       facts.uploadResult = SaveLocalUpload(context, upload, auditId, accessLogPath);
     } else {
-      facts.uploadResult = SendUpload(std::move(upload), accessLogPath);
-      if (facts.uploadResult == 0) RecordAcceptedScan(context, currentTime);
+      const SentUpload sent = SendUpload(std::move(upload), accessLogPath);
+      facts.uploadResult = sent.result;
+      facts.uploadAddresses = sent.addresses;
+      if (sent.result == 0) RecordAcceptedScan(context, currentTime);
     }
   } else {
     facts.uploadResult = 1;

@@ -83,6 +83,8 @@ class HttpHandlermac {
   // On: a 200 answer counts only when it carries kServerHeader.
   void SetValidateServer(bool on) { validateServer = on; }
   bool GetValidateServer() const { return validateServer; }
+  // How many server addresses an upload is offered to, one after another.
+  std::size_t PostAddressCount() const { return PostAddresses().size(); }
   // The address that answered this object's last successful request (or its 304/404).
   const std::optional<std::string>& GetLastAccessAddress() const { return lastaccessAddress; }
 
