@@ -34,8 +34,8 @@ struct PlannedCommand {
 // (same launch path and arguments, Run or RunToFile as planned) with its result, waiting
 // while it still runs. A planned command runs once however often it is asked for (a file
 // output: until it is handed over, below). A request for a command still waiting moves it to
-// the front; an unplanned request runs, as asked,
-// on the next free worker (so no more than `parallel` tools ever run).
+// the front; an unplanned request runs, as asked, on the next free worker (so no more than
+// `parallel` tools ever run).
 //
 // What the inner runner logs about a run (the tool's standard error, its own failures) is
 // kept and written when the result is handed to a request, every time it is, and a launch
